@@ -1,0 +1,166 @@
+// process.cpp - child processes with captured output for the tests.
+#include "process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <regex>
+#include <stdexcept>
+
+extern char **environ;
+
+namespace kvn_test {
+namespace {
+
+std::vector<std::string> build_env(const ProcessOptions &opt)
+{
+    std::map<std::string, std::string> env;
+    for (char **e = environ; *e; ++e) {
+        std::string kv = *e;
+        auto eq = kv.find('=');
+        if (eq != std::string::npos)
+            env[kv.substr(0, eq)] = kv.substr(eq + 1);
+    }
+    for (const auto &[k, v] : opt.env) {
+        if (v)
+            env[k] = *v;
+        else
+            env.erase(k);
+    }
+    std::vector<std::string> out;
+    for (const auto &[k, v] : env)
+        out.push_back(k + "=" + v);
+    return out;
+}
+
+struct Pipe {
+    int fd[2] = {-1, -1};
+    Pipe()
+    {
+        if (pipe2(fd, O_CLOEXEC) != 0)
+            throw std::runtime_error("pipe2 failed");
+    }
+    ~Pipe()
+    {
+        for (int f : fd)
+            if (f >= 0)
+                close(f);
+    }
+    void close_end(int i)
+    {
+        if (fd[i] >= 0)
+            close(fd[i]);
+        fd[i] = -1;
+    }
+};
+
+} // namespace
+
+ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOptions &opt)
+{
+    ProcessResult res;
+    Pipe in, out, err;
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_adddup2(&fa, in.fd[0], 0);
+    posix_spawn_file_actions_adddup2(&fa, out.fd[1], 1);
+    posix_spawn_file_actions_adddup2(&fa, err.fd[1], 2);
+
+    std::vector<char *> args;
+    for (const auto &a : argv)
+        args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+    auto env_strings = build_env(opt);
+    std::vector<char *> envp;
+    for (auto &e : env_strings)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, args[0], &fa, nullptr, args.data(), envp.data());
+    posix_spawn_file_actions_destroy(&fa);
+    if (rc != 0) {
+        res.err = std::string("spawn failed: ") + strerror(rc);
+        return res;
+    }
+    in.close_end(0);
+    out.close_end(1);
+    err.close_end(1);
+
+    // Feed stdin, then close it.
+    size_t written = 0;
+    while (written < opt.stdin_text.size()) {
+        ssize_t n = write(in.fd[1], opt.stdin_text.data() + written, opt.stdin_text.size() - written);
+        if (n <= 0)
+            break;
+        written += static_cast<size_t>(n);
+    }
+    in.close_end(1);
+
+    auto deadline = std::chrono::steady_clock::now() + opt.timeout;
+    bool open_out = true, open_err = true;
+    char buf[65536];
+    while (open_out || open_err) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            res.timed_out = true;
+            kill(pid, SIGKILL);
+            break;
+        }
+        pollfd fds[2] = {{open_out ? out.fd[0] : -1, POLLIN, 0}, {open_err ? err.fd[0] : -1, POLLIN, 0}};
+        int n = poll(fds, 2, static_cast<int>(std::min<long>(left.count(), 1000)));
+        if (n < 0 && errno != EINTR)
+            break;
+        for (int i = 0; i < 2; ++i) {
+            if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
+                continue;
+            ssize_t r = read(fds[i].fd, buf, sizeof(buf));
+            if (r > 0) {
+                (i == 0 ? res.out : res.err).append(buf, static_cast<size_t>(r));
+            } else {
+                (i == 0 ? open_out : open_err) = false;
+            }
+        }
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFEXITED(status))
+        res.exit_code = WEXITSTATUS(status);
+    else if (WIFSIGNALED(status))
+        res.exit_code = 128 + WTERMSIG(status);
+    return res;
+}
+
+TempDir::TempDir()
+{
+    const char *base = getenv("TMPDIR");
+    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/kvn-test-XXXXXX";
+    if (!mkdtemp(tmpl.data()))
+        throw std::runtime_error("mkdtemp failed");
+    path_ = tmpl;
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+}
+
+std::string mask_trace_lines(const std::string &text)
+{
+    static const std::regex ril(R"((RIL\[[^\]:]*:)\d+\])");
+    static const std::regex sub(R"((SUB\[[^\]]*\]\[[^\]:]*:)\d+\])");
+    std::string t = std::regex_replace(text, ril, "$1N]");
+    return std::regex_replace(t, sub, "$1N]");
+}
+
+} // namespace kvn_test

@@ -1,0 +1,49 @@
+// process.h - runs a program as a child process and captures what it prints,
+// for tests that check the tool's whole output.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kvn_test {
+
+struct ProcessResult {
+    int exit_code = -1;     // exit status, or 128 + signal when killed
+    bool timed_out = false; // killed because it ran past its time limit
+    std::string out;        // everything written to stdout
+    std::string err;        // everything written to stderr
+};
+
+struct ProcessOptions {
+    // Environment changes on top of the test's own environment: a value sets
+    // the variable, std::nullopt removes it.
+    std::map<std::string, std::optional<std::string>> env;
+    std::chrono::milliseconds timeout{60000};
+    std::string stdin_text;
+};
+
+// Runs argv[0] with argv and waits for it (killing it after the timeout).
+ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOptions &opt = {});
+
+// A fresh directory under $TMPDIR (or /tmp), removed with its content when the
+// object goes away.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    const std::string &path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// Replaces every run of decimal digits that follows "RIL[name:" or "SUB[...][file:"
+// with "N", so tests can compare traces without pinning source line numbers.
+std::string mask_trace_lines(const std::string &text);
+
+} // namespace kvn_test

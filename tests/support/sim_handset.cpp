@@ -1,0 +1,104 @@
+// sim_handset.cpp - kvn-sim as a fixture of end-to-end tests.
+#include "sim_handset.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace kvn_test {
+namespace {
+
+std::string from_env_or(const char *var, const char *fallback)
+{
+    const char *v = getenv(var);
+    return v && *v ? v : fallback;
+}
+
+} // namespace
+
+std::string kvn_bin() { return from_env_or("KVN_TEST_KVN_BIN", KVN_TEST_KVN_BIN); }
+std::string kvn_sim_bin() { return from_env_or("KVN_TEST_SIM_BIN", KVN_TEST_SIM_BIN); }
+
+SimHandset::SimHandset(const std::string &scenario_json) : socket_(dir_.path() + "/sim.sock")
+{
+    std::string scenario;
+    if (!scenario_json.empty()) {
+        scenario = dir_.path() + "/scenario.json";
+        std::ofstream(scenario) << scenario_json;
+    }
+    started_ = start(scenario);
+    if (!started_)
+        ADD_FAILURE() << "kvn-sim did not start on " << socket_;
+}
+
+SimHandset::~SimHandset()
+{
+    if (started_)
+        stop();
+}
+
+bool SimHandset::start(const std::string &scenario_path)
+{
+    std::vector<std::string> argv = {kvn_sim_bin(), "start", "--state", state_dir(), "--socket", socket_};
+    if (!scenario_path.empty()) {
+        argv.push_back("--scenario");
+        argv.push_back(scenario_path);
+    }
+    ProcessOptions opt;
+    opt.env["KVN_SIM_SOCKET"] = socket_;
+    auto r = run_process(argv, opt);
+    if (r.exit_code != 0)
+        ADD_FAILURE() << "kvn-sim start: " << r.out << r.err;
+    started_ = r.exit_code == 0;
+    return started_;
+}
+
+bool SimHandset::stop()
+{
+    auto r = ctl({"stop"});
+    started_ = false;
+    return r.exit_code == 0;
+}
+
+bool SimHandset::restart()
+{
+    stop();
+    return start();
+}
+
+ProcessResult SimHandset::kvn(const std::vector<std::string> &args, ProcessOptions opt) const
+{
+    std::vector<std::string> argv = {kvn_bin()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    opt.env["KVN_SIM_SOCKET"] = socket_;
+    opt.env.try_emplace("PELMOX_SHELL_PRINT_FLAG", "1");
+    opt.env.try_emplace("PELMOX_PRINT_FLAG", "0");
+    return run_process(argv, opt);
+}
+
+ProcessResult SimHandset::ctl(const std::vector<std::string> &args, ProcessOptions opt) const
+{
+    std::vector<std::string> argv = {kvn_sim_bin()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    argv.push_back("--socket");
+    argv.push_back(socket_);
+    opt.env["KVN_SIM_SOCKET"] = socket_;
+    return run_process(argv, opt);
+}
+
+std::vector<std::string> SimHandset::journal() const
+{
+    auto r = ctl({"journal"});
+    std::vector<std::string> lines;
+    std::istringstream in(r.out);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty())
+            lines.push_back(line);
+    return lines;
+}
+
+void SimHandset::clear_journal() const { ctl({"journal", "--clear"}); }
+
+} // namespace kvn_test
