@@ -92,9 +92,13 @@ struct qmi_idl_service_object {
     uint32_t idl_version;          /* IDL major version */
     uint32_t service_id;
     uint32_t max_msg_len;          /* largest message on the wire */
-    uint16_t n_msgs[QMI_IDL_NUM_MSG_TYPES];
+    uint16_t n_msgs[QMI_IDL_NUM_MSG_TYPES];   /* entries in each table below */
     const qmi_idl_message_table_entry *msgid_to_msg[QMI_IDL_NUM_MSG_TYPES];
     uint32_t idl_minor_version;
+    /* Messages of each kind the service defines (its header counts). A host
+     * service object may describe only some of them in its tables; a message
+     * without a table entry cannot be encoded or decoded. */
+    uint16_t n_msgs_declared[QMI_IDL_NUM_MSG_TYPES];
 };
 typedef const struct qmi_idl_service_object *qmi_idl_service_object_type;
 
