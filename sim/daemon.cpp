@@ -1,0 +1,164 @@
+// daemon.cpp - bringing up and tearing down a kvn-sim daemon. The state
+// directory is locked for the daemon's lifetime (one handset per directory);
+// the default scenario is applied once, when the directory is new; a scenario
+// named at start is applied on every start. The socket file is removed when
+// the daemon stops.
+#include "daemon.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "control.h"
+#include "handset.h"
+#include "kvn_wire.h"
+#include "router.h"
+#include "scenario.h"
+#include "services/services.h"
+
+namespace kvn_sim {
+namespace fs = std::filesystem;
+
+namespace {
+
+// An owned descriptor.
+class Fd {
+public:
+    explicit Fd(int fd = -1) : fd_(fd) {}
+    ~Fd()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    int get() const { return fd_; }
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = fd;
+    }
+
+private:
+    int fd_;
+};
+
+void report(int &ready_fd, const std::string &msg)
+{
+    if (ready_fd < 0)
+        return;
+    std::string line = msg + "\n";
+    (void)!write(ready_fd, line.data(), line.size());
+    close(ready_fd);
+    ready_fd = -1;
+}
+
+int listen_unix(const std::string &path, std::string *err)
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(addr.sun_path)) {
+        *err = "socket path too long: " + path;
+        return -1;
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 128) != 0) {
+        *err = "cannot listen on " + path + ": " + strerror(errno);
+        if (fd >= 0)
+            close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+} // namespace
+
+bool daemon_answers(const std::string &socket)
+{
+    kvn_wire::Header h;
+    h.kind = kvn_wire::Kind::Control;
+    std::string req = R"({"op":"status"})";
+    auto reply = kvn_wire::exchange(socket, h, std::vector<uint8_t>(req.begin(), req.end()), 2000);
+    return reply && reply->hdr.kind == kvn_wire::Kind::ControlReply;
+}
+
+int run_daemon(const DaemonOptions &opt, int ready_fd)
+{
+    signal(SIGPIPE, SIG_IGN);
+    std::string err;
+    std::error_code ec;
+    if (daemon_answers(opt.socket)) {
+        report(ready_fd, "ERR a kvn-sim already answers on " + opt.socket);
+        return 1;
+    }
+    fs::create_directories(opt.state_dir, ec);
+    // One daemon per state directory. A daemon that was just told to stop may
+    // still hold the lock for a moment, hence the short wait.
+    Fd lock(open((fs::path(opt.state_dir) / "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    bool locked = false;
+    for (int i = 0; i < 100 && lock.get() >= 0 && !(locked = flock(lock.get(), LOCK_EX | LOCK_NB) == 0); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (!locked) {
+        report(ready_fd, "ERR state directory " + opt.state_dir + " is in use by another kvn-sim");
+        return 1;
+    }
+
+    Handset h(opt.state_dir);
+    if (!h.init(&err)) {
+        report(ready_fd, "ERR " + err);
+        return 1;
+    }
+    register_all_services(h);
+    fs::path marker = fs::path(opt.state_dir) / "initialized";
+    if (!fs::exists(marker, ec)) {
+        if (!apply_scenario(h, nlohmann::json::parse(kDefaultScenario), &err)) {
+            report(ready_fd, "ERR default scenario: " + err);
+            return 1;
+        }
+        const char text[] = "1\n";
+        write_file_atomic(marker, h.store.tmp_dir(), reinterpret_cast<const uint8_t *>(text), 2);
+    }
+    if (!opt.scenario.empty() && !apply_scenario_file(h, opt.scenario, &err)) {
+        report(ready_fd, "ERR scenario " + err);
+        return 1;
+    }
+
+    unlink(opt.socket.c_str()); // a stale socket file of a daemon that died
+    Fd listener(listen_unix(opt.socket, &err));
+    if (listener.get() < 0) {
+        report(ready_fd, "ERR " + err);
+        return 1;
+    }
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGTERM);
+    sigaddset(&mask, SIGINT);
+    sigaddset(&mask, SIGHUP);
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+    Fd sigfd(signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK));
+
+    Router router(h, listener.get(), sigfd.get());
+    router.set_control(make_control_handler(h, router, DaemonInfo{opt.socket, opt.state_dir}));
+    h.note(kLogInfo, "kvn-sim " + std::to_string(getpid()) + " serving on " + opt.socket);
+    report(ready_fd, "OK");
+    router.run();
+
+    h.note(kLogInfo, "kvn-sim stopped");
+    listener.reset();
+    lock.reset();
+    unlink(opt.socket.c_str());
+    return 0;
+}
+
+} // namespace kvn_sim

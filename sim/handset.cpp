@@ -1,0 +1,23 @@
+// handset.cpp - construction of a simulated handset's state.
+#include "handset.h"
+
+namespace kvn_sim {
+
+Handset::Handset(const std::filesystem::path &dir)
+    : state_dir(dir), store(dir), props(dir / "properties.json", dir / "tmp"), log(dir / "logcat.txt"),
+      nvefs(store, [this](const std::string &t) { note(kLogWarn, t); })
+{
+}
+
+bool Handset::init(std::string *err)
+{
+    std::error_code ec;
+    std::filesystem::create_directories(state_dir, ec);
+    if (ec) {
+        *err = state_dir.string() + ": " + ec.message();
+        return false;
+    }
+    return store.init(err) && props.load(err);
+}
+
+} // namespace kvn_sim

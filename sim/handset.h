@@ -1,0 +1,50 @@
+// handset.h - everything one simulated handset is: its state directory, the
+// modem's NV/EFS store, properties, log buffer, journal, faults, canned
+// replies and the registry of modem services. The router and the control
+// commands act on this object; nothing else holds handset state.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include "faults.h"
+#include "modem_store.h"
+#include "nvefs_command.h"
+#include "properties.h"
+#include "records.h"
+#include "service.h"
+
+namespace kvn_sim {
+
+// A scenario-set answer of the extend service for one command id.
+struct CannedReply {
+    uint32_t result = 0;
+    Bytes data; // at most 512 bytes
+};
+
+class Handset {
+public:
+    explicit Handset(const std::filesystem::path &state_dir);
+    Handset(const Handset &) = delete;
+    Handset &operator=(const Handset &) = delete;
+
+    // Creates the directory layout and loads the persistent properties.
+    bool init(std::string *err);
+    // A line of kvn-sim's own in the handset log (tag "kvn-sim").
+    void note(int priority, const std::string &text) { log.add(priority, "kvn-sim", text); }
+
+    std::filesystem::path state_dir;
+    ModemStore store;
+    Properties props;
+    LogBuffer log;
+    Journal journal;
+    Faults faults;
+    NvEfsCommand nvefs;
+    std::map<uint32_t, CannedReply> extend_replies;
+    ServiceRegistry services;
+};
+
+inline constexpr int kLogDebug = 3, kLogInfo = 4, kLogWarn = 5, kLogError = 6;
+
+} // namespace kvn_sim

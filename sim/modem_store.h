@@ -1,0 +1,52 @@
+// modem_store.h - the modem's non-volatile memory as kept in the state
+// directory: NV items and an EFS tree per subscription (0 and 1). Every write
+// replaces the old content atomically, so a crash never leaves a mix.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "util.h"
+
+namespace kvn_sim {
+
+class ModemStore {
+public:
+    static constexpr unsigned kSubs = 2;
+    static constexpr size_t kMaxNvItem = 424;
+    static constexpr size_t kMaxEfsFile = 102410;
+    static constexpr size_t kMaxEfsPath = 71;
+
+    // root: the state directory; creates nv/, efs/ and tmp/ under it.
+    explicit ModemStore(std::filesystem::path root);
+    bool init(std::string *err);
+
+    std::optional<Bytes> nv_get(unsigned sub, uint16_t id) const;
+    bool nv_set(unsigned sub, uint16_t id, const Bytes &data, std::string *err);
+    // False when the item does not exist.
+    bool nv_rm(unsigned sub, uint16_t id);
+    std::vector<uint16_t> nv_list(unsigned sub) const;
+
+    // An EFS path is usable when it is absolute, at most 71 bytes, has no "."
+    // or ".." component, no NUL, and names something below the root.
+    static bool efs_path_ok(const std::string &path, std::string *why = nullptr);
+    std::optional<uint64_t> efs_size(unsigned sub, const std::string &path) const;
+    // Up to `len` bytes from `offset`; nullopt when the file is missing.
+    std::optional<Bytes> efs_read(unsigned sub, const std::string &path, uint64_t offset, size_t len) const;
+    bool efs_put(unsigned sub, const std::string &path, const Bytes &data, std::string *err);
+    bool efs_rm(unsigned sub, const std::string &path);
+    // Files at or below `path`, as EFS paths with their sizes, sorted.
+    std::vector<std::pair<std::string, uint64_t>> efs_ls(unsigned sub, const std::string &path) const;
+
+    const std::filesystem::path &tmp_dir() const { return tmp_; }
+
+private:
+    std::filesystem::path nv_file(unsigned sub, uint16_t id) const;
+    std::filesystem::path efs_file(unsigned sub, const std::string &path) const;
+    std::filesystem::path root_, tmp_;
+};
+
+} // namespace kvn_sim

@@ -1,0 +1,311 @@
+// scenario.cpp - checking and applying scenario documents. Each level of the
+// document is a table of {key, parser}; a parser checks its value and adds
+// the changes it stands for to a plan, which runs only when the whole
+// document has been checked. Adding a key is adding a row.
+#include "scenario.h"
+
+#include <functional>
+
+namespace kvn_sim {
+
+using nlohmann::json;
+
+namespace {
+
+struct Plan {
+    std::vector<std::function<bool(Handset &, std::string *)>> steps;
+};
+
+struct Error {
+    std::string text;
+};
+
+using Parser = std::function<void(const json &value, const std::string &where, Plan &)>;
+
+struct KeyRow {
+    const char *key;
+    Parser parse;
+};
+
+[[noreturn]] void fail(const std::string &text) { throw Error{text}; }
+
+std::string join(const std::string &where, const std::string &key) { return where.empty() ? key : where + "." + key; }
+
+// Walks an object against its key table; an unknown key is an error.
+template <size_t N>
+void parse_object(const json &v, const std::string &where, const KeyRow (&rows)[N], Plan &plan)
+{
+    if (!v.is_object())
+        fail((where.empty() ? std::string("the scenario") : "\"" + where + "\"") + " must be a JSON object");
+    for (auto &[k, val] : v.items()) {
+        const KeyRow *row = nullptr;
+        for (const auto &r : rows)
+            if (k == r.key)
+                row = &r;
+        if (!row)
+            fail("unknown key \"" + join(where, k) + "\"");
+        row->parse(val, join(where, k), plan);
+    }
+}
+
+uint64_t number(const json &v, const std::string &where, uint64_t max)
+{
+    if (v.is_number_unsigned() && v.get<uint64_t>() <= max)
+        return v.get<uint64_t>();
+    if (v.is_string())
+        if (auto n = parse_number(v.get<std::string>(), max))
+            return *n;
+    fail("\"" + where + "\" must be a number from 0 to " + std::to_string(max));
+}
+
+std::string string(const json &v, const std::string &where)
+{
+    if (!v.is_string())
+        fail("\"" + where + "\" must be a string");
+    return v.get<std::string>();
+}
+
+unsigned sub_key(const std::string &k, const std::string &where)
+{
+    if (k != "0" && k != "1")
+        fail("unknown key \"" + join(where, k) + "\" (subscriptions are \"0\" and \"1\")");
+    return k == "1" ? 1u : 0u;
+}
+
+// A content value: "hex" text, or an object {"hex": ...} / {"text": ...} /
+// {"imei": ...} (NV items only).
+Bytes content(const json &v, const std::string &where, bool allow_imei)
+{
+    if (v.is_string()) {
+        auto b = from_hex(v.get<std::string>());
+        if (!b)
+            fail("\"" + where + "\" is not hex");
+        return *b;
+    }
+    if (!v.is_object() || v.size() != 1)
+        fail("\"" + where + "\" must be a hex string or one of {\"hex\"}, {\"text\"}" +
+             (allow_imei ? ", {\"imei\"}" : ""));
+    auto [k, val] = *v.items().begin();
+    std::string s = string(val, join(where, k));
+    if (k == "hex") {
+        if (auto b = from_hex(s))
+            return *b;
+        fail("\"" + join(where, k) + "\" is not hex");
+    }
+    if (k == "text")
+        return Bytes(s.begin(), s.end());
+    if (k == "imei" && allow_imei) {
+        if (auto b = encode_imei(s))
+            return *b;
+        fail("\"" + join(where, k) + "\" must be 15 decimal digits");
+    }
+    fail("unknown key \"" + join(where, k) + "\"");
+}
+
+void parse_properties(const json &v, const std::string &where, Plan &plan)
+{
+    if (!v.is_object())
+        fail("\"" + where + "\" must be a JSON object");
+    for (auto &[k, val] : v.items()) {
+        std::string value = string(val, join(where, k)), why;
+        if (!Properties::valid(k, value, &why))
+            fail("\"" + join(where, k) + "\": " + why);
+        plan.steps.push_back([k, value](Handset &h, std::string *err) { return h.props.set(k, value, err); });
+    }
+}
+
+void parse_nv(const json &v, const std::string &where, Plan &plan)
+{
+    if (!v.is_object())
+        fail("\"" + where + "\" must be a JSON object");
+    for (auto &[sk, items] : v.items()) {
+        unsigned sub = sub_key(sk, where);
+        std::string w = join(where, sk);
+        if (!items.is_object())
+            fail("\"" + w + "\" must be a JSON object of NV id: content");
+        for (auto &[ik, val] : items.items()) {
+            auto id = parse_number(ik, 0xFFFF);
+            if (!id)
+                fail("unknown key \"" + join(w, ik) + "\" (NV ids are numbers up to 65535)");
+            Bytes data = content(val, join(w, ik), true);
+            if (data.empty() || data.size() > ModemStore::kMaxNvItem)
+                fail("\"" + join(w, ik) + "\" must hold 1 to 424 bytes");
+            plan.steps.push_back([sub, id = static_cast<uint16_t>(*id), data](Handset &h, std::string *err) {
+                return h.store.nv_set(sub, id, data, err);
+            });
+        }
+    }
+}
+
+void parse_efs(const json &v, const std::string &where, Plan &plan)
+{
+    if (!v.is_object())
+        fail("\"" + where + "\" must be a JSON object");
+    for (auto &[sk, files] : v.items()) {
+        unsigned sub = sub_key(sk, where);
+        std::string w = join(where, sk);
+        if (!files.is_object())
+            fail("\"" + w + "\" must be a JSON object of path: content");
+        for (auto &[path, val] : files.items()) {
+            std::string why;
+            if (!ModemStore::efs_path_ok(path, &why))
+                fail("\"" + join(w, path) + "\": " + why);
+            Bytes data = content(val, join(w, path), false);
+            if (data.size() > ModemStore::kMaxEfsFile)
+                fail("\"" + join(w, path) + "\" is larger than 102410 bytes");
+            plan.steps.push_back([sub, path, data](Handset &h, std::string *err) {
+                return h.store.efs_put(sub, path, data, err);
+            });
+        }
+    }
+}
+
+void parse_read_chunk(const json &v, const std::string &where, Plan &plan)
+{
+    uint64_t n = number(v, where, NvEfsCommand::kMaxChunk);
+    if (n == 0)
+        fail("\"" + where + "\" must be 1 to 424");
+    plan.steps.push_back([n](Handset &h, std::string *) {
+        h.nvefs.set_read_chunk(static_cast<size_t>(n));
+        return true;
+    });
+}
+
+void parse_extend_replies(const json &v, const std::string &where, Plan &plan)
+{
+    if (!v.is_object())
+        fail("\"" + where + "\" must be a JSON object of command id: reply");
+    for (auto &[ck, rv] : v.items()) {
+        auto cmd = parse_number(ck, UINT32_MAX);
+        if (!cmd)
+            fail("unknown key \"" + join(where, ck) + "\" (command ids are numbers)");
+        auto reply = std::make_shared<CannedReply>();
+        const KeyRow rows[] = {
+            {"result", [reply](const json &x, const std::string &w, Plan &) {
+                 reply->result = static_cast<uint32_t>(number(x, w, UINT32_MAX));
+             }},
+            {"data", [reply](const json &x, const std::string &w, Plan &) {
+                 reply->data = content(x, w, false);
+                 if (reply->data.size() > 512)
+                     fail("\"" + w + "\" is longer than 512 bytes");
+             }},
+        };
+        parse_object(rv, join(where, ck), rows, plan);
+        plan.steps.push_back([id = static_cast<uint32_t>(*cmd), reply](Handset &h, std::string *) {
+            h.extend_replies[id] = *reply;
+            return true;
+        });
+    }
+}
+
+void parse_faults(const json &v, const std::string &where, Plan &plan)
+{
+    if (!v.is_array())
+        fail("\"" + where + "\" must be an array of faults");
+    for (size_t i = 0; i < v.size(); ++i) {
+        std::string w = where + "[" + std::to_string(i) + "]";
+        auto f = std::make_shared<Fault>();
+        bool has_service = false, has_msg = false, has_kind = false;
+        const KeyRow rows[] = {
+            {"service", [&](const json &x, const std::string &wk, Plan &) {
+                 auto id = x.is_number_unsigned() ? std::optional<uint32_t>(static_cast<uint32_t>(number(x, wk, UINT32_MAX)))
+                                                  : service_id_from_text(string(x, wk));
+                 if (!id)
+                     fail("\"" + wk + "\" is not a service");
+                 f->service = *id;
+                 has_service = true;
+             }},
+            {"msg", [&](const json &x, const std::string &wk, Plan &) {
+                 f->msg_id = static_cast<uint16_t>(number(x, wk, 0xFFFF));
+                 has_msg = true;
+             }},
+            {"kind", [&](const json &x, const std::string &wk, Plan &) {
+                 auto k = parse_fault_kind(string(x, wk));
+                 if (!k)
+                     fail("\"" + wk + "\" must be no-reply, delay=MS, qmi-error=N, drop or truncate");
+                 f->kind = k->kind;
+                 f->value = k->value;
+                 has_kind = true;
+             }},
+            {"count", [&](const json &x, const std::string &wk, Plan &) {
+                 f->count = static_cast<uint32_t>(number(x, wk, UINT32_MAX));
+                 if (f->count == 0)
+                     fail("\"" + wk + "\" must be at least 1");
+             }},
+        };
+        parse_object(v[i], w, rows, plan);
+        if (!has_service || !has_msg || !has_kind)
+            fail("\"" + w + "\" needs service, msg and kind");
+        plan.steps.push_back([f](Handset &h, std::string *) {
+            h.faults.add(*f);
+            return true;
+        });
+    }
+}
+
+void parse_description(const json &v, const std::string &where, Plan &) { string(v, where); }
+
+const KeyRow kTopLevel[] = {
+    {"description", parse_description},
+    {"properties", parse_properties},
+    {"nv", parse_nv},
+    {"efs", parse_efs},
+    {"efs_read_chunk", parse_read_chunk},
+    {"extend_replies", parse_extend_replies},
+    {"faults", parse_faults},
+};
+
+} // namespace
+
+std::optional<Bytes> encode_imei(const std::string &digits)
+{
+    if (digits.size() != 15)
+        return std::nullopt;
+    for (char c : digits)
+        if (c < '0' || c > '9')
+            return std::nullopt;
+    // Nibbles in order: the type marker 0xA, then the 15 digits; each byte
+    // holds the earlier nibble in its low half.
+    uint8_t nib[16];
+    nib[0] = 0xA;
+    for (size_t i = 0; i < 15; ++i)
+        nib[i + 1] = static_cast<uint8_t>(digits[i] - '0');
+    Bytes out{0x08};
+    for (size_t i = 0; i < 16; i += 2)
+        out.push_back(static_cast<uint8_t>(nib[i] | nib[i + 1] << 4));
+    return out;
+}
+
+bool apply_scenario(Handset &h, const json &doc, std::string *err)
+{
+    Plan plan;
+    try {
+        parse_object(doc, "", kTopLevel, plan);
+    } catch (const Error &e) {
+        *err = e.text;
+        return false;
+    }
+    for (auto &step : plan.steps)
+        if (!step(h, err))
+            return false;
+    return true;
+}
+
+bool apply_scenario_file(Handset &h, const std::string &path, std::string *err)
+{
+    auto data = read_file(path, 64u << 20, err);
+    if (!data)
+        return false;
+    auto doc = json::parse(data->begin(), data->end(), nullptr, false);
+    if (doc.is_discarded()) {
+        *err = path + ": not valid JSON";
+        return false;
+    }
+    if (!apply_scenario(h, doc, err)) {
+        *err = path + ": " + *err;
+        return false;
+    }
+    return true;
+}
+
+} // namespace kvn_sim

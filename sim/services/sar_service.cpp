@@ -1,0 +1,14 @@
+// sar_service.cpp - the standard SAR service of the simulated modem. It is registered
+// and can be bound, listed, watched, taken down and brought up; its messages
+// are not implemented yet, so each request gets the modem's standard answer
+// for an unsupported message.
+#include "services.h"
+
+namespace kvn_sim {
+
+void register_sar_service(Handset &h)
+{
+    h.services.add("sar", kServiceSar, std::make_unique<UnsupportedService>());
+}
+
+} // namespace kvn_sim

@@ -1,0 +1,25 @@
+// services.h - one registration call per modem service of kvn-sim; each adds
+// its service to the handset's registry.
+#pragma once
+
+#include "handset.h"
+
+namespace kvn_sim {
+
+void register_extend_service(Handset &h);
+void register_uim_service(Handset &h);
+void register_vs_service(Handset &h);
+void register_sar_service(Handset &h);
+void register_nas_service(Handset &h);
+
+// All of the above, in the order the modem brings them up.
+inline void register_all_services(Handset &h)
+{
+    register_extend_service(h);
+    register_uim_service(h);
+    register_vs_service(h);
+    register_sar_service(h);
+    register_nas_service(h);
+}
+
+} // namespace kvn_sim
