@@ -140,19 +140,6 @@ TEST(LoggerFactory, FirstRegistrationKeepsTheNameAndAnyDestructionFreesIt)
     EXPECT_EQ(registry.count("dup-test"), 0u);
 }
 
-TEST(LoggerFactory, StdoutFactoryHandsOutOneSharedBackEnd)
-{
-    qti::ril::logger::StdoutLoggerFactory a;
-    EXPECT_EQ(LoggerFactory::loggerFactories().at("stdout"), &a);
-    std::shared_ptr<LoggerImpl> one = a.getLoggerImpl();
-    std::shared_ptr<LoggerImpl> two = a.getLoggerImpl();
-    ASSERT_NE(one, nullptr);
-    EXPECT_EQ(one, two);
-    EXPECT_EQ(one->name(), "stdout");
-    EXPECT_EQ(one->shared_from_this(), one);
-    EXPECT_EQ(one->registerParam("anything", "ignored"), 0);
-}
-
 // ---- allocator ----
 
 TEST(Allocator, BlocksAreZeroFilled)

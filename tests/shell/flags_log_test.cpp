@@ -169,19 +169,6 @@ TEST(Group10Log, TracesFollowTheLowByteOfTheLogFlag)
     }
 }
 
-TEST(Group10Log, LogAndTerminalFormsTogether)
-{
-    Logged r = run_group10(1, 1, {"kvn", "10", "7", "3"});
-    EXPECT_EQ(r.debug.size(), 4u);
-    EXPECT_EQ(r.error.size(), 1u);
-    EXPECT_EQ(r.out, "RIL[pelmox_test_mbn_pdc_init:N]: function entry ------------->\n"
-                     "RIL[pelmox_test_mbn_pdc_init:N]: start pelmox pdc init, g_pdc_init_status = -1, force_init = 0\n"
-                     "RIL[pelmox_test_mbn_pdc_init:N]: pdc init failed\n"
-                     "RIL[pelmox_test_mbn_pdc_init:N]: function exit <-------------\n"
-                     "RIL[pelmox_test_mbn_do:N]: pdc init failed, do nothing\n" +
-                         help_text::for_group(10));
-}
-
 TEST(Group10Log, ArgumentErrorsLogNothing)
 {
     for (const auto &args : std::vector<std::vector<std::string>>{{"kvn", "10"}, {"kvn", "10", "0", "9"}}) {
