@@ -10,6 +10,8 @@
 // refused; unknown TLVs are skipped and TLV order is free.
 #include <qmi_idl_lib.h>
 
+#include "idl_internal.h"
+
 #include <cstring>
 
 namespace {
@@ -345,6 +347,12 @@ bool next_tlv(const Row *&cursor, Tlv &t)
 } // namespace
 
 /* ---- public interface ---- */
+
+const qmi_idl_message_table_entry *qmi_idl_find_message(qmi_idl_service_object_type svc,
+                                                        qmi_idl_type_of_message_type kind, uint16_t msg_id)
+{
+    return find_entry(svc, kind, msg_id);
+}
 
 extern "C" int32_t qmi_idl_get_message_c_struct_len(qmi_idl_service_object_type p_service,
                                                     qmi_idl_type_of_message_type req_resp_ind,

@@ -1,0 +1,688 @@
+// client.cpp - the client API of qmi_client.h over connections to the
+// simulated handset. Each client handle owns one connection and one reader
+// thread; the reader matches responses to waiting senders by transaction id
+// and runs every callback of the handle (indications, the service-down error,
+// service events of a notifier), so callbacks always run on the library's
+// thread. Releasing a handle stops and joins its reader, which is what makes
+// "no callback after release returns" hold.
+#include <qmi_client.h>
+
+#include "connection.h"
+#include "idl_internal.h"
+#include "kvn_wire.h"
+#include "os_signal.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace kvn_qmi {
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+using kvn_wire::Kind;
+
+/* ---- timing ---- */
+
+constexpr int kConnectReplyMs = 1000; // CONNECT -> CONNECT_OK / CONNECT_FAIL
+constexpr int kListReplyMs = 1000;    // LIST -> LIST_REPLY
+constexpr int kPacketRestMs = 2000;   // rest of a packet once its first byte arrived
+constexpr int kInitRetryMs = 20;      // init_instance: pause between attempts
+constexpr int kWatchRetryMs = 100;    // notifier: pause between connection attempts
+
+/* ---- one handle ---- */
+
+// A request waiting for its response; lives on the sender's stack and is
+// reachable from the reader through Handle::pending_ while the sender waits.
+struct Pending {
+    uint16_t msg_id = 0;
+    bool done = false;
+    int status = QMI_NO_ERR;
+    std::vector<uint8_t> payload; // the whole QMI service message
+};
+
+class Handle : public std::enable_shared_from_this<Handle> {
+public:
+    enum class Role { Client, Notifier };
+
+    Handle(Role role, qmi_idl_service_object_type svc, std::unique_ptr<Connection> conn)
+        : role_(role), svc_(svc), conn_(std::move(conn)), wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    {
+    }
+    ~Handle()
+    {
+        if (wake_fd_ >= 0)
+            ::close(wake_fd_);
+    }
+    Handle(const Handle &) = delete;
+    Handle &operator=(const Handle &) = delete;
+
+    bool ok() const { return wake_fd_ >= 0; }
+    qmi_idl_service_object_type service() const { return svc_; }
+
+    // Starts the reader thread; user is the handle the callbacks receive.
+    void start(qmi_client_type user, qmi_client_ind_cb ind_cb, void *ind_data, qmi_client_os_params *os)
+    {
+        user_ = user;
+        ind_cb_ = ind_cb;
+        ind_data_ = ind_data;
+        os_params_ = os;
+        auto self = shared_from_this();
+        reader_ = std::thread([self] { self->run(); });
+    }
+
+    int send_sync(unsigned msg_id, const void *req, unsigned req_len, void *resp, unsigned resp_len,
+                  unsigned timeout_ms);
+    void release();
+    void set_error_cb(qmi_client_error_cb cb, void *data);
+    void set_notify_cb(qmi_client_notify_cb cb, void *data);
+
+private:
+    void run();
+    void run_client();
+    void run_notifier();
+    bool wait_readable(int fd, int timeout_ms, bool *readable);
+    void wake();
+    bool released();
+    void connection_lost();
+    void on_client_packet(kvn_wire::Packet &p);
+    void on_notifier_packet(const kvn_wire::Packet &p);
+    void deliver_deferred();
+    void service_event(uint16_t instance, qmi_client_notify_event_type ev);
+    void notify_initial();
+    bool watch_connect();
+
+    const Role role_;
+    const qmi_idl_service_object_type svc_;
+    std::unique_ptr<Connection> conn_; // client: fixed; notifier: replaced by the reader under mu_
+    const int wake_fd_;                // eventfd that wakes the reader from its poll
+    qmi_client_type user_ = nullptr;   // the caller's handle, passed to callbacks
+    qmi_client_ind_cb ind_cb_ = nullptr;
+    void *ind_data_ = nullptr;
+    qmi_client_os_params *os_params_ = nullptr; // notifier: signalled when the service comes up
+    std::thread reader_;
+
+    std::mutex mu_; // guards everything below
+    std::condition_variable cv_;
+    bool released_ = false;
+    bool dead_ = false;         // client: the service went away or the connection broke
+    bool err_reported_ = false; // the error callback has run (it runs once)
+    qmi_client_error_cb err_cb_ = nullptr;
+    void *err_data_ = nullptr;
+    qmi_client_notify_cb notify_cb_ = nullptr;
+    void *notify_data_ = nullptr;
+    bool initial_notify_ = false; // notifier: the service was up when the callback was registered
+    std::set<uint16_t> up_;       // notifier: instances that are up
+    std::map<uint16_t, Pending *> pending_;
+    uint16_t next_txn_ = 1;
+};
+
+void Handle::wake()
+{
+    uint64_t one = 1;
+    ssize_t n = ::write(wake_fd_, &one, sizeof(one));
+    (void)n; // a full counter already means "wake up"
+}
+
+bool Handle::released()
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    return released_;
+}
+
+// Polls fd (when >= 0) and the wake descriptor. Returns false on a wake-up
+// or a poll error; *readable tells whether fd has data (or hung up).
+bool Handle::wait_readable(int fd, int timeout_ms, bool *readable)
+{
+    pollfd fds[2] = {{wake_fd_, POLLIN, 0}, {fd, POLLIN, 0}};
+    const nfds_t n = fd >= 0 ? 2 : 1;
+    *readable = false;
+    int rc = ::poll(fds, n, timeout_ms);
+    if (rc < 0)
+        return errno == EINTR;
+    if (fds[0].revents) {
+        uint64_t v;
+        ssize_t r = ::read(wake_fd_, &v, sizeof(v));
+        (void)r;
+    }
+    if (n == 2 && fds[1].revents)
+        *readable = true;
+    return true;
+}
+
+void Handle::run()
+{
+    if (role_ == Role::Client)
+        run_client();
+    else
+        run_notifier();
+}
+
+/* ---- client reader ---- */
+
+void Handle::run_client()
+{
+    for (;;) {
+        bool dead;
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            if (released_)
+                return;
+            dead = dead_;
+        }
+        deliver_deferred();
+        bool readable = false;
+        wait_readable(dead ? -1 : conn_->fd(), -1, &readable);
+        if (!readable || released())
+            continue;
+        auto p = conn_->receive(kPacketRestMs);
+        if (!p) {
+            connection_lost();
+            continue;
+        }
+        on_client_packet(*p);
+    }
+}
+
+// Marks the client dead and fails every waiting request with QMI_SERVICE_ERR.
+// The error callback follows from deliver_deferred().
+void Handle::connection_lost()
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    dead_ = true;
+    for (auto &kv : pending_) {
+        kv.second->done = true;
+        kv.second->status = QMI_SERVICE_ERR;
+    }
+    cv_.notify_all();
+}
+
+// Runs the error callback once after the service went away, also when it was
+// registered only after that.
+void Handle::deliver_deferred()
+{
+    qmi_client_error_cb cb = nullptr;
+    void *data = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (released_ || !dead_ || err_reported_ || !err_cb_)
+            return;
+        err_reported_ = true;
+        cb = err_cb_;
+        data = err_data_;
+    }
+    cb(user_, QMI_SERVICE_ERR, data);
+}
+
+void Handle::on_client_packet(kvn_wire::Packet &p)
+{
+    switch (p.hdr.kind) {
+    case Kind::ServiceDown:
+        connection_lost();
+        return;
+    case Kind::Qmi:
+        break;
+    case Kind::Connect:
+    case Kind::ConnectOk:
+    case Kind::ConnectFail:
+    case Kind::List:
+    case Kind::ListReply:
+    case Kind::Watch:
+    case Kind::ServiceUp:
+    case Kind::ServiceGone:
+    case Kind::PropGet:
+    case Kind::PropValue:
+    case Kind::PropSet:
+    case Kind::PropSetResult:
+    case Kind::Log:
+    case Kind::Control:
+    case Kind::ControlReply:
+        return; // not meant for a client connection: ignored
+    }
+    auto q = kvn_wire::decode_qmi(p.payload.data(), p.payload.size());
+    if (!q) {
+        connection_lost(); // a payload that does not parse ends the connection
+        return;
+    }
+    if (q->flags == kvn_wire::kQmiResponse) {
+        std::lock_guard<std::mutex> lock(mu_);
+        auto it = pending_.find(q->txn);
+        if (it == pending_.end() || it->second->msg_id != q->msg_id)
+            return; // late (timed out) or stray response
+        it->second->payload = std::move(p.payload);
+        it->second->done = true;
+        cv_.notify_all();
+        return;
+    }
+    if (q->flags != kvn_wire::kQmiIndication || !ind_cb_)
+        return;
+    if (released())
+        return;
+    ind_cb_(user_, q->msg_id, p.payload.data() + kvn_wire::kQmiHeaderSize, q->tlv_len, ind_data_);
+}
+
+int Handle::send_sync(unsigned msg_id, const void *req, unsigned req_len, void *resp, unsigned resp_len,
+                      unsigned timeout_ms)
+{
+    if (msg_id > 0xFFFF)
+        return QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND;
+    const auto id = static_cast<uint16_t>(msg_id);
+    const auto *entry = qmi_idl_find_message(svc_, QMI_IDL_REQUEST, id);
+    if (!entry)
+        return QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND;
+
+    Pending p;
+    p.msg_id = id;
+    std::vector<uint8_t> msg(kvn_wire::kQmiHeaderSize + entry->max_msg_len);
+    uint32_t tlv_len = 0;
+    int rc = qmi_idl_message_encode(svc_, QMI_IDL_REQUEST, id, req, req_len,
+                                    msg.data() + kvn_wire::kQmiHeaderSize, entry->max_msg_len, &tlv_len);
+    if (rc != QMI_IDL_LIB_NO_ERR)
+        return rc;
+    msg.resize(kvn_wire::kQmiHeaderSize + tlv_len);
+
+    uint16_t txn;
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (dead_ || released_)
+            return QMI_SERVICE_ERR;
+        do {
+            txn = next_txn_++;
+        } while (txn == 0 || pending_.count(txn));
+        pending_[txn] = &p;
+    }
+    msg[0] = kvn_wire::kQmiRequest;
+    kvn_wire::put_u16(&msg[1], txn);
+    kvn_wire::put_u16(&msg[3], id);
+    kvn_wire::put_u16(&msg[5], static_cast<uint16_t>(tlv_len));
+
+    kvn_wire::Header h;
+    h.kind = Kind::Qmi;
+    h.service = svc_->service_id;
+    bool sent = conn_->send(h, msg);
+
+    const auto deadline = clock_type::now() + std::chrono::milliseconds(timeout_ms);
+    std::unique_lock<std::mutex> lock(mu_);
+    if (sent)
+        cv_.wait_until(lock, deadline, [&] { return p.done; });
+    pending_.erase(txn);
+    if (!sent)
+        return QMI_SERVICE_ERR;
+    if (!p.done)
+        return QMI_TIMEOUT_ERR;
+    if (p.status != QMI_NO_ERR)
+        return p.status;
+    lock.unlock();
+
+    const size_t body = p.payload.size() - kvn_wire::kQmiHeaderSize;
+    return qmi_idl_message_decode(svc_, QMI_IDL_RESPONSE, id, p.payload.data() + kvn_wire::kQmiHeaderSize,
+                                  static_cast<uint32_t>(body), resp, resp_len);
+}
+
+/* ---- notifier reader ---- */
+
+// Connects and sends WATCH; on success conn_ holds the connection.
+bool Handle::watch_connect()
+{
+    auto c = Connection::open();
+    if (!c)
+        return false;
+    kvn_wire::Header h;
+    h.kind = Kind::Watch;
+    h.service = svc_->service_id;
+    if (!c->send(h, {}))
+        return false;
+    std::lock_guard<std::mutex> lock(mu_);
+    conn_ = std::move(c);
+    return true;
+}
+
+// Records a service event and runs the notify callback for it. The instance
+// set and the callback are read under one lock, so that a callback registered
+// at the same moment sees the event either here or as its initial one, never
+// both.
+void Handle::service_event(uint16_t instance, qmi_client_notify_event_type ev)
+{
+    qmi_client_notify_cb cb = nullptr;
+    void *data = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (ev == QMI_CLIENT_SERVICE_COUNT_INC)
+            up_.insert(instance);
+        else
+            up_.erase(instance);
+        if (!released_) {
+            cb = notify_cb_;
+            data = notify_data_;
+        }
+    }
+    if (ev == QMI_CLIENT_SERVICE_COUNT_INC)
+        os_signal_set(os_params_);
+    if (cb)
+        cb(user_, svc_, ev, data);
+}
+
+void Handle::notify_initial()
+{
+    qmi_client_notify_cb cb = nullptr;
+    void *data = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (released_ || !initial_notify_)
+            return;
+        initial_notify_ = false;
+        cb = notify_cb_;
+        data = notify_data_;
+    }
+    if (cb)
+        cb(user_, svc_, QMI_CLIENT_SERVICE_COUNT_INC, data);
+}
+
+void Handle::on_notifier_packet(const kvn_wire::Packet &p)
+{
+    if (p.hdr.service != svc_->service_id)
+        return;
+    if (p.hdr.kind == Kind::ServiceUp)
+        service_event(p.hdr.instance, QMI_CLIENT_SERVICE_COUNT_INC);
+    else if (p.hdr.kind == Kind::ServiceGone)
+        service_event(p.hdr.instance, QMI_CLIENT_SERVICE_COUNT_DEC);
+}
+
+// Keeps a WATCH connection open for as long as the notifier lives: when the
+// handset is not there yet, or goes away, it tries again every
+// kWatchRetryMs, so a handset started later is still noticed.
+void Handle::run_notifier()
+{
+    for (;;) {
+        int fd = -1;
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            if (released_)
+                return;
+            if (conn_)
+                fd = conn_->fd();
+        }
+        notify_initial();
+        if (fd < 0) {
+            if (!watch_connect()) {
+                bool readable;
+                wait_readable(-1, kWatchRetryMs, &readable);
+            }
+            continue;
+        }
+        bool readable = false;
+        wait_readable(fd, -1, &readable);
+        if (!readable || released())
+            continue;
+        auto p = conn_->receive(kPacketRestMs);
+        if (p) {
+            on_notifier_packet(*p);
+            continue;
+        }
+        // The handset went away: every instance it had is gone with it.
+        std::set<uint16_t> gone;
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            gone = up_;
+            conn_.reset();
+        }
+        for (uint16_t instance : gone)
+            service_event(instance, QMI_CLIENT_SERVICE_COUNT_DEC);
+    }
+}
+
+/* ---- registration and release ---- */
+
+void Handle::set_error_cb(qmi_client_error_cb cb, void *data)
+{
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        err_cb_ = cb;
+        err_data_ = data;
+    }
+    wake();
+}
+
+void Handle::set_notify_cb(qmi_client_notify_cb cb, void *data)
+{
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        notify_cb_ = cb;
+        notify_data_ = data;
+        initial_notify_ = cb && !up_.empty();
+    }
+    wake();
+}
+
+// Stops the reader and waits for it, so no callback runs once this returns.
+// Called from one of the handle's own callbacks, it cannot wait for itself:
+// the reader is detached instead and ends after that callback returns
+// without starting another.
+void Handle::release()
+{
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        released_ = true;
+        dead_ = true;
+        for (auto &kv : pending_) {
+            kv.second->done = true;
+            kv.second->status = QMI_SERVICE_ERR;
+        }
+        cv_.notify_all();
+        if (conn_)
+            conn_->shutdown();
+    }
+    wake();
+    if (!reader_.joinable())
+        return;
+    if (reader_.get_id() == std::this_thread::get_id())
+        reader_.detach();
+    else
+        reader_.join();
+}
+
+/* ---- connecting ---- */
+
+// One CONNECT exchange on a fresh connection. QMI_SERVICE_ERR when nothing
+// listens, the service is absent or no well-formed answer comes.
+int connect_client(qmi_idl_service_object_type svc, uint16_t instance, std::unique_ptr<Connection> *out)
+{
+    auto c = Connection::open();
+    if (!c)
+        return QMI_SERVICE_ERR;
+    kvn_wire::Header h;
+    h.kind = Kind::Connect;
+    h.service = svc->service_id;
+    h.instance = instance;
+    if (!c->send(h, {}))
+        return QMI_SERVICE_ERR;
+    auto reply = c->receive(kConnectReplyMs);
+    if (!reply || reply->hdr.kind != Kind::ConnectOk || reply->hdr.service != svc->service_id)
+        return QMI_SERVICE_ERR;
+    *out = std::move(c);
+    return QMI_NO_ERR;
+}
+
+} // namespace
+} // namespace kvn_qmi
+
+// The opaque handle of qmi_client.h.
+struct qmi_client_struct {
+    std::shared_ptr<kvn_qmi::Handle> h;
+};
+
+namespace {
+
+int make_handle(kvn_qmi::Handle::Role role, qmi_idl_service_object_type svc,
+                std::unique_ptr<kvn_qmi::Connection> conn, qmi_client_ind_cb ind_cb, void *ind_data,
+                qmi_client_os_params *os, qmi_client_type *out)
+{
+    auto h = std::make_shared<kvn_qmi::Handle>(role, svc, std::move(conn));
+    if (!h->ok())
+        return QMI_INTERNAL_ERR;
+    auto *user = new qmi_client_struct{h};
+    h->start(user, ind_cb, ind_data, os);
+    *out = user;
+    return QMI_NO_ERR;
+}
+
+} // namespace
+
+/* ---- public interface ---- */
+
+extern "C" qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type service_obj,
+                                                          qmi_client_os_params *os_params,
+                                                          qmi_client_type *user_handle)
+{
+    if (!service_obj || !user_handle)
+        return QMI_INTERNAL_ERR;
+    // The reader connects (and keeps reconnecting) on its own; a handset that
+    // is not running yet is not an error for a notifier.
+    return make_handle(kvn_qmi::Handle::Role::Notifier, service_obj, nullptr, nullptr, nullptr, os_params,
+                       user_handle);
+}
+
+extern "C" qmi_client_error_type qmi_client_get_service_list(qmi_idl_service_object_type service_obj,
+                                                             qmi_service_info *service_info_array,
+                                                             unsigned int *num_entries,
+                                                             unsigned int *num_services)
+{
+    if (!service_obj || !num_services || (service_info_array && !num_entries))
+        return QMI_INTERNAL_ERR;
+    *num_services = 0;
+    kvn_wire::Header h;
+    h.kind = kvn_wire::Kind::List;
+    h.service = service_obj->service_id;
+    auto reply = kvn_wire::exchange(kvn_wire::default_socket_path(), h, {}, kvn_qmi::kListReplyMs);
+
+    std::vector<qmi_service_info> found;
+    if (reply && reply->hdr.kind == kvn_wire::Kind::ListReply && reply->payload.size() >= 4) {
+        const uint8_t *p = reply->payload.data();
+        const size_t n = kvn_wire::get_u32(p);
+        if (n <= (reply->payload.size() - 4) / 8 && reply->payload.size() == 4 + 8 * n) {
+            for (size_t i = 0; i < n; ++i) {
+                qmi_service_info info{};
+                info.service_id = kvn_wire::get_u32(p + 4 + 8 * i);
+                info.instance = kvn_wire::get_u32(p + 8 + 8 * i);
+                if (info.service_id == service_obj->service_id)
+                    found.push_back(info);
+            }
+        }
+    }
+    *num_services = static_cast<unsigned>(found.size());
+    if (service_info_array) {
+        const size_t n = std::min<size_t>(*num_entries, found.size());
+        for (size_t i = 0; i < n; ++i)
+            service_info_array[i] = found[i];
+        *num_entries = static_cast<unsigned>(n);
+    }
+    return found.empty() ? QMI_SERVICE_ERR : QMI_NO_ERR;
+}
+
+extern "C" qmi_client_error_type qmi_client_init(qmi_service_info *service_info,
+                                                 qmi_idl_service_object_type service_obj,
+                                                 qmi_client_ind_cb ind_cb, void *ind_cb_data,
+                                                 qmi_client_os_params *os_params,
+                                                 qmi_client_type *user_handle)
+{
+    (void)os_params; // the reader thread does the waiting a handset's library uses it for
+    if (!service_info || !service_obj || !user_handle)
+        return QMI_INTERNAL_ERR;
+    std::unique_ptr<kvn_qmi::Connection> conn;
+    int rc = kvn_qmi::connect_client(service_obj, static_cast<uint16_t>(service_info->instance), &conn);
+    if (rc != QMI_NO_ERR)
+        return rc;
+    return make_handle(kvn_qmi::Handle::Role::Client, service_obj, std::move(conn), ind_cb, ind_cb_data,
+                       nullptr, user_handle);
+}
+
+// Tries to connect until the service is there or timeout_ms has passed (at
+// least once). Ends in QMI_TIMEOUT_ERR when the time ran out, or in
+// QMI_SERVICE_ERR when timeout_ms was 0 and the one attempt failed.
+extern "C" qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type service_obj,
+                                                          qmi_service_instance instance_id,
+                                                          qmi_client_ind_cb ind_cb, void *ind_cb_data,
+                                                          qmi_client_os_params *os_params, uint32_t timeout_ms,
+                                                          qmi_client_type *user_handle)
+{
+    (void)os_params;
+    if (!service_obj || !user_handle)
+        return QMI_INTERNAL_ERR;
+    const auto deadline = kvn_qmi::clock_type::now() + std::chrono::milliseconds(timeout_ms);
+    for (;;) {
+        std::unique_ptr<kvn_qmi::Connection> conn;
+        if (kvn_qmi::connect_client(service_obj, instance_id, &conn) == QMI_NO_ERR)
+            return make_handle(kvn_qmi::Handle::Role::Client, service_obj, std::move(conn), ind_cb, ind_cb_data,
+                               nullptr, user_handle);
+        const auto now = kvn_qmi::clock_type::now();
+        if (now >= deadline)
+            return timeout_ms ? QMI_TIMEOUT_ERR : QMI_SERVICE_ERR;
+        std::this_thread::sleep_for(
+            std::min<kvn_qmi::clock_type::duration>(deadline - now, std::chrono::milliseconds(kvn_qmi::kInitRetryMs)));
+    }
+}
+
+extern "C" qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type user_handle, unsigned int msg_id,
+                                                          void *req_c_struct, unsigned int req_c_struct_len,
+                                                          void *resp_c_struct, unsigned int resp_c_struct_len,
+                                                          unsigned int timeout_msecs)
+{
+    if (!user_handle)
+        return QMI_INTERNAL_ERR;
+    return user_handle->h->send_sync(msg_id, req_c_struct, req_c_struct_len, resp_c_struct, resp_c_struct_len,
+                                     timeout_msecs);
+}
+
+extern "C" qmi_client_error_type qmi_client_release(qmi_client_type user_handle)
+{
+    if (!user_handle)
+        return QMI_INTERNAL_ERR;
+    std::shared_ptr<kvn_qmi::Handle> h = std::move(user_handle->h);
+    delete user_handle;
+    h->release();
+    return QMI_NO_ERR;
+}
+
+extern "C" qmi_client_error_type qmi_client_register_error_cb(qmi_client_type user_handle,
+                                                              qmi_client_error_cb err_cb, void *err_cb_data)
+{
+    if (!user_handle)
+        return QMI_INTERNAL_ERR;
+    user_handle->h->set_error_cb(err_cb, err_cb_data);
+    return QMI_NO_ERR;
+}
+
+extern "C" qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type user_handle,
+                                                               qmi_client_notify_cb notify_cb,
+                                                               void *notify_cb_data)
+{
+    if (!user_handle)
+        return QMI_INTERNAL_ERR;
+    user_handle->h->set_notify_cb(notify_cb, notify_cb_data);
+    return QMI_NO_ERR;
+}
+
+extern "C" qmi_client_error_type qmi_client_message_decode(qmi_client_type user_handle,
+                                                           qmi_idl_type_of_message_type req_resp_ind,
+                                                           unsigned int message_id, const void *msg_buf,
+                                                           unsigned int msg_buf_len, void *msg_c_struct,
+                                                           unsigned int msg_c_struct_len)
+{
+    if (!user_handle)
+        return QMI_INTERNAL_ERR;
+    if (message_id > 0xFFFF)
+        return QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND;
+    return qmi_idl_message_decode(user_handle->h->service(), req_resp_ind, static_cast<uint16_t>(message_id),
+                                  msg_buf, msg_buf_len, msg_c_struct, msg_c_struct_len);
+}

@@ -1,0 +1,12 @@
+// os_signal.h - setting the OS parameter block that qmi_cci_os_signal_wait
+// waits on (the wait itself is part of qmi_client.h).
+#pragma once
+
+#include <qmi_client.h>
+
+namespace kvn_qmi {
+
+// Sets the signal and wakes every waiter; a null block is ignored.
+void os_signal_set(qmi_cci_os_signal_type *p);
+
+} // namespace kvn_qmi
