@@ -82,9 +82,14 @@ Bytes content(const json &v, const std::string &where, bool allow_imei)
             fail("\"" + where + "\" is not hex");
         return *b;
     }
-    if (!v.is_object() || v.size() != 1)
-        fail("\"" + where + "\" must be a hex string or one of {\"hex\"}, {\"text\"}" +
-             (allow_imei ? ", {\"imei\"}" : ""));
+    auto shapes = std::string("a hex string or one of {\"hex\"}, {\"text\"}") + (allow_imei ? ", {\"imei\"}" : "");
+    if (!v.is_object())
+        fail("\"" + where + "\" must be " + shapes);
+    for (auto &[key, unused] : v.items())
+        if (key != "hex" && key != "text" && !(allow_imei && key == "imei"))
+            fail("unknown key \"" + join(where, key) + "\"");
+    if (v.size() != 1)
+        fail("\"" + where + "\" must be " + shapes);
     auto [k, val] = *v.items().begin();
     std::string s = string(val, join(where, k));
     if (k == "hex") {

@@ -75,7 +75,7 @@ std::optional<uint64_t> parse_number(std::string_view text, uint64_t max)
     uint64_t v = 0;
     for (char c : text) {
         int d = hex_value(c);
-        if (d < 0 || static_cast<unsigned>(d) >= base)
+        if (d < 0 || static_cast<unsigned>(d) >= base || static_cast<uint64_t>(d) > max)
             return std::nullopt;
         if (v > (max - static_cast<uint64_t>(d)) / base)
             return std::nullopt;
