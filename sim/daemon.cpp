@@ -1,7 +1,7 @@
 // daemon.cpp - bringing up and tearing down a kvn-sim daemon. The state
 // directory is locked for the daemon's lifetime (one handset per directory);
-// the default scenario is applied once, when the directory is new; a scenario
-// named at start is applied on every start. The socket file is removed when
+// the default scenario is applied once, to a new directory started without a
+// scenario; a scenario named at start is applied on every start. The socket file is removed when
 // the daemon stops.
 #include "daemon.h"
 
@@ -122,7 +122,7 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
     register_all_services(h);
     fs::path marker = fs::path(opt.state_dir) / "initialized";
     if (!fs::exists(marker, ec)) {
-        if (!apply_scenario(h, nlohmann::json::parse(kDefaultScenario), &err)) {
+        if (opt.scenario.empty() && !apply_scenario(h, nlohmann::json::parse(kDefaultScenario), &err)) {
             report(ready_fd, "ERR default scenario: " + err);
             return 1;
         }
