@@ -417,7 +417,9 @@ extern "C" int32_t qmi_idl_message_encode(qmi_idl_service_object_type p_service,
 
 // Decodes TLVs in any order into a cleared record. A repeated TLV is refused:
 // a modem never sends one, and taking either copy would silently hide the
-// other. Input longer than the table's largest length is refused as well.
+// other. Input longer than the service's largest message is refused; the
+// message's own largest length is not applied here, because a newer modem
+// may add TLVs this table does not know, and those are skipped, not fatal.
 extern "C" int32_t qmi_idl_message_decode(qmi_idl_service_object_type p_service,
                                           qmi_idl_type_of_message_type req_resp_ind, uint16_t message_id,
                                           const void *p_src, uint32_t src_len, void *p_dst, uint32_t dst_len)
@@ -431,7 +433,7 @@ extern "C" int32_t qmi_idl_message_decode(qmi_idl_service_object_type p_service,
         return QMI_IDL_LIB_PARAMETER_ERROR;
     if (dst_len < e->c_struct_len)
         return QMI_IDL_LIB_BUFFER_TOO_SMALL;
-    if (src_len > e->max_msg_len)
+    if (src_len > p_service->max_msg_len)
         return QMI_IDL_LIB_MESSAGE_TOO_LONG;
     auto *base = static_cast<uint8_t *>(p_dst);
     const size_t rec_size = e->c_struct_len;

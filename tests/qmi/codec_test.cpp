@@ -1,0 +1,590 @@
+// codec_test.cpp - the table-driven codec against the published wire bytes of
+// each UIM, SAR and NAS message, every message filled to its maximum, and
+// malformed input that must be refused without a byte written outside the
+// C record.
+#include <network_access_service_v01.h>
+#include <qmi_idl_lib.h>
+#include <specific_absorption_rate_v01.h>
+#include <user_identity_module_v01.h>
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstring>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes hex(const std::string &s)
+{
+    Bytes out;
+    std::istringstream in(s);
+    std::string tok;
+    while (in >> tok)
+        if (tok != "|")
+            out.push_back(static_cast<uint8_t>(std::stoul(tok, nullptr, 16)));
+    return out;
+}
+
+qmi_idl_service_object_type uim() { return uim_get_service_object_v01(); }
+qmi_idl_service_object_type sar() { return sar_get_service_object_v01(); }
+qmi_idl_service_object_type nas() { return nas_get_service_object_v01(); }
+
+const uint8_t kIsdR[16] = {0xA0, 0x00, 0x00, 0x05, 0x59, 0x10, 0x10, 0xFF,
+                           0xFF, 0xFF, 0xFF, 0x89, 0x00, 0x00, 0x01, 0x00};
+
+/* ---- published byte vectors ---- */
+
+struct Vector {
+    const char *name;
+    qmi_idl_service_object_type (*svc)();
+    qmi_idl_type_of_message_type kind;
+    uint16_t msg_id;
+    size_t c_size;
+    std::function<void(void *)> fill;
+    const char *wire;
+};
+
+std::vector<Vector> vectors()
+{
+    return {
+        {"apdu_request", uim, QMI_IDL_REQUEST, QMI_UIM_SEND_APDU_REQ_V01, sizeof(uim_send_apdu_req_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<uim_send_apdu_req_msg_v01 *>(p);
+             r->slot = UIM_SLOT_1_V01;
+             r->apdu_len = 5;
+             const uint8_t apdu[] = {0x80, 0xCA, 0x9F, 0x7F, 0x00};
+             std::memcpy(r->apdu, apdu, 5);
+             r->channel_id_valid = 1;
+             r->channel_id = 1;
+         },
+         "01 01 00 01 | 02 07 00 05 00 80 CA 9F 7F 00 | 10 01 00 01"},
+        {"apdu_request_procedure_bytes", uim, QMI_IDL_REQUEST, QMI_UIM_SEND_APDU_REQ_V01,
+         sizeof(uim_send_apdu_req_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<uim_send_apdu_req_msg_v01 *>(p);
+             r->slot = UIM_SLOT_2_V01;
+             r->apdu_len = 1;
+             r->apdu[0] = 0x00;
+             r->channel_id_valid = 1;
+             r->channel_id = 3;
+             r->procedure_bytes_valid = 1;
+             r->procedure_bytes = 1;
+         },
+         "01 01 00 02 | 02 03 00 01 00 00 | 10 01 00 03 | 11 01 00 01"},
+        {"apdu_response", uim, QMI_IDL_RESPONSE, QMI_UIM_SEND_APDU_RESP_V01, sizeof(uim_send_apdu_resp_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<uim_send_apdu_resp_msg_v01 *>(p);
+             r->apdu_valid = 1;
+             r->apdu_len = 3;
+             r->apdu[0] = 0x01;
+             r->apdu[1] = 0x90;
+             r->apdu[2] = 0x00;
+         },
+         "02 04 00 00 00 00 00 | 10 05 00 03 00 01 90 00"},
+        {"sar_get_state_dsi_3", sar, QMI_IDL_RESPONSE, QMI_SAR_RF_GET_STATE_RESP_MSG_V01,
+         sizeof(sar_rf_get_state_resp_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<sar_rf_get_state_resp_msg_v01 *>(p);
+             r->sar_rf_state_valid = 1;
+             r->sar_rf_state = QMI_SAR_RF_STATE_3_V01;
+         },
+         "02 04 00 00 00 00 00 | 10 04 00 03 00 00 00"},
+        {"sar_set_state_failure", sar, QMI_IDL_RESPONSE, QMI_SAR_RF_SET_STATE_RESP_MSG_V01,
+         sizeof(sar_rf_set_state_resp_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<sar_rf_set_state_resp_msg_v01 *>(p);
+             r->resp.result = QMI_RESULT_FAILURE_V01;
+             r->resp.error = QMI_ERR_NO_EFFECT_V01;
+         },
+         "02 04 00 01 00 1A 00"},
+        {"sar_set_state_request", sar, QMI_IDL_REQUEST, QMI_SAR_RF_SET_STATE_REQ_MSG_V01,
+         sizeof(sar_rf_set_state_req_msg_v01),
+         [](void *p) { static_cast<sar_rf_set_state_req_msg_v01 *>(p)->sar_rf_state = QMI_SAR_RF_STATE_8_V01; },
+         "01 04 00 08 00 00 00"},
+        {"power_up_slot2_ignore_hotswap", uim, QMI_IDL_REQUEST, QMI_UIM_POWER_UP_REQ_V01,
+         sizeof(uim_power_up_req_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<uim_power_up_req_msg_v01 *>(p);
+             r->slot = UIM_SLOT_2_V01;
+             r->ignore_hotswap_switch_valid = 1;
+             r->ignore_hotswap_switch = 1;
+             r->card_mode_valid = 1;
+             r->card_mode = UIM_CARD_MODE_TELECOM_CARD_V01;
+         },
+         "01 01 00 02 | 10 01 00 01 | 11 01 00 00"},
+        {"power_down_slot2", uim, QMI_IDL_REQUEST, QMI_UIM_POWER_DOWN_REQ_V01, sizeof(uim_power_down_req_msg_v01),
+         [](void *p) { static_cast<uim_power_down_req_msg_v01 *>(p)->slot = UIM_SLOT_2_V01; }, "01 01 00 02"},
+        {"nas_bind_secondary", nas, QMI_IDL_REQUEST, QMI_NAS_BIND_SUBSCRIPTION_REQ_MSG_V01,
+         sizeof(nas_bind_subscription_req_msg_v01),
+         [](void *p) {
+             static_cast<nas_bind_subscription_req_msg_v01 *>(p)->subs_type = NAS_SECONDARY_SUBSCRIPTION_V01;
+         },
+         "01 01 00 01"},
+        {"nas_register_serving_system_only", nas, QMI_IDL_REQUEST, QMI_NAS_INDICATION_REGISTER_REQ_MSG_V01,
+         sizeof(nas_indication_register_req_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<nas_indication_register_req_msg_v01 *>(p);
+             r->req_serving_system_valid = 1;
+             r->req_serving_system = 0;
+         },
+         "13 01 00 00"},
+        {"nas_register_ordered", nas, QMI_IDL_REQUEST, QMI_NAS_INDICATION_REGISTER_REQ_MSG_V01,
+         sizeof(nas_indication_register_req_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<nas_indication_register_req_msg_v01 *>(p);
+             r->reg_sys_sel_pref_valid = 1;
+             r->reg_sys_sel_pref = 1;
+             r->network_reject_valid = 1;
+             r->network_reject.reg_network_reject = 1;
+             r->network_reject.suppress_sys_info = 0;
+             r->reg_lte_sib16_network_time_valid = 1;
+             r->reg_lte_sib16_network_time = 1;
+             r->reg_more[NAS_REG_MORE_SWITCHES_V01 - 1][0] = 1; // TLV 0x65
+             r->reg_more[NAS_REG_MORE_SWITCHES_V01 - 1][1] = 1;
+         },
+         "10 01 00 01 | 21 02 00 01 00 | 27 01 00 01 | 65 01 00 01"},
+        {"open_channel_isd_r", uim, QMI_IDL_REQUEST, QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01,
+         sizeof(uim_open_logical_channel_req_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<uim_open_logical_channel_req_msg_v01 *>(p);
+             r->slot = UIM_SLOT_2_V01;
+             r->aid_valid = 1;
+             r->aid_len = 16;
+             std::memcpy(r->aid, kIsdR, 16);
+             r->file_control_information_valid = 1;
+             r->file_control_information = UIM_FILE_CONTROL_INFORMATION_FCP_V01;
+         },
+         "01 01 00 02 | 10 11 00 10 A0 00 00 05 59 10 10 FF FF FF FF 89 00 00 01 00 | 11 01 00 01"},
+        {"open_channel_response", uim, QMI_IDL_RESPONSE, QMI_UIM_OPEN_LOGICAL_CHANNEL_RESP_V01,
+         sizeof(uim_open_logical_channel_resp_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<uim_open_logical_channel_resp_msg_v01 *>(p);
+             r->channel_id_valid = 1;
+             r->channel_id = 2;
+             r->card_result_valid = 1;
+             r->card_result.sw1 = 0x90;
+             r->card_result.sw2 = 0x00;
+             r->select_response_valid = 1;
+             r->select_response_len = 2;
+             r->select_response[0] = 0x62;
+             r->select_response[1] = 0x00;
+         },
+         "02 04 00 00 00 00 00 | 10 01 00 02 | 11 02 00 90 00 | 12 03 00 02 62 00"},
+        {"close_channel", uim, QMI_IDL_REQUEST, QMI_UIM_LOGICAL_CHANNEL_REQ_V01,
+         sizeof(uim_logical_channel_req_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<uim_logical_channel_req_msg_v01 *>(p);
+             r->slot = UIM_SLOT_2_V01;
+             r->channel_id_valid = 1;
+             r->channel_id = 2;
+             r->terminate_application_valid = 1;
+             r->terminate_application = 0;
+         },
+         "01 01 00 02 | 11 01 00 02 | 13 01 00 00"},
+        {"card_status_request", uim, QMI_IDL_REQUEST, QMI_UIM_GET_CARD_STATUS_REQ_V01,
+         sizeof(uim_get_card_status_req_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<uim_get_card_status_req_msg_v01 *>(p);
+             r->extended_card_status_valid = 1;
+             r->extended_card_status = 1;
+         },
+         "10 01 00 01"},
+        {"card_status_response", uim, QMI_IDL_RESPONSE, QMI_UIM_GET_CARD_STATUS_RESP_V01,
+         sizeof(uim_get_card_status_resp_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<uim_get_card_status_resp_msg_v01 *>(p);
+             auto &e = r->extended_card_status;
+             r->extended_card_status_valid = 1;
+             e.index_gw_len = 1;
+             e.index_gw[0] = 0x0100; // slot 1, application 0
+             e.index_1x_len = 0;
+             e.card_info_len = 2;
+             e.card_info[0].card_state = UIM_CARD_STATE_PRESENT_V01;
+             e.card_info[0].upin.pin_state = UIM_PIN_STATE_DISABLED_V01;
+             e.card_info[0].upin.pin_retries = 3;
+             e.card_info[0].upin.puk_retries = 10;
+             e.card_info[0].app_info_len = 1;
+             auto &a = e.card_info[0].app_info[0];
+             a.app_type = UIM_APP_TYPE_USIM_V01;
+             a.app_state = UIM_APP_STATE_READY_V01;
+             a.perso_state = 2;
+             a.perso_feature = 11;
+             a.aid_value_len = 2;
+             a.aid_value[0] = 0xA0;
+             a.aid_value[1] = 0x87;
+             a.pin1.pin_state = UIM_PIN_STATE_ENABLED_VERIFIED_V01;
+             a.pin1.pin_retries = 3;
+             a.pin1.puk_retries = 10;
+             e.card_info[1].card_state = UIM_CARD_STATE_ABSENT_V01;
+             e.card_info[1].error_code = 6;
+             r->hot_swap_valid = 1;
+             r->hot_swap_len = 2;
+             r->hot_swap[0] = UIM_HOT_SWAP_STATUS_PRESENT_V01;
+             r->hot_swap[1] = UIM_HOT_SWAP_STATUS_NOT_PRESENT_V01;
+         },
+         "02 04 00 00 00 00 00 | 11 03 00 02 02 03 | "
+         "13 21 00 01 00 01 00 02 "                     // gw 1 x 0x0100, 1x none, 2 cards
+         "01 03 03 0A 00 01 "                             // card 1: present, UPIN disabled 3/10, 1 app
+         "02 07 02 0B 00 00 02 A0 87 00 02 03 0A 00 00 00 " // USIM ready, AID A0 87, PIN1 verified 3/10
+         "00 00 00 00 06 00"},                            // card 2: absent, possibly removed
+        {"eid_request", uim, QMI_IDL_REQUEST, QMI_UIM_GET_EID_REQ_V01, sizeof(uim_get_eid_req_msg_v01),
+         [](void *p) { static_cast<uim_get_eid_req_msg_v01 *>(p)->slot = UIM_SLOT_2_V01; }, "01 01 00 02"},
+        {"eid_response", uim, QMI_IDL_RESPONSE, QMI_UIM_GET_EID_RESP_V01, sizeof(uim_get_eid_resp_msg_v01),
+         [](void *p) {
+             auto *r = static_cast<uim_get_eid_resp_msg_v01 *>(p);
+             r->eid_value_valid = 1;
+             r->eid_value_len = 16;
+             for (int i = 0; i < 16; ++i)
+                 r->eid_value[i] = uint8_t(0x89 + i);
+         },
+         "02 04 00 00 00 00 00 | 10 11 00 10 89 8A 8B 8C 8D 8E 8F 90 91 92 93 94 95 96 97 98"},
+    };
+}
+
+class PublishedBytes : public ::testing::TestWithParam<Vector> {};
+
+TEST_P(PublishedBytes, EncodesExactlyAndDecodesBack)
+{
+    const Vector &v = GetParam();
+    std::vector<uint8_t> rec(v.c_size, 0);
+    v.fill(rec.data());
+    const Bytes want = hex(v.wire);
+
+    Bytes out(4096, 0xEE);
+    uint32_t len = 0;
+    ASSERT_EQ(QMI_IDL_LIB_NO_ERR, qmi_idl_message_encode(v.svc(), v.kind, v.msg_id, rec.data(), uint32_t(rec.size()),
+                                                         out.data(), uint32_t(out.size()), &len));
+    out.resize(len);
+    EXPECT_EQ(want, out);
+
+    std::vector<uint8_t> back(v.c_size, 0x5A); // decode must clear it first
+    ASSERT_EQ(QMI_IDL_LIB_NO_ERR, qmi_idl_message_decode(v.svc(), v.kind, v.msg_id, want.data(), uint32_t(want.size()),
+                                                         back.data(), uint32_t(back.size())));
+    EXPECT_EQ(0, std::memcmp(rec.data(), back.data(), rec.size()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Messages, PublishedBytes, ::testing::ValuesIn(vectors()),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+/* ---- every message at its maximum ---- */
+
+// Fills a record as full as its layout allows: every valid flag set, every
+// variable array at its maximum count, every integer at a value that fits its
+// wire width, so the encoding has the largest length the table can produce.
+void fill_max(const qmi_idl_elem_info *ei, uint8_t *base)
+{
+    for (const qmi_idl_elem_info *r = ei; r && r->data_type != QMI_IDL_EOTI; ++r) {
+        uint8_t *at = base + r->offset;
+        size_t n = r->array_type == QMI_IDL_STATIC_ARRAY ? r->elem_len : 1;
+        if (r->data_type == QMI_IDL_OPT_FLAG) {
+            *at = 1;
+            continue;
+        }
+        if (r->data_type == QMI_IDL_DATA_LEN) {
+            const qmi_idl_elem_info *arr = r + 1;
+            const uint32_t count = arr->elem_len;
+            std::memcpy(at, &count, 4);
+            ++r;
+            at = base + r->offset;
+            n = count;
+        }
+        for (size_t i = 0; i < n; ++i) {
+            uint8_t *el = at + i * r->c_size;
+            if (r->data_type == QMI_IDL_STRUCT)
+                fill_max(r->ei_array, el);
+            else
+                el[0] = 1; // 1 fits every width; the higher bytes stay 0
+        }
+    }
+}
+
+struct Table {
+    const char *name;
+    qmi_idl_service_object_type (*svc)();
+};
+
+class MaximumLength : public ::testing::TestWithParam<Table> {};
+
+TEST_P(MaximumLength, EveryMessageFitsItsDeclaredLargestLength)
+{
+    qmi_idl_service_object_type svc = GetParam().svc();
+    ASSERT_NE(nullptr, svc);
+    for (int kind = 0; kind < QMI_IDL_NUM_MSG_TYPES; ++kind) {
+        for (uint16_t i = 0; i < svc->n_msgs[kind]; ++i) {
+            const qmi_idl_message_table_entry &e = svc->msgid_to_msg[kind][i];
+            SCOPED_TRACE(testing::Message() << "kind " << kind << " msg 0x" << std::hex << e.msg_id);
+            std::vector<uint8_t> rec(e.c_struct_len + 1, 0);
+            fill_max(e.ei, rec.data());
+            Bytes out(e.max_msg_len + 64);
+            uint32_t len = 0;
+            ASSERT_EQ(QMI_IDL_LIB_NO_ERR,
+                      qmi_idl_message_encode(svc, qmi_idl_type_of_message_type(kind), e.msg_id, rec.data(),
+                                             e.c_struct_len, out.data(), uint32_t(out.size()), &len));
+            EXPECT_EQ(e.max_msg_len, len) << "declared largest length is not the real one";
+            EXPECT_LE(len + 7u, svc->max_msg_len + 7u);
+
+            std::vector<uint8_t> back(e.c_struct_len + 1, 0);
+            ASSERT_EQ(QMI_IDL_LIB_NO_ERR, qmi_idl_message_decode(svc, qmi_idl_type_of_message_type(kind), e.msg_id,
+                                                                 out.data(), len, back.data(), e.c_struct_len));
+            EXPECT_EQ(0, std::memcmp(rec.data(), back.data(), e.c_struct_len));
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Services, MaximumLength,
+                         ::testing::Values(Table{"uim", uim}, Table{"sar", sar}, Table{"nas", nas}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+/* ---- service objects ---- */
+
+TEST(ServiceObjects, OnlyTheExactVersionTriple)
+{
+    EXPECT_NE(nullptr, uim_get_service_object_internal_v01(1, 102, 6));
+    EXPECT_EQ(nullptr, uim_get_service_object_internal_v01(1, 101, 6));
+    EXPECT_EQ(nullptr, uim_get_service_object_internal_v01(2, 102, 6));
+    EXPECT_EQ(nullptr, uim_get_service_object_internal_v01(1, 102, 5));
+    EXPECT_NE(nullptr, sar_get_service_object_internal_v01(1, 14, 6));
+    EXPECT_EQ(nullptr, sar_get_service_object_internal_v01(1, 15, 6));
+    EXPECT_NE(nullptr, nas_get_service_object_internal_v01(1, 378, 6));
+    EXPECT_EQ(nullptr, nas_get_service_object_internal_v01(1, 378, 7));
+
+    EXPECT_EQ(11u, uim()->service_id);
+    EXPECT_EQ(0x11u, sar()->service_id);
+    EXPECT_EQ(8204u, sar()->max_msg_len);
+    EXPECT_EQ(13, sar()->n_msgs_declared[0]);
+    EXPECT_EQ(1, sar()->n_msgs_declared[2]);
+    EXPECT_EQ(3u, nas()->service_id);
+    EXPECT_EQ(36643u, nas()->max_msg_len);
+    EXPECT_EQ(77, nas()->n_msgs_declared[2]);
+}
+
+TEST(ServiceObjects, RecordLengthsByLookup)
+{
+    struct {
+        qmi_idl_service_object_type svc;
+        qmi_idl_type_of_message_type kind;
+        uint16_t id;
+        uint32_t len;
+    } cases[] = {
+        {uim(), QMI_IDL_REQUEST, 0x2F, 2},     {uim(), QMI_IDL_RESPONSE, 0x2F, 10616},
+        {uim(), QMI_IDL_REQUEST, 0x30, 4},     {uim(), QMI_IDL_RESPONSE, 0x30, 8},
+        {uim(), QMI_IDL_REQUEST, 0x31, 12},    {uim(), QMI_IDL_REQUEST, 0x42, 52},
+        {uim(), QMI_IDL_RESPONSE, 0x42, 1304}, {uim(), QMI_IDL_REQUEST, 0x3F, 56},
+        {uim(), QMI_IDL_RESPONSE, 0x3F, 1304}, {uim(), QMI_IDL_REQUEST, 0x3B, 1056},
+        {uim(), QMI_IDL_RESPONSE, 0x3B, 1052}, {uim(), QMI_IDL_REQUEST, 0x65, 4},
+        {uim(), QMI_IDL_RESPONSE, 0x65, 32},   {sar(), QMI_IDL_RESPONSE, 0x02, 40},
+        {nas(), QMI_IDL_REQUEST, 0x03, 169},   {nas(), QMI_IDL_REQUEST, 0x45, 4},
+    };
+    for (const auto &c : cases) {
+        uint32_t len = 0;
+        EXPECT_EQ(QMI_IDL_LIB_NO_ERR, qmi_idl_get_message_c_struct_len(c.svc, c.kind, c.id, &len));
+        EXPECT_EQ(c.len, len) << "msg 0x" << std::hex << c.id;
+    }
+    uint32_t len = 0;
+    EXPECT_EQ(QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND, qmi_idl_get_message_c_struct_len(uim(), QMI_IDL_INDICATION, 0x32, &len));
+    EXPECT_EQ(QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND, qmi_idl_get_message_c_struct_len(sar(), QMI_IDL_REQUEST, 0x03, &len));
+}
+
+/* ---- malformed input ---- */
+
+// A record with guard bytes on both sides; decode must never touch them.
+class Guarded {
+public:
+    explicit Guarded(size_t size) : size_(size), buf_(size + 2 * kGuard, kFill) {}
+    uint8_t *rec() { return buf_.data() + kGuard; }
+    uint32_t size() const { return uint32_t(size_); }
+    bool guards_intact() const
+    {
+        for (size_t i = 0; i < kGuard; ++i)
+            if (buf_[i] != kFill || buf_[kGuard + size_ + i] != kFill)
+                return false;
+        return true;
+    }
+
+private:
+    static constexpr size_t kGuard = 64;
+    static constexpr uint8_t kFill = 0xA5;
+    size_t size_;
+    std::vector<uint8_t> buf_;
+};
+
+struct Bad {
+    const char *name;
+    qmi_idl_type_of_message_type kind;
+    uint16_t msg_id;
+    size_t c_size;
+    const char *wire;
+    int want;
+};
+
+class MalformedInput : public ::testing::TestWithParam<Bad> {};
+
+TEST_P(MalformedInput, RefusedInsideTheRecord)
+{
+    const Bad &b = GetParam();
+    Guarded g(b.c_size);
+    const Bytes in = hex(b.wire);
+    EXPECT_EQ(b.want, qmi_idl_message_decode(uim(), b.kind, b.msg_id, in.data(), uint32_t(in.size()), g.rec(), g.size()));
+    EXPECT_TRUE(g.guards_intact());
+}
+
+constexpr size_t kEidResp = sizeof(uim_get_eid_resp_msg_v01);
+constexpr size_t kApduReq = sizeof(uim_send_apdu_req_msg_v01);
+constexpr size_t kStatus = sizeof(uim_get_card_status_resp_msg_v01);
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, MalformedInput,
+    ::testing::Values(
+        Bad{"tlv_runs_past_end", QMI_IDL_RESPONSE, 0x65, kEidResp, "02 04 00 00 00 00 00 10 11 00 10 01 02 03",
+            QMI_IDL_LIB_MESSAGE_DATA_ERROR},
+        Bad{"cut_inside_tlv_header", QMI_IDL_RESPONSE, 0x65, kEidResp, "02 04 00 00 00 00 00 10 11",
+            QMI_IDL_LIB_MESSAGE_DATA_ERROR},
+        Bad{"count_above_maximum", QMI_IDL_RESPONSE, 0x65, kEidResp,
+            "02 04 00 00 00 00 00 10 12 00 11 00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10",
+            QMI_IDL_LIB_ARRAY_TOO_BIG},
+        Bad{"count_beyond_tlv", QMI_IDL_RESPONSE, 0x65, kEidResp, "02 04 00 00 00 00 00 10 03 00 05 01 02",
+            QMI_IDL_LIB_LENGTH_INCONSISTENCY},
+        Bad{"tlv_longer_than_field", QMI_IDL_REQUEST, 0x30, 4, "01 02 00 02 00", QMI_IDL_LIB_TLV_TOO_LONG},
+        Bad{"result_tlv_too_short", QMI_IDL_RESPONSE, 0x30, 8, "02 03 00 00 00 00", QMI_IDL_LIB_LENGTH_INCONSISTENCY},
+        Bad{"missing_mandatory_apdu", QMI_IDL_REQUEST, 0x3B, kApduReq, "01 01 00 01 10 01 00 01",
+            QMI_IDL_LIB_MISSING_TLV},
+        Bad{"missing_result", QMI_IDL_RESPONSE, 0x65, kEidResp, "10 01 00 00", QMI_IDL_LIB_MISSING_TLV},
+        Bad{"duplicated_tlv", QMI_IDL_REQUEST, 0x30, 4, "01 01 00 01 01 01 00 02", QMI_IDL_LIB_MESSAGE_DATA_ERROR},
+        Bad{"apdu_u16_count_above_1024", QMI_IDL_REQUEST, 0x3B, kApduReq, "01 01 00 01 02 02 00 01 04",
+            QMI_IDL_LIB_ARRAY_TOO_BIG},
+        // Three cards where the legacy status holds two.
+        Bad{"nested_card_count", QMI_IDL_RESPONSE, 0x2F, kStatus,
+            "02 04 00 00 00 00 00 10 09 00 FF FF FF FF FF FF FF FF 03", QMI_IDL_LIB_ARRAY_TOO_BIG},
+        // An application whose AID runs past the end of its card.
+        Bad{"nested_aid_past_tlv", QMI_IDL_RESPONSE, 0x2F, kStatus,
+            "02 04 00 00 00 00 00 10 14 00 FF FF FF FF FF FF FF FF 01 01 00 00 00 00 01 02 07 00 00 00 00 20 A0",
+            QMI_IDL_LIB_LENGTH_INCONSISTENCY},
+        Bad{"unknown_tlv_skipped", QMI_IDL_REQUEST, 0x30, 4, "7F 03 00 AA BB CC 01 01 00 02", QMI_IDL_LIB_NO_ERR},
+        Bad{"order_reversed", QMI_IDL_REQUEST, 0x3B, kApduReq, "10 01 00 01 02 07 00 05 00 80 CA 9F 7F 00 01 01 00 01",
+            QMI_IDL_LIB_NO_ERR},
+        Bad{"record_too_small", QMI_IDL_RESPONSE, 0x65, kEidResp - 1, "02 04 00 00 00 00 00",
+            QMI_IDL_LIB_BUFFER_TOO_SMALL}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+TEST(Malformed, ReversedOrderGivesTheSameRecord)
+{
+    const Bytes fwd = hex("01 01 00 01 02 07 00 05 00 80 CA 9F 7F 00 10 01 00 01");
+    const Bytes rev = hex("10 01 00 01 02 07 00 05 00 80 CA 9F 7F 00 7E 00 00 01 01 00 01");
+    uim_send_apdu_req_msg_v01 a, b;
+    ASSERT_EQ(0, qmi_idl_message_decode(uim(), QMI_IDL_REQUEST, 0x3B, fwd.data(), uint32_t(fwd.size()), &a, sizeof(a)));
+    ASSERT_EQ(0, qmi_idl_message_decode(uim(), QMI_IDL_REQUEST, 0x3B, rev.data(), uint32_t(rev.size()), &b, sizeof(b)));
+    EXPECT_EQ(0, std::memcmp(&a, &b, sizeof(a)));
+    EXPECT_EQ(5u, b.apdu_len);
+    EXPECT_EQ(0x7F, b.apdu[3]);
+}
+
+TEST(Malformed, UnknownTlvsMayExceedTheMessageButNotTheService)
+{
+    // Unknown TLVs beyond power down's 7 bytes are skipped...
+    Bytes in = hex("02 04 00 00 00 00 00 7F 04 00 01 02 03 04");
+    uim_power_down_resp_msg_v01 r;
+    EXPECT_EQ(QMI_IDL_LIB_NO_ERR,
+              qmi_idl_message_decode(uim(), QMI_IDL_RESPONSE, 0x30, in.data(), uint32_t(in.size()), &r, sizeof(r)));
+    // ...but nothing longer than the service's largest message is read.
+    in = hex("02 04 00 00 00 00 00");
+    const size_t fill = uim()->max_msg_len;
+    in.push_back(0x7F);
+    in.push_back(uint8_t(fill));
+    in.push_back(uint8_t(fill >> 8));
+    in.resize(in.size() + fill, 0);
+    EXPECT_EQ(QMI_IDL_LIB_MESSAGE_TOO_LONG,
+              qmi_idl_message_decode(uim(), QMI_IDL_RESPONSE, 0x30, in.data(), uint32_t(in.size()), &r, sizeof(r)));
+}
+
+/* ---- encoder refusals ---- */
+
+TEST(EncodeRefusals, CountsValuesAndRoom)
+{
+    uint8_t out[2048];
+    uint32_t len = 0;
+
+    uim_open_logical_channel_req_msg_v01 open{};
+    open.slot = UIM_SLOT_1_V01;
+    open.aid_valid = 1;
+    open.aid_len = QMI_UIM_AID_MAX_V01 + 1;
+    EXPECT_EQ(QMI_IDL_LIB_ARRAY_TOO_BIG,
+              qmi_idl_message_encode(uim(), QMI_IDL_REQUEST, 0x42, &open, sizeof(open), out, sizeof(out), &len));
+
+    // A slot that does not fit the one wire byte is an error, not a silent cut.
+    uim_power_down_req_msg_v01 down{};
+    down.slot = static_cast<uim_slot_enum_v01>(0x102);
+    EXPECT_EQ(QMI_IDL_LIB_PARAMETER_ERROR,
+              qmi_idl_message_encode(uim(), QMI_IDL_REQUEST, 0x30, &down, sizeof(down), out, sizeof(out), &len));
+
+    down.slot = UIM_SLOT_2_V01;
+    EXPECT_EQ(QMI_IDL_LIB_BUFFER_TOO_SMALL,
+              qmi_idl_message_encode(uim(), QMI_IDL_REQUEST, 0x30, &down, sizeof(down), out, 3, &len));
+    EXPECT_EQ(QMI_IDL_LIB_PARAMETER_ERROR,
+              qmi_idl_message_encode(uim(), QMI_IDL_REQUEST, 0x30, &down, 2, out, sizeof(out), &len));
+    EXPECT_EQ(QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND,
+              qmi_idl_message_encode(uim(), QMI_IDL_REQUEST, 0x99, &down, sizeof(down), out, sizeof(out), &len));
+
+    // The SAR get-state request is a message without TLVs and without a record.
+    EXPECT_EQ(QMI_IDL_LIB_NO_ERR,
+              qmi_idl_message_encode(sar(), QMI_IDL_REQUEST, 0x02, nullptr, 0, out, sizeof(out), &len));
+    EXPECT_EQ(0u, len);
+}
+
+/* ---- widths and signs ---- */
+
+// A private layout with signed values narrower on the wire than in C, a
+// static array and a 2-byte count, to pin what no standard message here uses.
+struct Signed {
+    int32_t rssi;      // i8 on the wire
+    int16_t snr[2];    // i16 x 2, fixed
+    uint8_t list_valid;
+    uint32_t list_len; // u16 count on the wire
+    int64_t list[3];   // i32 on the wire
+};
+
+constexpr qmi_idl_elem_info kSignedEi[] = {
+    {QMI_IDL_SIGNED, QMI_IDL_NO_ARRAY, 0x01, 1, 4, 0, offsetof(Signed, rssi), nullptr},
+    {QMI_IDL_SIGNED, QMI_IDL_STATIC_ARRAY, 0x01, 2, 2, 2, offsetof(Signed, snr), nullptr},
+    {QMI_IDL_OPT_FLAG, QMI_IDL_NO_ARRAY, 0x10, 0, 1, 0, offsetof(Signed, list_valid), nullptr},
+    {QMI_IDL_DATA_LEN, QMI_IDL_NO_ARRAY, 0x10, 2, 4, 0, offsetof(Signed, list_len), nullptr},
+    {QMI_IDL_SIGNED, QMI_IDL_VAR_ARRAY, 0x10, 4, 8, 3, offsetof(Signed, list), nullptr},
+    {QMI_IDL_EOTI, 0, 0, 0, 0, 0, 0, nullptr},
+};
+constexpr qmi_idl_message_table_entry kSignedMsgs[] = {{0x0020, 64, sizeof(Signed), kSignedEi}};
+constexpr qmi_idl_service_object kSignedSvc = {6, 1, 0x42, 64, {1, 0, 0}, {kSignedMsgs, nullptr, nullptr}, 0, {1, 0, 0}};
+
+TEST(Widths, SignedValuesAreSignExtendedAndRangeChecked)
+{
+    const Bytes wire = hex("01 05 00 B5 F6 FF 0A 00 | 10 0A 00 02 00 FF FF FF FF 00 00 00 80");
+    Signed s;
+    ASSERT_EQ(0, qmi_idl_message_decode(&kSignedSvc, QMI_IDL_REQUEST, 0x20, wire.data(), uint32_t(wire.size()), &s,
+                                        sizeof(s)));
+    EXPECT_EQ(-75, s.rssi);
+    EXPECT_EQ(-10, s.snr[0]);
+    EXPECT_EQ(10, s.snr[1]);
+    EXPECT_EQ(1, s.list_valid);
+    EXPECT_EQ(2u, s.list_len);
+    EXPECT_EQ(-1, s.list[0]);
+    EXPECT_EQ(INT32_MIN, s.list[1]);
+
+    uint8_t out[64];
+    uint32_t len = 0;
+    ASSERT_EQ(0, qmi_idl_message_encode(&kSignedSvc, QMI_IDL_REQUEST, 0x20, &s, sizeof(s), out, sizeof(out), &len));
+    EXPECT_EQ(wire, Bytes(out, out + len));
+
+    s.rssi = -129; // below i8
+    EXPECT_EQ(QMI_IDL_LIB_PARAMETER_ERROR,
+              qmi_idl_message_encode(&kSignedSvc, QMI_IDL_REQUEST, 0x20, &s, sizeof(s), out, sizeof(out), &len));
+    s.rssi = 127;
+    s.list[0] = int64_t(INT32_MAX) + 1; // above i32
+    EXPECT_EQ(QMI_IDL_LIB_PARAMETER_ERROR,
+              qmi_idl_message_encode(&kSignedSvc, QMI_IDL_REQUEST, 0x20, &s, sizeof(s), out, sizeof(out), &len));
+}
+
+} // namespace
