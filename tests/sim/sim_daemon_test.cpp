@@ -6,8 +6,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include <signal.h>
 #include <sys/socket.h>
 
+#include <filesystem>
 #include <thread>
 
 #include "kvn_wire.h"
@@ -444,6 +446,31 @@ TEST(SimCli, StartFailuresAndUsage)
     EXPECT_EQ(sim.ctl({"efs", "ls", "1", "/data"}).out, "60000 /data/blob\n");
     EXPECT_EQ(sim.ctl({"efs", "rm", "1", "/data/blob"}).exit_code, 0);
     EXPECT_EQ(sim.ctl({"efs", "ls", "1", "/data"}).out, "");
+}
+
+} // namespace
+
+namespace {
+
+TEST(SimCli, SigtermStopsCleanlyAndRemovesTheSocket)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    auto out = sim.ctl({"status"}).out;
+    auto at = out.find("pid ");
+    ASSERT_NE(at, std::string::npos);
+    ASSERT_EQ(kill(std::atoi(out.c_str() + at + 4), SIGTERM), 0);
+    bool gone = false;
+    for (int i = 0; i < 250 && !gone; ++i) {
+        gone = !std::filesystem::exists(sim.socket());
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_TRUE(gone);
+    auto status = sim.ctl({"status"});
+    EXPECT_EQ(status.exit_code, 1);
+    EXPECT_NE(status.err.find("no kvn-sim answers"), std::string::npos);
+    // The same state directory starts again (its lock was released).
+    EXPECT_TRUE(sim.start());
 }
 
 } // namespace
