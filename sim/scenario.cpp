@@ -12,6 +12,8 @@ using nlohmann::json;
 
 namespace {
 
+/* ---- the table walker ---- */
+
 struct Plan {
     std::vector<std::function<bool(Handset &, std::string *)>> steps;
 };
@@ -106,6 +108,8 @@ Bytes content(const json &v, const std::string &where, bool allow_imei)
     }
     fail("unknown key \"" + join(where, k) + "\"");
 }
+
+/* ---- one parser per key ---- */
 
 void parse_properties(const json &v, const std::string &where, Plan &plan)
 {
@@ -261,6 +265,8 @@ const KeyRow kTopLevel[] = {
 };
 
 } // namespace
+
+/* ---- entry points ---- */
 
 std::optional<Bytes> encode_imei(const std::string &digits)
 {
