@@ -59,7 +59,25 @@ bool SimHandset::stop()
 {
     auto r = ctl({"stop"});
     started_ = false;
+    check_daemon_log();
     return r.exit_code == 0;
+}
+
+// The daemon's stdio goes to <state>/kvn-sim.log; a sanitizer report there
+// (from an asan/tsan build of kvn-sim) fails the test that ran it.
+void SimHandset::check_daemon_log() const
+{
+    std::ifstream in(state_dir() + "/kvn-sim.log");
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string log = text.str();
+    for (const char *marker : {"ERROR: AddressSanitizer", "WARNING: ThreadSanitizer", "runtime error:",
+                               "ERROR: LeakSanitizer"}) {
+        if (log.find(marker) != std::string::npos) {
+            ADD_FAILURE() << "kvn-sim reported a sanitizer finding:\n" << log;
+            return;
+        }
+    }
 }
 
 bool SimHandset::restart()

@@ -45,6 +45,8 @@ public:
     bool start(const std::string &scenario_path = "");
 
 private:
+    void check_daemon_log() const;
+
     TempDir dir_;
     std::string socket_;
     bool started_ = false;
