@@ -6,8 +6,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "pelmox_extend_cmn.h"
 #include "pelmox_shell.h"
 #include "pelmox_test_mbn.h"
+#include "pelmox_test_nvefs.h"
 
 typedef int (*pelmox_group_handler)(int argc, char *argv[]);
 
@@ -31,7 +33,9 @@ static int pelmox_group_not_supported(int argc, char *argv[])
 static const pelmox_group k_groups[] = {
     {1, pelmox_group_not_supported},
     {2, pelmox_group_not_supported},
+    {4, pelmox_test_nvefs_do},
     {5, pelmox_test_cmn_do},
+    {6, pelmox_test_qmi_send_data_do},
     {10, pelmox_test_mbn_do},
 };
 
