@@ -79,7 +79,7 @@ void Handset::accept_loop()
 bool Handset::send(Conn &c, const kvn_wire::Header &h, const Bytes &payload)
 {
     std::lock_guard<std::mutex> lock(c.write_mu);
-    return kvn_wire::write_packet(c.fd, h, payload);
+    return c.fd >= 0 && kvn_wire::write_packet(c.fd, h, payload);
 }
 
 std::optional<Bytes> Handset::handle_qmi(uint32_t service, uint16_t msg_id, const Bytes &tlvs)
@@ -222,7 +222,9 @@ void Handset::serve(std::shared_ptr<Conn> c)
             conns_.erase(it);
             break;
         }
+    std::lock_guard<std::mutex> wlock(c->write_mu); // no send may use the number once it is closed
     ::close(c->fd);
+    c->fd = -1;
 }
 
 void Handset::set_handler(Handler h)
