@@ -1,0 +1,246 @@
+// nvefs_test.cpp - the NV and EFS access functions in-process against one
+// kvn-sim, with buffers larger than the command line allows: argument checks
+// and their order, chunked EFS transfers as the journal shows them, reads cut
+// by the capacity, and the modem's and the transport's failures.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "../extend/extend_journal.h"
+#include "pelmox_extend_nvefs.h"
+
+using namespace extend_test;
+
+namespace {
+
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new SimEnvironment);
+
+class NvefsTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(sim().started());
+        sim().clear_journal();
+    }
+};
+
+std::vector<uint8_t> pattern(size_t n, uint32_t seed)
+{
+    std::vector<uint8_t> v(n);
+    for (size_t i = 0; i < n; ++i)
+        v[i] = uint8_t((i * 131 + seed) ^ (i >> 8));
+    return v;
+}
+
+/* ---- argument checks ---- */
+
+// Each refused call returns its code and sends nothing.
+TEST_F(NvefsTest, ArgumentChecksComeInTheirOrderAndSendNothing)
+{
+    uint8_t buf[500] = {};
+    uint32_t len = 10;
+    const char p71[] = "/aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
+    ASSERT_EQ(strlen(p71), 71u);
+    struct Case {
+        const char *name;
+        int got;
+        int want;
+    } cases[] = {
+        {"nv read sub 2", pelmox_nv_read(2, 7233, nullptr, nullptr), -104},
+        {"nv read id 7233", pelmox_nv_read(1, 7233, nullptr, nullptr), -109},
+        {"nv read null buf", pelmox_nv_read(1, 7232, nullptr, nullptr), -107},
+        {"nv read null len", pelmox_nv_read(1, 7232, buf, nullptr), -108},
+        {"nv read len 0", [&] { uint32_t z = 0; return pelmox_nv_read(0, 1, buf, &z); }(), -108},
+        {"nv write sub 7", pelmox_nv_write_ex(7, 1, buf, 10), -104},
+        {"nv write id 9999", pelmox_nv_write_ex(0, 9999, nullptr, 0), -109},
+        {"nv write null", pelmox_nv_write_ex(0, 1, nullptr, 10), -107},
+        {"nv write 0", pelmox_nv_write_ex(0, 1, buf, 0), -108},
+        {"nv write 425", pelmox_nv_write_ex(0, 1, buf, 425), -108},
+        {"nv delete sub 2", pelmox_nv_delete(2, 1), -104},
+        {"nv delete 7233", pelmox_nv_delete(0, 7233), -109},
+        {"efs read sub", pelmox_efs_read(2, nullptr, 0, nullptr, nullptr), -104},
+        {"efs read path 0", pelmox_efs_read(0, nullptr, 0, nullptr, nullptr), -106},
+        {"efs read path 72", pelmox_efs_read(0, nullptr, 72, nullptr, nullptr), -106},
+        {"efs read null path", pelmox_efs_read(0, nullptr, 5, nullptr, nullptr), -105},
+        {"efs read null buf", pelmox_efs_read(0, "/a", 2, nullptr, &len), -107},
+        {"efs read null len", pelmox_efs_read(0, "/a", 2, buf, nullptr), -108},
+        {"efs write path 71", pelmox_efs_write(0, p71, 71, buf, 10), -106},
+        {"efs write null path", pelmox_efs_write(0, nullptr, 3, buf, 10), -105},
+        {"efs write null buf", pelmox_efs_write(0, "/a", 2, nullptr, 10), -107},
+        {"efs write 0", pelmox_efs_write(0, "/a", 2, buf, 0), -108},
+        {"efs write 102411", pelmox_efs_write(0, "/a", 2, buf, 102411), -108},
+        {"efs delete path 71", pelmox_efs_delete(0, p71, 71), -106},
+        {"efs delete sub", pelmox_efs_delete(3, "/a", 2), -104},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(c.got, c.want) << c.name;
+    EXPECT_TRUE(extend_requests().empty());
+
+    // The boundaries themselves reach the modem: nv_id 7232 and a 71-byte
+    // read path (neither exists there).
+    EXPECT_EQ(pelmox_nv_read(0, 7232, buf, &len), 5);
+    len = 10;
+    EXPECT_LT(pelmox_efs_read(0, p71, 71, buf, &len), 0);
+    EXPECT_EQ(extend_requests().size(), 2u);
+}
+
+/* ---- NV ---- */
+
+TEST_F(NvefsTest, NvWriteReadDeleteRoundTripWithPayloadLayout)
+{
+    auto item = pattern(424, 3);
+    ASSERT_EQ(pelmox_nv_write_ex(1, 4321, item.data(), 424), 0);
+    auto reqs = extend_requests();
+    ASSERT_EQ(reqs.size(), 1u);
+    EXPECT_EQ(reqs[0].cmd_id, 2u);
+    EXPECT_EQ(reqs[0].data_len, 512u);
+    const auto &p = reqs[0].data;
+    EXPECT_EQ(p[0], 2);
+    EXPECT_EQ(p[1], 1);
+    EXPECT_EQ(le16(p, 2), 4321);
+    EXPECT_EQ(le32(p, 76), 424u);
+    EXPECT_EQ(std::vector<uint8_t>(p.begin() + 88, p.end()), item);
+
+    // A capacity larger than the item is lowered to it; a smaller one gets
+    // the first bytes and keeps its value.
+    std::vector<uint8_t> buf(1000, 0);
+    uint32_t len = 1000;
+    ASSERT_EQ(pelmox_nv_read(1, 4321, buf.data(), &len), 0);
+    ASSERT_EQ(len, 424u);
+    EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + 424), item);
+    len = 7;
+    std::vector<uint8_t> small(8, 0xEE);
+    ASSERT_EQ(pelmox_nv_read(1, 4321, small.data(), &len), 0);
+    EXPECT_EQ(len, 7u);
+    EXPECT_EQ(std::vector<uint8_t>(small.begin(), small.begin() + 7), std::vector<uint8_t>(item.begin(), item.begin() + 7));
+    EXPECT_EQ(small[7], 0xEE);
+
+    // The other subscription is another item.
+    len = 10;
+    EXPECT_EQ(pelmox_nv_read(0, 4321, buf.data(), &len), 5);
+
+    ASSERT_EQ(pelmox_nv_delete(1, 4321), 0);
+    len = 10;
+    EXPECT_EQ(pelmox_nv_read(1, 4321, buf.data(), &len), 5) << "the modem's result comes back unchanged";
+    EXPECT_EQ(pelmox_nv_delete(1, 4321), 5);
+}
+
+/* ---- EFS write ---- */
+
+TEST_F(NvefsTest, EfsWriteOf415BytesGoesAs414AndOne)
+{
+    auto data = pattern(415, 9);
+    ASSERT_EQ(pelmox_efs_write(0, "/t/four15", 9, data.data(), 415), 0);
+    auto reqs = extend_requests();
+    ASSERT_EQ(reqs.size(), 2u);
+    const auto &a = reqs[0].data, &b = reqs[1].data;
+    EXPECT_EQ(a[0], 5);
+    EXPECT_EQ(a[4], 9);
+    EXPECT_EQ(std::string(a.begin() + 5, a.begin() + 14), "/t/four15");
+    EXPECT_EQ(a[14], 0) << "path not terminated in the count, rest zero";
+    EXPECT_EQ(le16(a, 2), 0xFF) << "first chunk opens a transfer";
+    EXPECT_EQ(le32(a, 76), 415u);
+    EXPECT_EQ(le32(a, 80), 414u);
+    EXPECT_EQ(le32(a, 84), 0u);
+    EXPECT_EQ(std::vector<uint8_t>(a.begin() + 88, a.begin() + 502), std::vector<uint8_t>(data.begin(), data.begin() + 414));
+    EXPECT_NE(le16(b, 2), 0xFF) << "second chunk carries the modem's instance";
+    EXPECT_EQ(le32(b, 76), 415u);
+    EXPECT_EQ(le32(b, 80), 1u);
+    EXPECT_EQ(le32(b, 84), 414u);
+    EXPECT_EQ(b[88], data[414]);
+    EXPECT_EQ(b[89], 0);
+}
+
+TEST_F(NvefsTest, EfsLargestFileIn248ChunksReadsBackIdentical)
+{
+    auto data = pattern(102410, 1);
+    ASSERT_EQ(pelmox_efs_write(1, "/big/file.bin", 13, data.data(), 102410), 0);
+    auto reqs = extend_requests();
+    ASSERT_EQ(reqs.size(), 248u);
+    uint32_t pos = 0;
+    for (const auto &r : reqs) {
+        EXPECT_EQ(le32(r.data, 84), pos);
+        pos += le32(r.data, 80);
+    }
+    EXPECT_EQ(pos, 102410u);
+    sim().clear_journal();
+
+    // One byte of room beyond the file: a capacity equal to the file stops
+    // on the last chunk.
+    std::vector<uint8_t> back(102411, 0);
+    uint32_t len = 102411;
+    ASSERT_EQ(pelmox_efs_read(1, "/big/file.bin", 13, back.data(), &len), 0);
+    ASSERT_EQ(len, 102410u);
+    back.resize(len);
+    EXPECT_EQ(back, data);
+    EXPECT_EQ(extend_requests().size(), 242u) << "424-byte read chunks";
+
+    len = 102410;
+    std::vector<uint8_t> exact(102410, 0);
+    EXPECT_EQ(pelmox_efs_read(1, "/big/file.bin", 13, exact.data(), &len), -108);
+    EXPECT_EQ(len, 241u * 424u) << "the chunks that fit";
+}
+
+/* ---- EFS read ---- */
+
+// With 100-byte chunks, a 365-byte capacity takes three chunks of a 400-byte
+// file and stops on the fourth.
+TEST_F(NvefsTest, EfsReadIntoASmallerCapacityStopsAfterTheChunksThatFit)
+{
+    auto data = pattern(400, 5);
+    ASSERT_EQ(pelmox_efs_write(0, "/small/chunks", 13, data.data(), 400), 0);
+    load_scenario(R"({"efs_read_chunk": 100})");
+    sim().clear_journal();
+    std::vector<uint8_t> buf(365, 0xEE);
+    uint32_t len = 365;
+    EXPECT_EQ(pelmox_efs_read(0, "/small/chunks", 13, buf.data(), &len), -108);
+    EXPECT_EQ(len, 300u);
+    EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + 300), std::vector<uint8_t>(data.begin(), data.begin() + 300));
+    EXPECT_EQ(buf[300], 0xEE);
+    auto reqs = extend_requests();
+    ASSERT_EQ(reqs.size(), 4u);
+    for (size_t i = 0; i < reqs.size(); ++i) {
+        EXPECT_EQ(reqs[i].data[0], 4);
+        EXPECT_EQ(le32(reqs[i].data, 84), 100u * i);
+    }
+
+    // Enough room: the whole file in four chunks.
+    std::vector<uint8_t> all(401);
+    len = 401;
+    EXPECT_EQ(pelmox_efs_read(0, "/small/chunks", 13, all.data(), &len), 0);
+    EXPECT_EQ(len, 400u);
+    load_scenario(R"({"efs_read_chunk": 424})");
+}
+
+TEST_F(NvefsTest, EfsDeleteAndMissingFile)
+{
+    uint8_t one = 0x42;
+    ASSERT_EQ(pelmox_efs_write(0, "/del/me", 7, &one, 1), 0);
+    EXPECT_EQ(pelmox_efs_delete(0, "/del/me", 7), 0);
+    uint8_t buf[16];
+    uint32_t len = 16;
+    EXPECT_LT(pelmox_efs_read(0, "/del/me", 7, buf, &len), 0);
+    EXPECT_LT(pelmox_efs_delete(0, "/del/me", 7), 0);
+    auto reqs = extend_requests();
+    ASSERT_EQ(reqs.size(), 4u);
+    EXPECT_EQ(reqs[1].data[0], 6);
+    EXPECT_EQ(reqs[1].data[4], 7);
+}
+
+/* ---- transport failures ---- */
+
+TEST_F(NvefsTest, TransportFailureIsMapped)
+{
+    ASSERT_EQ(sim().ctl({"fault", "extend", "2", "qmi-error=3"}).exit_code, 0);
+    uint8_t buf[16];
+    uint32_t len = 16;
+    EXPECT_EQ(pelmox_nv_read(0, 550, buf, &len), -103);
+    ASSERT_EQ(sim().ctl({"fault", "extend", "2", "qmi-error=3"}).exit_code, 0);
+    auto data = pattern(500, 2);
+    EXPECT_EQ(pelmox_efs_write(0, "/x/y", 4, data.data(), 500), -103);
+    EXPECT_EQ(extend_requests().size(), 2u) << "the write stops at its first failed chunk";
+}
+
+} // namespace
