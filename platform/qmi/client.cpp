@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -79,7 +80,14 @@ public:
         ind_data_ = ind_data;
         os_params_ = os;
         auto self = shared_from_this();
-        reader_ = std::thread([self] { self->run(); });
+        std::lock_guard<std::mutex> lock(mu_); // the reader starts only once reader_id_ is written
+        reader_ = std::thread([self] {
+            {
+                std::lock_guard<std::mutex> lock(self->mu_);
+            }
+            self->run();
+        });
+        reader_id_ = reader_.get_id();
     }
 
     int send_sync(unsigned msg_id, const void *req, unsigned req_len, void *resp, unsigned resp_len,
@@ -91,6 +99,8 @@ public:
 private:
     void run();
     void run_client();
+    void read_one(int wait_ms);
+    void deliver_indications();
     void run_notifier();
     bool wait_readable(int fd, int timeout_ms, bool *readable);
     void wake();
@@ -112,6 +122,7 @@ private:
     void *ind_data_ = nullptr;
     qmi_client_os_params *os_params_ = nullptr; // notifier: signalled when the service comes up
     std::thread reader_;
+    std::thread::id reader_id_; // set before the reader runs
 
     std::mutex mu_; // guards everything below
     std::condition_variable cv_;
@@ -125,6 +136,8 @@ private:
     bool initial_notify_ = false; // notifier: the service was up when the callback was registered
     std::set<uint16_t> up_;       // notifier: instances that are up
     std::map<uint16_t, Pending *> pending_;
+    bool reading_ = false;                // someone holds the read token of the connection
+    std::deque<kvn_wire::Packet> inds_;   // indications waiting for the reader to deliver them
     uint16_t next_txn_ = 1;
 };
 
@@ -171,6 +184,10 @@ void Handle::run()
 
 /* ---- client reader ---- */
 
+// The reader waits for the connection and reads what arrives, except while
+// a synchronous sender holds the read token: the sender then reads its own
+// response on its own thread (saving a thread hop on every request) and hands
+// any indication it meets over to the reader, which alone runs callbacks.
 void Handle::run_client()
 {
     for (;;) {
@@ -182,16 +199,62 @@ void Handle::run_client()
             dead = dead_;
         }
         deliver_deferred();
+        deliver_indications();
         bool readable = false;
         wait_readable(dead ? -1 : conn_->fd(), -1, &readable);
-        if (!readable || released())
+        if (!readable)
             continue;
-        auto p = conn_->receive(kPacketRestMs);
-        if (!p) {
-            connection_lost();
-            continue;
+        {
+            std::unique_lock<std::mutex> lock(mu_);
+            if (released_)
+                return;
+            if (reading_) {
+                cv_.wait(lock, [&] { return !reading_ || released_; });
+                continue;
+            }
+            reading_ = true;
         }
+        read_one(0);
+    }
+}
+
+// Reads one packet if one is there within wait_ms and dispatches it; the
+// caller holds the read token, which this gives back.
+void Handle::read_one(int wait_ms)
+{
+    pollfd pfd{conn_->fd(), POLLIN, 0};
+    std::optional<kvn_wire::Packet> p;
+    bool lost = false;
+    if (::poll(&pfd, 1, wait_ms) > 0) {
+        p = conn_->receive(kPacketRestMs);
+        lost = !p;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        reading_ = false;
+        cv_.notify_all();
+    }
+    if (lost)
+        connection_lost();
+    else if (p)
         on_client_packet(*p);
+}
+
+// Runs the indication callback for every indication read so far, in order.
+void Handle::deliver_indications()
+{
+    for (;;) {
+        kvn_wire::Packet p;
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            if (released_ || inds_.empty())
+                return;
+            p = std::move(inds_.front());
+            inds_.pop_front();
+        }
+        if (ind_cb_)
+            ind_cb_(user_, kvn_wire::get_u16(p.payload.data() + 3), p.payload.data() + kvn_wire::kQmiHeaderSize,
+                    static_cast<unsigned>(p.payload.size() - kvn_wire::kQmiHeaderSize), ind_data_);
     }
 }
 
@@ -267,9 +330,14 @@ void Handle::on_client_packet(kvn_wire::Packet &p)
     }
     if (q->flags != kvn_wire::kQmiIndication || !ind_cb_)
         return;
-    if (released())
-        return;
-    ind_cb_(user_, q->msg_id, p.payload.data() + kvn_wire::kQmiHeaderSize, q->tlv_len, ind_data_);
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        inds_.push_back(std::move(p));
+    }
+    if (std::this_thread::get_id() == reader_id_)
+        deliver_indications();
+    else
+        wake();
 }
 
 int Handle::send_sync(unsigned msg_id, const void *req, unsigned req_len, void *resp, unsigned resp_len,
@@ -314,8 +382,20 @@ int Handle::send_sync(unsigned msg_id, const void *req, unsigned req_len, void *
 
     const auto deadline = clock_type::now() + std::chrono::milliseconds(timeout_ms);
     std::unique_lock<std::mutex> lock(mu_);
-    if (sent)
-        cv_.wait_until(lock, deadline, [&] { return p.done; });
+    while (sent && !p.done && !released_) {
+        const auto now = clock_type::now();
+        if (now >= deadline)
+            break;
+        if (reading_) {
+            cv_.wait_until(lock, deadline, [&] { return p.done || !reading_; });
+            continue;
+        }
+        reading_ = true;
+        lock.unlock();
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count() + 1;
+        read_one(static_cast<int>(left));
+        lock.lock();
+    }
     pending_.erase(txn);
     if (!sent)
         return QMI_SERVICE_ERR;

@@ -149,6 +149,47 @@ TEST(Client, TimeoutThenTheLateReplyIsNotTakenForTheNextRequest)
     qmi_client_release(h);
 }
 
+// Several threads share one handle while indications arrive: each gets the
+// response to its own request, and every indication reaches the callback.
+TEST(Client, ConcurrentSendersAndIndicationsOnOneHandle)
+{
+    fake::Handset sim;
+    sim.set_up(kUim, true);
+    sim.set_handler([](uint32_t, uint16_t, const Bytes &tlvs) -> std::optional<Bytes> {
+        Bytes b = eid_response();
+        b[11] = tlvs[3]; // first EID byte = the slot asked for
+        return b;
+    });
+    std::atomic<int> inds{0};
+    auto cb = [](qmi_client_type, unsigned, void *, unsigned, void *data) { ++*static_cast<std::atomic<int> *>(data); };
+    qmi_client_type h = open_uim(cb, &inds);
+    ASSERT_NE(nullptr, h);
+    ASSERT_TRUE(sim.wait_until([&] { return sim.clients(kUim) == 1; }));
+
+    constexpr int kThreads = 4, kRequests = 50, kInds = 100;
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> senders;
+    for (int t = 0; t < kThreads; ++t)
+        senders.emplace_back([&, t] {
+            for (int i = 0; i < kRequests; ++i) {
+                uim_get_eid_req_msg_v01 req{};
+                req.slot = static_cast<uim_slot_enum_v01>(t + 1);
+                uim_get_eid_resp_msg_v01 resp;
+                if (qmi_client_send_msg_sync(h, QMI_UIM_GET_EID_REQ_V01, &req, sizeof(req), &resp, sizeof(resp),
+                                             5000) != QMI_NO_ERR ||
+                    resp.eid_value[0] != t + 1)
+                    ++wrong;
+            }
+        });
+    for (int i = 0; i < kInds; ++i)
+        sim.indicate(kUim, 0x32, kOk);
+    for (auto &t : senders)
+        t.join();
+    EXPECT_EQ(0, wrong.load());
+    EXPECT_TRUE(sim.wait_until([&] { return inds.load() == kInds; }));
+    qmi_client_release(h);
+}
+
 /* ---- the service going away ---- */
 
 TEST(Client, ServiceKilledMidCallFailsTheCallAndReportsOnce)
