@@ -41,6 +41,7 @@ constexpr int kListReplyMs = 1000;    // LIST -> LIST_REPLY
 constexpr int kPacketRestMs = 2000;   // rest of a packet once its first byte arrived
 constexpr int kInitRetryMs = 20;      // init_instance: pause between attempts
 constexpr int kWatchRetryMs = 100;    // notifier: pause between connection attempts
+constexpr int kSenderIdleMs = 1;      // reader: how soon it watches the connection again after senders
 
 /* ---- one handle ---- */
 
@@ -101,6 +102,8 @@ private:
     void run_client();
     void read_one(int wait_ms);
     void deliver_indications();
+    // The error callback is registered and due (mu_ held).
+    bool error_due() const { return dead_ && !err_reported_ && err_cb_; }
     void run_notifier();
     bool wait_readable(int fd, int timeout_ms, bool *readable);
     void wake();
@@ -125,7 +128,8 @@ private:
     std::thread::id reader_id_; // set before the reader runs
 
     std::mutex mu_; // guards everything below
-    std::condition_variable cv_;
+    std::condition_variable cv_;        // senders: response in, read token free
+    std::condition_variable reader_cv_; // reader: something to deliver, or released
     bool released_ = false;
     bool dead_ = false;         // client: the service went away or the connection broke
     bool err_reported_ = false; // the error callback has run (it runs once)
@@ -136,6 +140,7 @@ private:
     bool initial_notify_ = false; // notifier: the service was up when the callback was registered
     std::set<uint16_t> up_;       // notifier: instances that are up
     std::map<uint16_t, Pending *> pending_;
+    int senders_ = 0; // synchronous senders waiting for a response
     bool reading_ = false;                // someone holds the read token of the connection
     std::deque<kvn_wire::Packet> inds_;   // indications waiting for the reader to deliver them
     uint16_t next_txn_ = 1;
@@ -193,9 +198,17 @@ void Handle::run_client()
     for (;;) {
         bool dead;
         {
-            std::lock_guard<std::mutex> lock(mu_);
+            std::unique_lock<std::mutex> lock(mu_);
             if (released_)
                 return;
+            // While synchronous senders are at work they read the connection
+            // themselves; the reader stays off it (waking only for what they
+            // hand over) instead of waking for every response.
+            if (senders_ > 0 && inds_.empty() && !error_due()) {
+                reader_cv_.wait_for(lock, std::chrono::milliseconds(kSenderIdleMs),
+                             [&] { return released_ || !inds_.empty() || error_due(); });
+                continue;
+            }
             dead = dead_;
         }
         deliver_deferred();
@@ -208,10 +221,8 @@ void Handle::run_client()
             std::unique_lock<std::mutex> lock(mu_);
             if (released_)
                 return;
-            if (reading_) {
-                cv_.wait(lock, [&] { return !reading_ || released_; });
-                continue;
-            }
+            if (reading_)
+                continue; // a sender is reading: senders_ > 0, so the loop top waits
             reading_ = true;
         }
         read_one(0);
@@ -264,6 +275,10 @@ void Handle::connection_lost()
 {
     std::lock_guard<std::mutex> lock(mu_);
     dead_ = true;
+    if (std::this_thread::get_id() != reader_id_) {
+        reader_cv_.notify_one(); // the reader runs the error callback
+        wake();
+    }
     for (auto &kv : pending_) {
         kv.second->done = true;
         kv.second->status = QMI_SERVICE_ERR;
@@ -334,10 +349,12 @@ void Handle::on_client_packet(kvn_wire::Packet &p)
         std::lock_guard<std::mutex> lock(mu_);
         inds_.push_back(std::move(p));
     }
-    if (std::this_thread::get_id() == reader_id_)
+    if (std::this_thread::get_id() == reader_id_) {
         deliver_indications();
-    else
+    } else {
+        reader_cv_.notify_one();
         wake();
+    }
 }
 
 int Handle::send_sync(unsigned msg_id, const void *req, unsigned req_len, void *resp, unsigned resp_len,
@@ -369,6 +386,7 @@ int Handle::send_sync(unsigned msg_id, const void *req, unsigned req_len, void *
             txn = next_txn_++;
         } while (txn == 0 || pending_.count(txn));
         pending_[txn] = &p;
+        ++senders_;
     }
     msg[0] = kvn_wire::kQmiRequest;
     kvn_wire::put_u16(&msg[1], txn);
@@ -397,6 +415,7 @@ int Handle::send_sync(unsigned msg_id, const void *req, unsigned req_len, void *
         lock.lock();
     }
     pending_.erase(txn);
+    --senders_;
     if (!sent)
         return QMI_SERVICE_ERR;
     if (!p.done)
@@ -530,6 +549,7 @@ void Handle::set_error_cb(qmi_client_error_cb cb, void *data)
         std::lock_guard<std::mutex> lock(mu_);
         err_cb_ = cb;
         err_data_ = data;
+        reader_cv_.notify_one();
     }
     wake();
 }
@@ -560,6 +580,7 @@ void Handle::release()
             kv.second->status = QMI_SERVICE_ERR;
         }
         cv_.notify_all();
+        reader_cv_.notify_one();
         if (conn_)
             conn_->shutdown();
     }
