@@ -64,19 +64,6 @@ std::vector<Vector> vectors()
              r->channel_id = 1;
          },
          "01 01 00 01 | 02 07 00 05 00 80 CA 9F 7F 00 | 10 01 00 01"},
-        {"apdu_request_procedure_bytes", uim, QMI_IDL_REQUEST, QMI_UIM_SEND_APDU_REQ_V01,
-         sizeof(uim_send_apdu_req_msg_v01),
-         [](void *p) {
-             auto *r = static_cast<uim_send_apdu_req_msg_v01 *>(p);
-             r->slot = UIM_SLOT_2_V01;
-             r->apdu_len = 1;
-             r->apdu[0] = 0x00;
-             r->channel_id_valid = 1;
-             r->channel_id = 3;
-             r->procedure_bytes_valid = 1;
-             r->procedure_bytes = 1;
-         },
-         "01 01 00 02 | 02 03 00 01 00 00 | 10 01 00 03 | 11 01 00 01"},
         {"apdu_response", uim, QMI_IDL_RESPONSE, QMI_UIM_SEND_APDU_RESP_V01, sizeof(uim_send_apdu_resp_msg_v01),
          [](void *p) {
              auto *r = static_cast<uim_send_apdu_resp_msg_v01 *>(p);
@@ -233,8 +220,6 @@ std::vector<Vector> vectors()
          "01 03 03 0A 00 01 "                             // card 1: present, UPIN disabled 3/10, 1 app
          "02 07 02 0B 00 00 02 A0 87 00 02 03 0A 00 00 00 " // USIM ready, AID A0 87, PIN1 verified 3/10
          "00 00 00 00 06 00"},                            // card 2: absent, possibly removed
-        {"eid_request", uim, QMI_IDL_REQUEST, QMI_UIM_GET_EID_REQ_V01, sizeof(uim_get_eid_req_msg_v01),
-         [](void *p) { static_cast<uim_get_eid_req_msg_v01 *>(p)->slot = UIM_SLOT_2_V01; }, "01 01 00 02"},
         {"eid_response", uim, QMI_IDL_RESPONSE, QMI_UIM_GET_EID_RESP_V01, sizeof(uim_get_eid_resp_msg_v01),
          [](void *p) {
              auto *r = static_cast<uim_get_eid_resp_msg_v01 *>(p);
