@@ -3,6 +3,11 @@
 // in-process handset beside a bare socket exchange of the same bytes with the
 // same handset, measured in the same run. BM_RoundTripRatio alternates the two
 // and reports library time / bare time as the "ratio" counter.
+//
+// The round trips run with every thread of the process on one CPU: on a small
+// shared machine a wake-up that crosses CPUs costs several times a whole
+// exchange and lands on one client or the other by chance, which would
+// measure the scheduler rather than the library.
 #include "kvn_wire.h"
 
 #include <qmi_client.h>
@@ -10,6 +15,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <pthread.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -129,6 +136,24 @@ BENCHMARK(BM_EncodeApduRequest);
 BENCHMARK(BM_DecodeApduRequest);
 
 /* ---- an in-process handset ---- */
+
+// Keeps the calling thread, and every thread it starts meanwhile, on the CPU
+// it is running on; restores the old mask when it goes.
+class OneCpu {
+public:
+    OneCpu()
+    {
+        pthread_getaffinity_np(pthread_self(), sizeof(old_), &old_);
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(sched_getcpu(), &one);
+        pthread_setaffinity_np(pthread_self(), sizeof(one), &one);
+    }
+    ~OneCpu() { pthread_setaffinity_np(pthread_self(), sizeof(old_), &old_); }
+
+private:
+    cpu_set_t old_;
+};
 
 // Accepts connections, answers CONNECT, and answers every QMI request with
 // the same canned response TLVs (a full APDU response), whoever sent it.
@@ -272,6 +297,7 @@ struct LibClient {
 
 void BM_RoundTripBare(benchmark::State &state)
 {
+    OneCpu pin;
     Handset sim(apdu_response_tlvs());
     BareClient bare(sim.path());
     for (auto _ : state)
@@ -281,6 +307,7 @@ void BM_RoundTripBare(benchmark::State &state)
 
 void BM_RoundTripLibrary(benchmark::State &state)
 {
+    OneCpu pin;
     Handset sim(apdu_response_tlvs());
     LibClient lib;
     if (!lib.h) {
@@ -296,6 +323,7 @@ void BM_RoundTripLibrary(benchmark::State &state)
 // and reports the library's time as a multiple of the bare one.
 void BM_RoundTripRatio(benchmark::State &state)
 {
+    OneCpu pin;
     using clock = std::chrono::steady_clock;
     Handset sim(apdu_response_tlvs());
     BareClient bare(sim.path());
