@@ -236,20 +236,6 @@ TEST(NvefsE2e, FourHundredDataBytesNvDeclares400EfsDeclares365)
     EXPECT_EQ(sent(sim).size(), 2u);
 }
 
-// An NV item longer than the 365-byte read buffer is cut to it.
-TEST(NvefsE2e, NvReadIsCutToTheCommandLineCapacity)
-{
-    SimHandset sim(scenario());
-    std::string hex;
-    for (int i = 0; i < 400; ++i)
-        hex += "ab";
-    ASSERT_EQ(sim.ctl({"nv", "set", "0", "901", hex}).exit_code, 0);
-    std::string want = "\ndata len(365)\ndata: ";
-    for (int i = 0; i < 365; ++i)
-        want += " AB";
-    EXPECT_EQ(masked(sim.kvn({"4", "1", "0", "901"}, quiet())), kOpen + send_ok(444) + want + "\n");
-}
-
 TEST(NvefsE2e, EfsWriteReadDeleteAcrossRestart)
 {
     SimHandset sim(scenario());

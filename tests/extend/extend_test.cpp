@@ -196,21 +196,6 @@ TEST_F(ExtendSimTest, FullPayloadGoesOutWhole)
     EXPECT_EQ(reqs[0].data, req);
 }
 
-TEST_F(ExtendSimTest, ShortPayloadIsZeroPaddedToTheWholeField)
-{
-    const uint8_t req[3] = {0xDE, 0xAD, 0x01};
-    uint8_t rsp[8];
-    int32_t cap = 8;
-    ASSERT_EQ(pelmox_extend_qmi_send_sync(9, req, 3, rsp, &cap), 0);
-    auto reqs = extend_requests();
-    ASSERT_EQ(reqs.size(), 1u);
-    EXPECT_EQ(reqs[0].data_len, 3u);
-    ASSERT_EQ(reqs[0].data.size(), 512u);
-    std::vector<uint8_t> want(512, 0);
-    std::memcpy(want.data(), req, 3);
-    EXPECT_EQ(reqs[0].data, want);
-}
-
 // The canned reply of command 9 is 20 bytes: a smaller capacity cuts it and
 // keeps the capacity, a larger one gets the 20.
 TEST_F(ExtendSimTest, ReplyIsCutToTheCapacity)

@@ -214,21 +214,6 @@ TEST_F(NvefsTest, EfsReadIntoASmallerCapacityStopsAfterTheChunksThatFit)
     load_scenario(R"({"efs_read_chunk": 424})");
 }
 
-TEST_F(NvefsTest, EfsDeleteAndMissingFile)
-{
-    uint8_t one = 0x42;
-    ASSERT_EQ(pelmox_efs_write(0, "/del/me", 7, &one, 1), 0);
-    EXPECT_EQ(pelmox_efs_delete(0, "/del/me", 7), 0);
-    uint8_t buf[16];
-    uint32_t len = 16;
-    EXPECT_LT(pelmox_efs_read(0, "/del/me", 7, buf, &len), 0);
-    EXPECT_LT(pelmox_efs_delete(0, "/del/me", 7), 0);
-    auto reqs = extend_requests();
-    ASSERT_EQ(reqs.size(), 4u);
-    EXPECT_EQ(reqs[1].data[0], 6);
-    EXPECT_EQ(reqs[1].data[4], 7);
-}
-
 /* ---- transport failures ---- */
 
 TEST_F(NvefsTest, TransportFailureIsMapped)
