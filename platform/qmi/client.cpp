@@ -349,9 +349,10 @@ void Handle::on_client_packet(kvn_wire::Packet &p)
         std::lock_guard<std::mutex> lock(mu_);
         inds_.push_back(std::move(p));
     }
-    if (std::this_thread::get_id() == reader_id_) {
-        deliver_indications();
-    } else {
+    // Delivered from the top of the reader's loop only, never from here: a
+    // callback that sends a request reads on the reader thread, and must not
+    // find itself called again from inside that request.
+    if (std::this_thread::get_id() != reader_id_) {
         reader_cv_.notify_one();
         wake();
     }

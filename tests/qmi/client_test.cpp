@@ -426,6 +426,39 @@ TEST(Indication, DeliveredOnTheLibrarysThreadAsEncodedTlvs)
     qmi_client_release(h);
 }
 
+// A callback may send a request on its own handle: the request reads its
+// response on the library's thread, and indications that arrive meanwhile
+// wait until the callback has returned.
+TEST(Indication, CallbackMaySendOnItsOwnHandle)
+{
+    fake::Handset sim;
+    sim.set_up(kUim, true);
+    sim.set_handler([&](uint32_t, uint16_t, const Bytes &) -> std::optional<Bytes> {
+        sim.indicate(kUim, 0x32, kOk); // arrives before the response
+        return eid_response();
+    });
+    struct State {
+        std::atomic<int> depth{0}, max_depth{0}, calls{0}, rc{1};
+    } st;
+    auto cb = [](qmi_client_type h, unsigned, void *, unsigned, void *data) {
+        auto *s = static_cast<State *>(data);
+        s->max_depth = std::max(s->max_depth.load(), ++s->depth);
+        if (s->calls++ == 0) {
+            uim_get_eid_resp_msg_v01 resp;
+            s->rc = get_eid(h, &resp);
+        }
+        --s->depth;
+    };
+    qmi_client_type h = open_uim(cb, &st);
+    ASSERT_NE(nullptr, h);
+    ASSERT_TRUE(sim.wait_until([&] { return sim.clients(kUim) == 1; }));
+    sim.indicate(kUim, 0x32, kOk);
+    ASSERT_TRUE(sim.wait_until([&] { return st.calls.load() == 2; }));
+    EXPECT_EQ(QMI_NO_ERR, st.rc.load());
+    EXPECT_EQ(1, st.max_depth.load());
+    qmi_client_release(h);
+}
+
 // Indications keep arriving while the handle is released: no callback may
 // start once release has returned.
 TEST(Indication, ReleaseWhileIndicationsArrive)
