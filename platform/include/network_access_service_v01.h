@@ -9,36 +9,11 @@
 
 #include <stdint.h>
 
+#include "common_v01.h"
 #include "qmi_idl_lib.h"
 
 #ifdef __cplusplus
 extern "C" {
-#endif
-
-#ifndef QMI_RESPONSE_TYPE_V01_DEFINED
-#define QMI_RESPONSE_TYPE_V01_DEFINED
-/* Result pair of every response: 32 bits each here, u16 + u16 in TLV 0x02. */
-typedef enum {
-    QMI_RESULT_TYPE_MIN_ENUM_VAL_V01 = -2147483647,
-    QMI_RESULT_SUCCESS_V01 = 0,
-    QMI_RESULT_FAILURE_V01 = 1,
-    QMI_RESULT_TYPE_MAX_ENUM_VAL_V01 = 2147483647
-} qmi_result_type_v01;
-typedef enum {
-    QMI_ERROR_TYPE_MIN_ENUM_VAL_V01 = -2147483647,
-    QMI_ERR_NONE_V01 = 0x0000,
-    QMI_ERR_MALFORMED_MSG_V01 = 0x0001,
-    QMI_ERR_INTERNAL_V01 = 0x0003,
-    QMI_ERR_NO_EFFECT_V01 = 0x001A,
-    QMI_ERR_INVALID_ARG_V01 = 0x0030,
-    QMI_ERR_DEVICE_NOT_READY_V01 = 0x0034,
-    QMI_ERR_NOT_SUPPORTED_V01 = 0x005E,
-    QMI_ERROR_TYPE_MAX_ENUM_VAL_V01 = 2147483647
-} qmi_error_type_v01;
-typedef struct {
-    qmi_result_type_v01 result;
-    qmi_error_type_v01 error;
-} qmi_response_type_v01;
 #endif
 
 #define NAS_V01_IDL_MAJOR_VERS 0x01
