@@ -119,7 +119,7 @@ void parse_properties(const json &v, const std::string &where, Plan &plan)
         std::string value = string(val, join(where, k)), why;
         if (!Properties::valid(k, value, &why))
             fail("\"" + join(where, k) + "\": " + why);
-        plan.steps.push_back([k, value](Handset &h, std::string *err) { return h.props.set(k, value, err); });
+        plan.steps.push_back([key = std::string(k), value](Handset &h, std::string *err) { return h.props.set(key, value, err); });
     }
 }
 
@@ -162,8 +162,8 @@ void parse_efs(const json &v, const std::string &where, Plan &plan)
             Bytes data = content(val, join(w, path), false);
             if (data.size() > ModemStore::kMaxEfsFile)
                 fail("\"" + join(w, path) + "\" is larger than 102410 bytes");
-            plan.steps.push_back([sub, path, data](Handset &h, std::string *err) {
-                return h.store.efs_put(sub, path, data, err);
+            plan.steps.push_back([sub, file = std::string(path), data](Handset &h, std::string *err) {
+                return h.store.efs_put(sub, file, data, err);
             });
         }
     }
