@@ -93,7 +93,13 @@ ProcessResult SimHandset::kvn(const std::vector<std::string> &args, ProcessOptio
     opt.env["KVN_SIM_SOCKET"] = socket_;
     opt.env.try_emplace("PELMOX_SHELL_PRINT_FLAG", "1");
     opt.env.try_emplace("PELMOX_PRINT_FLAG", "0");
-    return run_process(argv, opt);
+    auto r = run_process(argv, opt);
+    // kvn exits 0 whatever happened; anything else is a crash or a sanitizer
+    // report, whatever the test goes on to compare.
+    if (r.exit_code != 0 || r.timed_out)
+        ADD_FAILURE() << "kvn exited with " << r.exit_code << (r.timed_out ? " (timed out)" : "") << ":\n"
+                      << r.err;
+    return r;
 }
 
 ProcessResult SimHandset::ctl(const std::vector<std::string> &args, ProcessOptions opt) const
