@@ -49,6 +49,9 @@ struct Vector {
     std::function<void(void *)> fill;
     const char *wire;
 };
+// Test listings show the case name rather than the raw bytes of the case.
+void PrintTo(const Vector &c, std::ostream *os) { *os << c.name; }
+
 
 std::vector<Vector> vectors()
 {
@@ -293,6 +296,8 @@ struct Table {
     const char *name;
     qmi_idl_service_object_type (*svc)();
 };
+void PrintTo(const Table &c, std::ostream *os) { *os << c.name; }
+
 
 class MaximumLength : public ::testing::TestWithParam<Table> {};
 
@@ -407,6 +412,8 @@ struct Bad {
     const char *wire;
     int want;
 };
+void PrintTo(const Bad &c, std::ostream *os) { *os << c.name; }
+
 
 class MalformedInput : public ::testing::TestWithParam<Bad> {};
 
