@@ -2,18 +2,19 @@
 // state directory: groups 4 (NV/EFS) and 6 (raw vendor message), compared on
 // their whole output and on what the sim's journal shows went over the wire.
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <regex>
 #include <string>
 #include <vector>
 
-#include "sim_handset.h"
+#include "../extend/extend_journal.h"
 
 using kvn_test::ProcessOptions;
 using kvn_test::ProcessResult;
 using kvn_test::SimHandset;
+using extend_test::extend_requests;
+using extend_test::le32;
 
 namespace {
 
@@ -62,45 +63,6 @@ ProcessOptions quiet()
     ProcessOptions o;
     o.env["PELMOX_SHELL_PRINT_FLAG"] = "0";
     return o;
-}
-
-/* ---- journal ---- */
-
-struct Sent {
-    uint32_t cmd_id = 0, data_len = 0;
-    std::vector<uint8_t> data;
-};
-
-uint32_t le32(const std::vector<uint8_t> &b, size_t off)
-{
-    return b.size() < off + 4 ? 0xFFFFFFFFu
-                              : uint32_t(b[off]) | uint32_t(b[off + 1]) << 8 | uint32_t(b[off + 2]) << 16 |
-                                    uint32_t(b[off + 3]) << 24;
-}
-
-std::vector<Sent> sent(const SimHandset &sim)
-{
-    std::vector<Sent> out;
-    for (const auto &line : sim.journal()) {
-        auto j = nlohmann::json::parse(line);
-        if (j["service"] != 0xFFE4 || j["msg_id"] != 2)
-            continue;
-        Sent s;
-        for (const auto &t : j["tlvs"]) {
-            std::string hex = t["hex"];
-            std::vector<uint8_t> b;
-            for (size_t i = 0; i + 1 < hex.size(); i += 2)
-                b.push_back(uint8_t(std::stoul(hex.substr(i, 2), nullptr, 16)));
-            if (t["type"] == 1)
-                s.cmd_id = le32(b, 0);
-            else if (t["type"] == 2)
-                s.data_len = le32(b, 0);
-            else if (t["type"] == 0x10)
-                s.data = b;
-        }
-        out.push_back(s);
-    }
-    return out;
 }
 
 std::vector<std::string> args_of(std::vector<std::string> head, size_t n, const std::string &value)
@@ -157,7 +119,7 @@ TEST(NvefsE2e, NvWriteReadDeleteWithSubFlagAndByteCuts)
 {
     SimHandset sim(scenario());
     EXPECT_EQ(masked(sim.kvn({"4", "2", "2", "7232", "1", "2", "300", "0x10"}, quiet())), kOpen + send_ok(444));
-    auto w = sent(sim);
+    auto w = extend_requests(sim);
     ASSERT_EQ(w.size(), 1u);
     EXPECT_EQ(w[0].cmd_id, 2u);
     EXPECT_EQ(w[0].data[0], 2);
@@ -182,7 +144,7 @@ TEST(NvefsE2e, NvIdAboveTheRangeIsRefusedBeforeSending)
                          "RIL[pelmox_nv_read:N]: nv_id is out range(7232)\n"
                          "RIL[pelmox_nv_read:N]: function exit <-------------\n" +
                              kFailLine + error_note(-109) + kHelp4);
-    EXPECT_TRUE(sent(sim).empty());
+    EXPECT_TRUE(extend_requests(sim).empty());
 }
 
 TEST(NvefsE2e, ArgumentCountNotes)
@@ -207,7 +169,7 @@ TEST(NvefsE2e, ArgumentCountNotes)
     // Group 4's notes do not depend on the shell print flag.
     for (const auto &c : cases)
         EXPECT_EQ(masked(sim.kvn(c.args, quiet())), c.out) << c.args.size();
-    EXPECT_TRUE(sent(sim).empty());
+    EXPECT_TRUE(extend_requests(sim).empty());
 }
 
 // NV write declares every data argument (400) but converts only 365: the
@@ -219,7 +181,7 @@ TEST(NvefsE2e, FourHundredDataBytesNvDeclares400EfsDeclares365)
     EXPECT_EQ(masked(nv), kOpen + send_ok(444));
     auto efs = sim.kvn(args_of({"4", "5", "0", "/four/hundred"}, 400, "9"), quiet());
     EXPECT_EQ(masked(efs), kOpen + send_ok(444));
-    auto w = sent(sim);
+    auto w = extend_requests(sim);
     ASSERT_EQ(w.size(), 2u);
     EXPECT_EQ(le32(w[0].data, 76), 400u);
     for (size_t i = 0; i < 424; ++i)
@@ -233,7 +195,7 @@ TEST(NvefsE2e, FourHundredDataBytesNvDeclares400EfsDeclares365)
     // Beyond 424 the NV write refuses before sending.
     auto too_long = sim.kvn(args_of({"4", "2", "0", "900"}, 425, "1"), quiet());
     EXPECT_EQ(masked(too_long), kFailLine + error_note(-108) + kHelp4);
-    EXPECT_EQ(sent(sim).size(), 2u);
+    EXPECT_EQ(extend_requests(sim).size(), 2u);
 }
 
 TEST(NvefsE2e, EfsWriteReadDeleteAcrossRestart)
@@ -255,7 +217,7 @@ TEST(NvefsE2e, SeventyOneBytePathReadVersusWriteAndDelete)
     SimHandset sim(scenario());
     const std::string p71 = "/" + std::string(70, 'p');
     auto rd = sim.kvn({"4", "4", "0", p71}, quiet());
-    EXPECT_EQ(sent(sim).size(), 1u);
+    EXPECT_EQ(extend_requests(sim).size(), 1u);
     EXPECT_EQ(rd.out.find("error_code(-106)"), std::string::npos) << rd.out;
     for (const char *cmd : {"5", "6"}) {
         std::vector<std::string> args = {"4", cmd, "0", p71};
@@ -263,7 +225,7 @@ TEST(NvefsE2e, SeventyOneBytePathReadVersusWriteAndDelete)
             args.push_back("1");
         EXPECT_EQ(masked(sim.kvn(args, quiet())), kFailLine + error_note(-106) + kHelp4) << cmd;
     }
-    EXPECT_EQ(sent(sim).size(), 1u);
+    EXPECT_EQ(extend_requests(sim).size(), 1u);
 }
 
 // With 100-byte chunks the 400-byte file overflows the 365-byte buffer on
@@ -281,7 +243,7 @@ TEST(NvefsE2e, EfsReadIntoSmallerCapacityAborts)
                        kFailLine + error_note(-108) + kHelp4),
               std::string::npos)
         << out;
-    EXPECT_EQ(sent(sim).size(), 4u);
+    EXPECT_EQ(extend_requests(sim).size(), 4u);
 }
 
 /* ---- group 6 ---- */
@@ -293,7 +255,7 @@ TEST(RawE2e, SendsCommandAndBytesAndShowsTheEmptyReply)
     // The canned reply has 20 bytes; the capacity offered is 0, so it is cut to nothing.
     EXPECT_EQ(masked(r), "px_qmi req data(qmi_id: 5, len: 3[max: 500]):\n0x01 0x02 0xFF " + kOpen + send_ok(0) +
                              "qmi_id = 5, result = 0\npx_qmi rsp data(qmi_id: 5, len: 0[max: 500]):\n\n");
-    auto w = sent(sim);
+    auto w = extend_requests(sim);
     ASSERT_EQ(w.size(), 1u);
     EXPECT_EQ(w[0].cmd_id, 5u);
     EXPECT_EQ(w[0].data_len, 3u);
@@ -313,7 +275,7 @@ TEST(RawE2e, QmiIdOutOfRangeAndTooFewArguments)
     EXPECT_EQ(sim.kvn({"6", "1"}).out, "\nnote: Too few parameters, Pls refer to the following cmd:\n" + kHelp6);
     // The notes follow the shell print flag; the help does not.
     EXPECT_EQ(sim.kvn({"6", "6", "1"}, quiet()).out, kHelp6);
-    EXPECT_TRUE(sent(sim).empty());
+    EXPECT_TRUE(extend_requests(sim).empty());
 }
 
 TEST(RawE2e, SixHundredArgumentsSendFiveHundredBytes)
@@ -321,7 +283,7 @@ TEST(RawE2e, SixHundredArgumentsSendFiveHundredBytes)
     SimHandset sim(scenario());
     auto r = sim.kvn(args_of({"6", "5"}, 600, "0x7f"));
     EXPECT_EQ(r.out.rfind("px_qmi req data(qmi_id: 5, len: 600[max: 500]):\n", 0), 0u) << r.out;
-    auto w = sent(sim);
+    auto w = extend_requests(sim);
     ASSERT_EQ(w.size(), 1u);
     EXPECT_EQ(w[0].data_len, 500u);
     EXPECT_EQ(w[0].data[499], 0x7F);
@@ -348,7 +310,7 @@ TEST(RawE2e, NoReplyTimesOutWithMinus3)
     auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
     EXPECT_EQ(masked(r), kOpen + "send msg sync failed:-3\npelmox_extend_qmi_handle_req_cb result:-3\n" + kHelp6);
     EXPECT_GE(ms, 2900) << "the send waits out its 3-second timeout";
-    EXPECT_EQ(sent(sim).size(), 1u);
+    EXPECT_EQ(extend_requests(sim).size(), 1u);
 }
 
 TEST(RawE2e, NoHandsetFailsWithMinus2AfterPollingAboutASecond)

@@ -1,13 +1,12 @@
-// extend_journal.h - helpers for in-process tests of the extend client: one
-// kvn-sim for the whole test program (the client opens once per process and
-// keeps its connection), and the sim's journal read back as extend requests.
+// extend_journal.h - helpers for tests of the extend client: one kvn-sim for
+// the whole in-process test program (the client opens once per process and
+// keeps its connection), and a sim's journal read back as extend requests.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -20,31 +19,18 @@ namespace extend_test {
 
 // One extend request 0x0002 as the sim received it.
 struct ExtendRequest {
-    uint32_t cmd_id = 0;
-    uint32_t data_len = 0;
-    bool has_data = false;
+    uint32_t cmd_id = 0, data_len = 0;
     std::vector<uint8_t> data; // TLV 0x10 as sent (512 bytes when present)
 };
 
-inline std::vector<uint8_t> from_hex(const std::string &hex)
-{
-    std::vector<uint8_t> out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-    return out;
-}
-
 inline uint32_t le32(const std::vector<uint8_t> &b, size_t off)
 {
-    return b.size() < off + 4 ? 0xFFFFFFFFu
-                              : uint32_t(b[off]) | uint32_t(b[off + 1]) << 8 | uint32_t(b[off + 2]) << 16 |
-                                    uint32_t(b[off + 3]) << 24;
+    uint32_t v = 0;
+    for (size_t i = 4; i-- > 0;)
+        v = v << 8 | (off + i < b.size() ? b[off + i] : 0xFF);
+    return v;
 }
-
-inline uint16_t le16(const std::vector<uint8_t> &b, size_t off)
-{
-    return b.size() < off + 2 ? 0xFFFF : uint16_t(b[off] | b[off + 1] << 8);
-}
+inline uint16_t le16(const std::vector<uint8_t> &b, size_t off) { return uint16_t(le32(b, off)); }
 
 // The sim shared by every test of the program. It is started before the
 // first test and KVN_SIM_SOCKET points at it before anything is sent.
@@ -68,25 +54,26 @@ private:
 inline kvn_test::SimHandset &sim() { return SimEnvironment::sim(); }
 
 // The extend requests journalled since the last clear.
-inline std::vector<ExtendRequest> extend_requests()
+inline std::vector<ExtendRequest> extend_requests(const kvn_test::SimHandset &from = sim())
 {
     std::vector<ExtendRequest> out;
-    for (const auto &line : sim().journal()) {
+    for (const auto &line : from.journal()) {
         auto j = nlohmann::json::parse(line);
         if (j["service"] != 0xFFE4 || j["msg_id"] != 2)
             continue;
         ExtendRequest r;
         for (const auto &tlv : j["tlvs"]) {
-            auto bytes = from_hex(tlv["hex"].get<std::string>());
+            std::string hex = tlv["hex"];
+            std::vector<uint8_t> b;
+            for (size_t i = 0; i + 1 < hex.size(); i += 2)
+                b.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
             int type = tlv["type"];
             if (type == 1)
-                r.cmd_id = le32(bytes, 0);
+                r.cmd_id = le32(b, 0);
             else if (type == 2)
-                r.data_len = le32(bytes, 0);
-            else if (type == 0x10) {
-                r.has_data = true;
-                r.data = bytes;
-            }
+                r.data_len = le32(b, 0);
+            else if (type == 0x10)
+                r.data = b;
         }
         out.push_back(r);
     }

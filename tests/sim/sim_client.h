@@ -3,52 +3,136 @@
 // so faults and notifications are seen exactly as they go over the socket.
 #pragma once
 
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "kvn_wire.h"
+#include "sim_handset.h"
 
 namespace sim_test {
 
 using Bytes = std::vector<uint8_t>;
-
-class RawClient {
-public:
-    explicit RawClient(const std::string &socket);
-    ~RawClient();
-    RawClient(const RawClient &) = delete;
-    RawClient &operator=(const RawClient &) = delete;
-
-    bool connected() const { return fd_ >= 0; }
-    int fd() const { return fd_; }
-    bool send(kvn_wire::Kind kind, uint32_t service, const Bytes &payload = {}, uint16_t instance = 0);
-    bool send_raw(const Bytes &bytes);
-    std::optional<kvn_wire::Packet> read(int timeout_ms = 3000);
-    // CONNECT to a service; true on CONNECT_OK.
-    bool bind(uint32_t service);
-    // Sends one QMI request (flags 0) with the TLV area.
-    bool request(uint16_t msg_id, uint16_t txn, const Bytes &tlvs);
-    // True when the peer closed the connection (within timeout_ms).
-    bool closed_by_peer(int timeout_ms = 3000);
-
-private:
-    int fd_ = -1;
-    uint32_t service_ = 0;
-};
+using kvn_wire::get_u32;
+using kvn_wire::put_u32;
+constexpr uint32_t kExtend = 0xFFE4;
 
 // The extend request record: TLV 0x01 cmd_id, TLV 0x02 data_len, TLV 0x10
 // with all 512 data bytes.
-Bytes extend_record(uint32_t cmd_id, const Bytes &data);
+inline Bytes extend_record(uint32_t cmd_id, const Bytes &data)
+{
+    Bytes out;
+    auto tlv = [&](uint8_t t, const Bytes &v) {
+        out.insert(out.end(), {t, uint8_t(v.size()), uint8_t(v.size() >> 8)});
+        out.insert(out.end(), v.begin(), v.end());
+    };
+    Bytes v(4);
+    put_u32(v.data(), cmd_id);
+    tlv(0x01, v);
+    put_u32(v.data(), static_cast<uint32_t>(data.size()));
+    tlv(0x02, v);
+    Bytes block(512, 0);
+    std::copy_n(data.begin(), std::min<size_t>(data.size(), 512), block.begin());
+    tlv(0x10, block);
+    return out;
+}
 
 struct ExtendResponse {
     uint32_t result = 0;
     uint32_t data_len = 0;
     Bytes data; // TLV 0x10 as carried (512 bytes), empty when absent
 };
+
 // Parses a QMI packet carrying an extend response; nullopt when malformed.
-std::optional<ExtendResponse> parse_extend(const kvn_wire::Packet &p, uint16_t *txn = nullptr);
+inline std::optional<ExtendResponse> parse_extend(const kvn_wire::Packet &p, uint16_t *txn = nullptr)
+{
+    const Bytes &b = p.payload;
+    auto q = p.hdr.kind == kvn_wire::Kind::Qmi ? kvn_wire::decode_qmi(b.data(), b.size()) : std::nullopt;
+    if (!q || q->flags != kvn_wire::kQmiResponse)
+        return std::nullopt;
+    if (txn)
+        *txn = q->txn;
+    ExtendResponse r;
+    int seen = 0;
+    for (size_t pos = kvn_wire::kQmiHeaderSize; pos < b.size();) {
+        size_t n = b.size() - pos < 3 ? 0 : kvn_wire::get_u16(&b[pos + 1]);
+        if (b.size() - pos < 3 + n)
+            return std::nullopt;
+        const uint8_t *v = &b[pos + 3];
+        if (b[pos] == 0x01 && n == 4)
+            r.result = get_u32(v), seen |= 1;
+        else if (b[pos] == 0x02 && n == 4)
+            r.data_len = get_u32(v), seen |= 2;
+        else if (b[pos] == 0x10)
+            r.data.assign(v, v + n);
+        pos += 3 + n;
+    }
+    return seen == 3 ? std::optional(r) : std::nullopt;
+}
+
+class RawClient {
+public:
+    explicit RawClient(const std::string &socket) : fd_(kvn_wire::connect_unix(socket)) {}
+    ~RawClient()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    RawClient(const RawClient &) = delete;
+    RawClient &operator=(const RawClient &) = delete;
+
+    int fd() const { return fd_; }
+    bool send(kvn_wire::Kind kind, uint32_t service, const Bytes &payload = {})
+    {
+        kvn_wire::Header h;
+        h.kind = kind;
+        h.service = service;
+        return kvn_wire::write_packet(fd_, h, payload);
+    }
+    bool send_raw(const Bytes &bytes) { return kvn_wire::write_all(fd_, bytes.data(), bytes.size()); }
+    std::optional<kvn_wire::Packet> read(int timeout_ms = 3000) { return kvn_wire::read_packet(fd_, timeout_ms); }
+    // The kind of the next packet, Kind{0} when none came.
+    kvn_wire::Kind next_kind(int timeout_ms = 3000)
+    {
+        auto p = read(timeout_ms);
+        return p ? p->hdr.kind : kvn_wire::Kind{0};
+    }
+    // CONNECT to a service; true on CONNECT_OK.
+    bool bind(uint32_t service)
+    {
+        service_ = service;
+        auto p = send(kvn_wire::Kind::Connect, service) ? read() : std::nullopt;
+        return p && p->hdr.kind == kvn_wire::Kind::ConnectOk && p->hdr.service == service;
+    }
+    // Sends one QMI request (flags 0) with the TLV area.
+    bool request(uint16_t msg_id, uint16_t txn, const Bytes &tlvs)
+    {
+        kvn_wire::QmiHeader q{kvn_wire::kQmiRequest, txn, msg_id, static_cast<uint16_t>(tlvs.size())};
+        return send(kvn_wire::Kind::Qmi, service_, kvn_wire::encode_qmi(q, tlvs.data(), tlvs.size()));
+    }
+    // An extend request 0x0002 and its parsed response; its txn goes to *got_txn.
+    std::optional<ExtendResponse> ask(uint16_t txn, const Bytes &tlvs, uint16_t *got_txn = nullptr)
+    {
+        auto p = request(2, txn, tlvs) ? read() : std::nullopt;
+        return p ? parse_extend(*p, got_txn) : std::nullopt;
+    }
+    // True when the peer closed the connection (within timeout_ms).
+    bool closed_by_peer(int timeout_ms = 3000)
+    {
+        pollfd p{fd_, POLLIN, 0};
+        uint8_t b;
+        return poll(&p, 1, timeout_ms) > 0 && ::read(fd_, &b, 1) == 0;
+    }
+
+private:
+    int fd_ = -1;
+    uint32_t service_ = 0;
+};
 
 // A command-2 (NV/EFS) payload of 512 bytes.
 struct NvEfsRequest {
@@ -58,7 +142,20 @@ struct NvEfsRequest {
     std::string path;
     uint32_t total = 0, chunk = 0, position = 0;
     Bytes data;
-    Bytes encode() const;
+    Bytes encode() const
+    {
+        Bytes b(512, 0);
+        b[0] = op;
+        b[1] = sub;
+        kvn_wire::put_u16(&b[2], id);
+        b[4] = static_cast<uint8_t>(path.size());
+        std::copy_n(path.begin(), std::min<size_t>(path.size(), 71), b.begin() + 5);
+        put_u32(&b[76], total);
+        put_u32(&b[80], chunk);
+        put_u32(&b[84], position);
+        std::copy_n(data.begin(), std::min<size_t>(data.size(), 424), b.begin() + 88);
+        return b;
+    }
 };
 
 struct NvEfsReply {
@@ -66,9 +163,34 @@ struct NvEfsReply {
     int32_t result = 0;
     Bytes data; // len_send bytes (bounded by 424)
 };
-NvEfsReply decode_nvefs(const Bytes &reply_data);
+
+inline NvEfsReply decode_nvefs(const Bytes &d)
+{
+    NvEfsReply r;
+    if (d.size() < 20)
+        return r;
+    r.len_all = get_u32(&d[4]);
+    r.len_send = get_u32(&d[8]);
+    r.result = static_cast<int32_t>(get_u32(&d[16]));
+    r.data.assign(d.begin() + 20, d.begin() + 20 + std::min<ptrdiff_t>({r.len_send, 424, ptrdiff_t(d.size()) - 20}));
+    return r;
+}
 
 // One command-2 exchange on a bound extend client; nullopt when no well-formed reply came.
-std::optional<NvEfsReply> nvefs(RawClient &c, const NvEfsRequest &rq, uint16_t txn = 1);
+inline std::optional<NvEfsReply> nvefs(RawClient &c, const NvEfsRequest &rq, uint16_t txn = 1)
+{
+    auto r = c.ask(txn, extend_record(2, rq.encode()));
+    if (!r || r->result != 0 || r->data_len != 444 || r->data.size() != 512)
+        return std::nullopt;
+    return decode_nvefs(Bytes(r->data.begin(), r->data.begin() + 444));
+}
+
+// The daemon's pid as `status` reports it, -1 when it does not answer.
+inline int daemon_pid(const kvn_test::SimHandset &sim)
+{
+    auto out = sim.ctl({"status"}).out;
+    auto at = out.find("pid ");
+    return at == std::string::npos ? -1 : std::atoi(out.c_str() + at + 4);
+}
 
 } // namespace sim_test

@@ -1,14 +1,12 @@
 // sim_core_test.cpp - kvn-sim's modem side in-process: the command-2 NV/EFS
 // handler at the payload level (results, chunking, transfer instances,
-// abandoned transfers, refused paths), the scenario checker, IMEI packing,
-// properties and the hex/number parsers.
+// abandoned transfers, refused paths), the scenario checker, IMEI packing
+// and the hex/number/TLV parsers.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <set>
 
 #include "handset.h"
-#include "kvn_wire.h"
 #include "process.h"
 #include "scenario.h"
 #include "services/services.h"
@@ -21,6 +19,17 @@ using sim_test::NvEfsReply;
 using sim_test::NvEfsRequest;
 
 namespace {
+
+const Bytes kDefaultImei = {0x08, 0x3A, 0x85, 0x42, 0x00, 0x15, 0x11, 0x11, 0x01};
+
+Bytes pattern(size_t n, uint8_t seed)
+{
+    Bytes b(n);
+    for (size_t i = 0; i < n; ++i)
+        b[i] = static_cast<uint8_t>(seed + i * 7);
+    return b;
+}
+Bytes slice(const Bytes &b, size_t from, size_t to) { return Bytes(b.begin() + from, b.begin() + to); }
 
 class NvEfsTest : public ::testing::Test {
 protected:
@@ -47,30 +56,21 @@ protected:
     {
         return run({5, 0, inst, path, total, static_cast<uint32_t>(chunk.size()), pos, chunk}, conn);
     }
-    Bytes read_file_via_command(const std::string &path, unsigned sub = 0)
+    Bytes read_whole(const std::string &path)
     {
         Bytes all;
-        for (int i = 0; i < 400; ++i) {
-            auto r = run({4, static_cast<uint8_t>(sub), 0, path, 0, 0, static_cast<uint32_t>(all.size()), {}});
+        for (NvEfsReply r; all.size() < 200000; all.insert(all.end(), r.data.begin(), r.data.end())) {
+            r = run({4, 0, 0, path, 0, 0, static_cast<uint32_t>(all.size())});
             EXPECT_EQ(r.result, 0);
-            if (r.result != 0 || r.len_send == 0)
-                break;
-            all.insert(all.end(), r.data.begin(), r.data.end());
-            if (all.size() >= r.len_all)
+            if (r.result != 0 || r.len_send == 0 || all.size() >= r.len_all)
                 break;
         }
         return all;
     }
 };
 
-Bytes pattern(size_t n, uint8_t seed)
-{
-    Bytes b(n);
-    for (size_t i = 0; i < n; ++i)
-        b[i] = static_cast<uint8_t>(seed + i * 7);
-    return b;
-}
-
+// A never-written item answers 5 (not active); subscriptions are separate
+// stores; a write stores exactly the declared length.
 TEST_F(NvEfsTest, NvReadWriteDeleteAndNotActive)
 {
     auto r = run({1, 0, 550});
@@ -83,14 +83,10 @@ TEST_F(NvEfsTest, NvReadWriteDeleteAndNotActive)
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.len_all, 424u);
     EXPECT_EQ(r.data, item);
-    // Subscriptions are separate stores.
     EXPECT_EQ(run({1, 0, 550}).result, NvEfsCommand::kNotActive);
 
-    // A write stores exactly the declared length, not the 424-byte area.
     EXPECT_EQ(run({2, 1, 550, "", 3, 0, 0, item}).result, 0);
-    r = run({1, 1, 550});
-    EXPECT_EQ(r.len_all, 3u);
-    EXPECT_EQ(r.data, Bytes(item.begin(), item.begin() + 3));
+    EXPECT_EQ(run({1, 1, 550}).data, slice(item, 0, 3));
 
     EXPECT_EQ(run({3, 1, 550}).result, 0);
     EXPECT_EQ(run({1, 1, 550}).result, NvEfsCommand::kNotActive);
@@ -99,11 +95,7 @@ TEST_F(NvEfsTest, NvReadWriteDeleteAndNotActive)
 
 TEST_F(NvEfsTest, MalformedRequestsAreRefusedAndLogged)
 {
-    struct Case {
-        const char *what;
-        NvEfsRequest rq;
-    };
-    const Case cases[] = {
+    const std::pair<const char *, NvEfsRequest> cases[] = {
         {"sub 2", {1, 2, 550}},
         {"unknown operation", {9, 0, 1}},
         {"NV write of 0 bytes", {2, 0, 1, "", 0, 0, 0, {1}}},
@@ -118,41 +110,37 @@ TEST_F(NvEfsTest, MalformedRequestsAreRefusedAndLogged)
         {"total above 102410", {5, 0, 255, "/x", 102411, 10, 0, pattern(10, 1)}},
         {"first chunk not at 0", {5, 0, 255, "/x", 100, 10, 10, pattern(10, 1)}},
     };
-    for (const auto &c : cases) {
+    for (const auto &[what, rq] : cases) {
         logged.clear();
-        auto r = run(c.rq);
-        EXPECT_LT(r.result, 0) << c.what;
-        EXPECT_EQ(r.len_all, 0u) << c.what;
-        EXPECT_FALSE(logged.empty()) << c.what;
+        auto r = run(rq);
+        EXPECT_LT(r.result, 0) << what;
+        EXPECT_EQ(r.len_all, 0u) << what;
+        EXPECT_FALSE(logged.empty()) << what;
     }
     EXPECT_EQ(cmd.open_transfers(), 0u);
-    // A path length byte above 71 (the path would run into the length fields).
+    // A path length byte above 71 (the path would run into the length
+    // fields), and a payload shorter than the 512-byte record.
     Bytes p = NvEfsRequest{4, 0, 0, "/x"}.encode();
     p[4] = 72;
     EXPECT_LT(decode_nvefs(cmd.handle(p.data(), p.size(), 1, now)).result, 0);
-    // A payload shorter than the 512-byte record.
     EXPECT_LT(decode_nvefs(cmd.handle(p.data(), 100, 1, now)).result, 0);
-    // Nothing escaped the EFS tree.
-    EXPECT_FALSE(std::filesystem::exists(dir.path() + "/efs/x"));
+    EXPECT_FALSE(std::filesystem::exists(dir.path() + "/efs/x")) << "nothing escaped the EFS tree";
 }
 
 TEST_F(NvEfsTest, ChunkedWriteBecomesVisibleOnlyWithItsLastChunk)
 {
     const std::string path = "/nv/item_files/test/big";
     Bytes file = pattern(1000, 9);
-    auto r = write_chunk(path, 255, 1000, 0, Bytes(file.begin(), file.begin() + 414));
+    auto r = write_chunk(path, 255, 1000, 0, slice(file, 0, 414));
     ASSERT_GE(r.result, 0);
     ASSERT_LT(r.result, 255);
     uint16_t inst = static_cast<uint16_t>(r.result);
     EXPECT_EQ(run({4, 0, 0, path}).result, NvEfsCommand::kNoFile) << "visible before its last chunk";
-
-    r = write_chunk(path, inst, 1000, 414, Bytes(file.begin() + 414, file.begin() + 828));
-    EXPECT_EQ(r.result, inst);
+    EXPECT_EQ(write_chunk(path, inst, 1000, 414, slice(file, 414, 828)).result, inst);
     EXPECT_FALSE(h.store.efs_size(0, path));
-    r = write_chunk(path, inst, 1000, 828, Bytes(file.begin() + 828, file.end()));
-    EXPECT_EQ(r.result, inst);
+    EXPECT_EQ(write_chunk(path, inst, 1000, 828, slice(file, 828, 1000)).result, inst);
     EXPECT_EQ(cmd.open_transfers(), 0u);
-    EXPECT_EQ(read_file_via_command(path), file);
+    EXPECT_EQ(read_whole(path), file);
 
     // Reads come in chunks of at most 424 bytes, each telling the whole size.
     auto first = run({4, 0, 0, path, 0, 0, 0});
@@ -160,45 +148,37 @@ TEST_F(NvEfsTest, ChunkedWriteBecomesVisibleOnlyWithItsLastChunk)
     EXPECT_EQ(first.len_send, 424u);
     auto tail = run({4, 0, 0, path, 0, 0, 848});
     EXPECT_EQ(tail.len_send, 152u);
-    EXPECT_EQ(tail.data, Bytes(file.begin() + 848, file.end()));
+    EXPECT_EQ(tail.data, slice(file, 848, 1000));
     EXPECT_LT(run({4, 0, 0, path, 0, 0, 1001}).result, 0) << "position past the end";
-
-    // A smaller read chunk (set by a scenario) is honoured.
     cmd.set_read_chunk(100);
-    EXPECT_EQ(run({4, 0, 0, path, 0, 0, 0}).len_send, 100u);
+    EXPECT_EQ(run({4, 0, 0, path, 0, 0, 0}).len_send, 100u) << "a scenario's smaller read chunk";
+    cmd.set_read_chunk(424);
 
     // A rewrite replaces the content whole; delete removes it.
-    Bytes small = pattern(5, 1);
-    ASSERT_GE(write_chunk(path, 255, 5, 0, small).result, 0);
-    cmd.set_read_chunk(424);
-    EXPECT_EQ(read_file_via_command(path), small);
+    ASSERT_GE(write_chunk(path, 255, 5, 0, pattern(5, 1)).result, 0);
+    EXPECT_EQ(read_whole(path), pattern(5, 1));
     EXPECT_EQ(run({6, 0, 0, path}).result, 0);
     EXPECT_EQ(run({6, 0, 0, path}).result, NvEfsCommand::kNoFile);
     EXPECT_EQ(run({4, 0, 0, path}).result, NvEfsCommand::kNoFile);
 }
 
-TEST_F(NvEfsTest, TransferMistakesDropTheTransfer)
+TEST_F(NvEfsTest, TransferMistakesAndAbandonedTransfersDropTheTransfer)
 {
     const std::string path = "/t";
-    Bytes file = pattern(900, 2);
+    Bytes file = pattern(900, 2), next = slice(file, 400, 800);
     auto start = [&](uint64_t conn = 1) {
-        auto r = write_chunk(path, 255, 900, 0, Bytes(file.begin(), file.begin() + 400), conn);
+        auto r = write_chunk(path, 255, 900, 0, slice(file, 0, 400), conn);
         EXPECT_GE(r.result, 0);
         return static_cast<uint16_t>(r.result);
     };
-    Bytes next(file.begin() + 400, file.begin() + 800);
 
     uint16_t a = start();
     EXPECT_LT(write_chunk(path, static_cast<uint16_t>((a + 1) % 255), 900, 400, next).result, 0) << "unknown instance";
     EXPECT_LT(write_chunk(path, a, 900, 300, next).result, 0) << "wrong position";
     EXPECT_LT(write_chunk(path, a, 900, 400, next).result, 0) << "dropped after the wrong position";
-
-    a = start();
-    EXPECT_LT(write_chunk(path, a, 901, 400, next).result, 0) << "wrong total";
+    EXPECT_LT(write_chunk(path, start(), 901, 400, next).result, 0) << "wrong total";
     EXPECT_EQ(cmd.open_transfers(), 0u);
-
-    a = start();
-    EXPECT_LT(write_chunk("/other", a, 900, 400, next).result, 0) << "another path";
+    EXPECT_LT(write_chunk("/other", start(), 900, 400, next).result, 0) << "another path";
 
     // Abandoned: a new transfer of the same file by the same connection...
     a = start();
@@ -208,44 +188,34 @@ TEST_F(NvEfsTest, TransferMistakesDropTheTransfer)
     EXPECT_EQ(write_chunk(path, b, 900, 400, next).result, b);
     // ...its connection closing...
     cmd.connection_closed(1);
-    EXPECT_LT(write_chunk(path, b, 900, 800, Bytes(file.begin() + 800, file.end())).result, 0);
+    EXPECT_LT(write_chunk(path, b, 900, 800, slice(file, 800, 900)).result, 0);
     // ...or 30 s of silence.
     a = start();
     now += std::chrono::seconds(31);
     EXPECT_LT(write_chunk(path, a, 900, 400, next).result, 0);
     EXPECT_EQ(cmd.open_transfers(), 0u);
     EXPECT_FALSE(h.store.efs_size(0, path)) << "no abandoned transfer may produce the file";
+    EXPECT_LT(write_chunk(path, start(7), 900, 400, next, 8).result, 0) << "another connection's chunk";
 
-    // Another connection's chunks cannot continue a transfer.
-    a = start(7);
-    EXPECT_LT(write_chunk(path, a, 900, 400, next, 8).result, 0);
-}
-
-TEST_F(NvEfsTest, InstancesNeverReach255)
-{
+    // Instance 255 means "open one": 255 transfers at once get distinct
+    // instances below 255, the next is refused.
+    cmd.connection_closed(7);
     std::set<int> seen;
-    for (int i = 0; i < 300; ++i) {
-        auto r = write_chunk("/f" + std::to_string(i), 255, 10, 0, pattern(4, 1), 1);
-        if (i < 255) {
-            ASSERT_GE(r.result, 0);
-            ASSERT_LT(r.result, 255);
-            seen.insert(r.result);
-        } else {
-            EXPECT_LT(r.result, 0) << "every instance is in use";
-        }
+    for (int i = 0; i < 255; ++i) {
+        auto r = write_chunk("/f" + std::to_string(i), 255, 10, 0, pattern(4, 1));
+        ASSERT_GE(r.result, 0);
+        ASSERT_LT(r.result, 255);
+        seen.insert(r.result);
     }
     EXPECT_EQ(seen.size(), 255u);
+    EXPECT_LT(write_chunk("/full", 255, 10, 0, pattern(4, 1)).result, 0) << "every instance is in use";
 }
 
 /* ---- scenario ---- */
 
 TEST(Scenario, UnknownKeysAreNamedAndNothingChanges)
 {
-    struct Case {
-        const char *doc;
-        const char *names;
-    };
-    const Case cases[] = {
+    const std::pair<const char *, const char *> cases[] = {
         {R"({"nv":{"0":{"10":"01"}},"bogus":1})", "\"bogus\""},
         {R"({"nv":{"2":{"10":"01"}}})", "\"nv.2\""},
         {R"({"nv":{"0":{"ten":"01"}}})", "\"nv.0.ten\""},
@@ -258,18 +228,18 @@ TEST(Scenario, UnknownKeysAreNamedAndNothingChanges)
         {R"({"efs_read_chunk":425})", "\"efs_read_chunk\""},
         {R"({"properties":{"a.key.that.is.longer.than.31.bytes":"v"}})", "a.key.that.is.longer.than.31.bytes"},
     };
-    for (const auto &c : cases) {
+    for (const auto &[text, names] : cases) {
         kvn_test::TempDir dir;
         Handset h(dir.path());
         std::string err;
         ASSERT_TRUE(h.init(&err));
         // Every case also carries a valid NV item that must not be written.
-        auto doc = nlohmann::json::parse(c.doc);
+        auto doc = nlohmann::json::parse(text);
         if (!doc.contains("nv"))
             doc["nv"] = {{"0", {{"10", "01"}}}};
-        EXPECT_FALSE(apply_scenario(h, doc, &err)) << c.doc;
-        EXPECT_NE(err.find(c.names), std::string::npos) << c.doc << " -> " << err;
-        EXPECT_FALSE(h.store.nv_get(0, 10)) << c.doc;
+        EXPECT_FALSE(apply_scenario(h, doc, &err)) << text;
+        EXPECT_NE(err.find(names), std::string::npos) << text << " -> " << err;
+        EXPECT_FALSE(h.store.nv_get(0, 10)) << text;
         EXPECT_TRUE(h.faults.all().empty());
     }
 }
@@ -302,74 +272,33 @@ TEST(Scenario, AppliesEveryKind)
     EXPECT_EQ(h.props.get("y"), "2");
 }
 
-TEST(Scenario, DefaultScenarioIsValidAndHoldsTheImei)
-{
-    kvn_test::TempDir dir;
-    Handset h(dir.path());
-    std::string err;
-    ASSERT_TRUE(h.init(&err));
-    ASSERT_TRUE(apply_scenario(h, nlohmann::json::parse(kDefaultScenario), &err)) << err;
-    EXPECT_EQ(h.store.nv_get(0, 550), (Bytes{0x08, 0x3A, 0x85, 0x42, 0x00, 0x15, 0x11, 0x11, 0x01}));
-    EXPECT_FALSE(h.props.get("persist.vendor.pelmox.shell_print_flag"));
-}
-
 TEST(Imei, PackingAndRefusals)
 {
-    EXPECT_EQ(encode_imei("358240051111110"), (Bytes{0x08, 0x3A, 0x85, 0x42, 0x00, 0x15, 0x11, 0x11, 0x01}));
+    EXPECT_EQ(encode_imei("358240051111110"), kDefaultImei);
     EXPECT_EQ(encode_imei("000000000000000"), (Bytes{0x08, 0x0A, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_FALSE(encode_imei("35824005111111"));
-    EXPECT_FALSE(encode_imei("3582400511111100"));
-    EXPECT_FALSE(encode_imei("35824005111111a"));
+    for (const char *bad : {"35824005111111", "3582400511111100", "35824005111111a"})
+        EXPECT_FALSE(encode_imei(bad)) << bad;
 }
 
-/* ---- properties, parsers ---- */
+/* ---- parsers ---- */
 
-TEST(Properties, LimitsAndPersistence)
-{
-    kvn_test::TempDir dir;
-    {
-        Properties p(dir.path() + "/props.json", dir.path());
-        std::string err;
-        ASSERT_TRUE(p.load(&err));
-        EXPECT_TRUE(p.set(std::string(31, 'k'), std::string(91, 'v')));
-        EXPECT_FALSE(p.set(std::string(32, 'k'), "v", &err));
-        EXPECT_FALSE(p.set("k", std::string(92, 'v'), &err));
-        EXPECT_FALSE(p.set("", "v", &err));
-        EXPECT_TRUE(p.set("persist.a", "1"));
-        EXPECT_TRUE(p.set("persist.a", "2"));
-        EXPECT_TRUE(p.set("volatile.b", "3"));
-    }
-    Properties again(dir.path() + "/props.json", dir.path());
-    std::string err;
-    ASSERT_TRUE(again.load(&err));
-    EXPECT_EQ(again.get("persist.a"), "2");
-    EXPECT_FALSE(again.get("volatile.b"));
-    EXPECT_FALSE(again.get(std::string(31, 'k')));
-}
-
-TEST(Parsers, HexAndNumbers)
+TEST(Parsers, HexNumbersAndTlvs)
 {
     EXPECT_EQ(from_hex("0a0B ff:00"), (Bytes{0x0a, 0x0b, 0xff, 0x00}));
     EXPECT_EQ(from_hex("0x0102"), (Bytes{1, 2}));
     EXPECT_EQ(from_hex(""), Bytes{});
-    EXPECT_FALSE(from_hex("abc"));
-    EXPECT_FALSE(from_hex("a b"));
-    EXPECT_FALSE(from_hex("zz"));
+    for (const char *bad : {"abc", "a b", "zz"})
+        EXPECT_FALSE(from_hex(bad)) << bad;
     EXPECT_EQ(parse_number("0x1F"), 31u);
     EXPECT_EQ(parse_number("65535", 0xFFFF), 65535u);
-    EXPECT_FALSE(parse_number("65536", 0xFFFF));
-    EXPECT_FALSE(parse_number("2", 1)) << "a single digit above the maximum";
-    EXPECT_FALSE(parse_number("0xF", 9));
-    EXPECT_FALSE(parse_number("18446744073709551616"));
-    EXPECT_FALSE(parse_number("-1"));
-    EXPECT_FALSE(parse_number("0x"));
-    EXPECT_FALSE(parse_number(""));
-}
+    const std::pair<const char *, uint64_t> refused[] = {
+        {"65536", 0xFFFF}, {"2", 1}, {"0xF", 9}, {"18446744073709551616", UINT64_MAX},
+        {"-1", UINT64_MAX}, {"0x", UINT64_MAX}, {"", UINT64_MAX},
+    };
+    for (const auto &[text, max] : refused)
+        EXPECT_FALSE(parse_number(text, max)) << text;
 
-TEST(Tlv, ReaderStopsAtTheEnd)
-{
-    const Bytes good = {0x01, 0x01, 0x00, 0xAA, 0x02, 0x00, 0x00};
-    auto t = parse_tlvs(good);
+    auto t = parse_tlvs(Bytes{0x01, 0x01, 0x00, 0xAA, 0x02, 0x00, 0x00});
     ASSERT_TRUE(t);
     ASSERT_EQ(t->size(), 2u);
     EXPECT_EQ((*t)[0].value.size(), 1u);

@@ -12,7 +12,6 @@
 #include <thread>
 
 #include "sim_client.h"
-#include "sim_handset.h"
 
 using namespace sim_test;
 
@@ -53,13 +52,6 @@ bool write_file(RawClient &c, const std::string &path, const Bytes &data, uint16
     return true;
 }
 
-int daemon_pid(const kvn_test::SimHandset &sim)
-{
-    auto out = sim.ctl({"status"}).out;
-    auto at = out.find("pid ");
-    return at == std::string::npos ? -1 : std::atoi(out.c_str() + at + 4);
-}
-
 TEST(SimDurability, SigkillDuringWritesLeavesWholeFiles)
 {
     kvn_test::SimHandset sim;
@@ -75,7 +67,7 @@ TEST(SimDurability, SigkillDuringWritesLeavesWholeFiles)
 
         // Every item and file is one whole pattern (or absent before its first write).
         RawClient check(sim.socket());
-        ASSERT_TRUE(check.bind(0xFFE4));
+        ASSERT_TRUE(check.bind(kExtend));
         for (int i = 0; i < kFiles; ++i) {
             auto nv = nvefs(check, {1, 0, static_cast<uint16_t>(6000 + i)});
             ASSERT_TRUE(nv);
@@ -99,7 +91,7 @@ TEST(SimDurability, SigkillDuringWritesLeavesWholeFiles)
             killed = true;
         });
         RawClient c(sim.socket());
-        ASSERT_TRUE(c.bind(0xFFE4));
+        ASSERT_TRUE(c.bind(kExtend));
         uint16_t txn = 0;
         int writes = 0;
         for (bool alive = true; alive;) {
