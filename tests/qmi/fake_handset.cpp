@@ -82,149 +82,110 @@ bool Handset::send(Conn &c, const kvn_wire::Header &h, const Bytes &payload)
     return c.fd >= 0 && kvn_wire::write_packet(c.fd, h, payload);
 }
 
-std::optional<Bytes> Handset::handle_qmi(uint32_t service, uint16_t msg_id, const Bytes &tlvs)
-{
-    Handler h;
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        h = handler_;
-    }
-    if (!h)
-        return Bytes{0x02, 0x04, 0x00, 0x00, 0x00, 0x00, 0x00};
-    return h(service, msg_id, tlvs);
-}
-
+// Each request is looked at under the lock; every answer is sent after it is
+// dropped, so a slow reader or a handler that calls back in cannot stall the
+// other connections.
 void Handset::serve(std::shared_ptr<Conn> c)
 {
-    for (;;) {
-        auto p = kvn_wire::read_packet(c->fd, -1);
-        if (!p)
-            break;
+    while (auto p = kvn_wire::read_packet(c->fd, -1)) {
         kvn_wire::Header r;
         r.service = p->hdr.service;
         r.instance = p->hdr.instance;
+        auto answer = [&](Kind kind, uint16_t status, const Bytes &payload) {
+            r.kind = kind;
+            r.status = status;
+            send(*c, r, payload);
+        };
+        std::unique_lock<std::mutex> lock(mu_);
+        const bool up = up_.count(p->hdr.service) > 0;
         switch (p->hdr.kind) {
         case Kind::List: {
-            Bytes out(4);
-            uint32_t n = 0;
-            {
-                std::lock_guard<std::mutex> lock(mu_);
-                if (up_.count(p->hdr.service)) {
-                    n = 1;
-                    out.resize(12);
-                    kvn_wire::put_u32(&out[4], p->hdr.service);
-                    kvn_wire::put_u32(&out[8], 1);
-                }
+            lock.unlock();
+            Bytes out(up ? 12 : 4);
+            kvn_wire::put_u32(out.data(), up ? 1 : 0);
+            if (up) {
+                kvn_wire::put_u32(&out[4], p->hdr.service);
+                kvn_wire::put_u32(&out[8], 1);
             }
-            kvn_wire::put_u32(out.data(), n);
-            r.kind = Kind::ListReply;
-            send(*c, r, out);
+            answer(Kind::ListReply, 0, out);
             break;
         }
-        case Kind::Connect: {
-            bool ok;
-            {
-                std::lock_guard<std::mutex> lock(mu_);
-                ok = up_.count(p->hdr.service) > 0;
-                if (ok) {
-                    c->role = Conn::Client;
-                    c->service = p->hdr.service;
-                    r.client = next_client_++;
-                }
+        case Kind::Connect:
+            if (up) {
+                c->role = Conn::Client;
+                c->service = p->hdr.service;
+                r.client = next_client_++;
             }
-            r.kind = ok ? Kind::ConnectOk : Kind::ConnectFail;
+            lock.unlock();
             r.instance = 1;
-            r.status = ok ? 0 : 1;
-            send(*c, r, {});
-            if (!ok)
+            answer(up ? Kind::ConnectOk : Kind::ConnectFail, up ? 0 : 1, {});
+            if (!up)
                 ::shutdown(c->fd, SHUT_RDWR);
             break;
-        }
-        case Kind::Watch: {
-            bool up;
-            {
-                std::lock_guard<std::mutex> lock(mu_);
-                c->role = Conn::Watcher;
-                c->service = p->hdr.service;
-                up = up_.count(p->hdr.service) > 0;
-            }
-            if (up) {
-                r.kind = Kind::ServiceUp;
-                r.instance = 1;
-                send(*c, r, {});
-            }
+        case Kind::Watch:
+            c->role = Conn::Watcher;
+            c->service = p->hdr.service;
+            lock.unlock();
+            r.instance = 1;
+            if (up)
+                answer(Kind::ServiceUp, 0, {});
             break;
-        }
         case Kind::Qmi: {
+            Handler handler = handler_;
+            lock.unlock();
             auto q = kvn_wire::decode_qmi(p->payload.data(), p->payload.size());
             if (!q)
                 break;
             Bytes tlvs(p->payload.begin() + kvn_wire::kQmiHeaderSize, p->payload.end());
-            auto resp = handle_qmi(p->hdr.service, q->msg_id, tlvs);
-            if (!resp)
-                break;
+            auto resp = handler ? handler(p->hdr.service, q->msg_id, tlvs)
+                                : std::optional<Bytes>(Bytes{0x02, 0x04, 0x00, 0x00, 0x00, 0x00, 0x00});
             kvn_wire::QmiHeader qh{kvn_wire::kQmiResponse, q->txn, q->msg_id, 0};
-            r.kind = Kind::Qmi;
             r.client = p->hdr.client;
-            send(*c, r, kvn_wire::encode_qmi(qh, resp->data(), resp->size()));
+            if (resp)
+                answer(Kind::Qmi, 0, kvn_wire::encode_qmi(qh, resp->data(), resp->size()));
             break;
         }
         case Kind::PropGet: {
-            std::string key(p->payload.begin(), p->payload.end());
-            std::optional<std::string> v;
-            {
-                std::lock_guard<std::mutex> lock(mu_);
-                auto it = props_.find(key);
-                if (it != props_.end())
-                    v = it->second;
-            }
-            r.kind = Kind::PropValue;
-            r.status = v ? 0 : 1;
-            send(*c, r, v ? Bytes(v->begin(), v->end()) : Bytes{});
+            auto it = props_.find(std::string(p->payload.begin(), p->payload.end()));
+            const bool found = it != props_.end();
+            const Bytes value = found ? Bytes(it->second.begin(), it->second.end()) : Bytes{};
+            lock.unlock();
+            answer(Kind::PropValue, found ? 0 : 1, value);
             break;
         }
         case Kind::PropSet: {
             auto zero = std::find(p->payload.begin(), p->payload.end(), 0);
-            if (zero != p->payload.end()) {
-                std::lock_guard<std::mutex> lock(mu_);
+            if (zero != p->payload.end())
                 props_[std::string(p->payload.begin(), zero)] = std::string(zero + 1, p->payload.end());
+            lock.unlock();
+            answer(Kind::PropSetResult, zero == p->payload.end(), {});
+            break;
+        }
+        case Kind::Log:
+            if (!p->payload.empty()) {
+                auto zero = std::find(p->payload.begin() + 1, p->payload.end(), 0);
+                log_.push_back({p->payload[0], std::string(p->payload.begin() + 1, zero),
+                                zero == p->payload.end() ? "" : std::string(zero + 1, p->payload.end())});
             }
-            r.kind = Kind::PropSetResult;
-            r.status = zero == p->payload.end();
-            send(*c, r, {});
             break;
-        }
-        case Kind::Log: {
-            if (p->payload.empty())
-                break;
-            auto zero = std::find(p->payload.begin() + 1, p->payload.end(), 0);
-            std::lock_guard<std::mutex> lock(mu_);
-            log_.push_back({p->payload[0], std::string(p->payload.begin() + 1, zero),
-                            zero == p->payload.end() ? "" : std::string(zero + 1, p->payload.end())});
-            break;
-        }
-        case Kind::ConnectOk:
-        case Kind::ConnectFail:
-        case Kind::ServiceDown:
-        case Kind::ListReply:
-        case Kind::ServiceUp:
-        case Kind::ServiceGone:
-        case Kind::PropValue:
-        case Kind::PropSetResult:
-        case Kind::Control:
-        case Kind::ControlReply:
+        default:
             break; // not asked of a handset, or not this fake's business
         }
     }
     std::lock_guard<std::mutex> lock(mu_);
-    for (auto it = conns_.begin(); it != conns_.end(); ++it)
-        if (*it == c) {
-            conns_.erase(it);
-            break;
-        }
+    conns_.erase(std::find(conns_.begin(), conns_.end(), c));
     std::lock_guard<std::mutex> wlock(c->write_mu); // no send may use the number once it is closed
     ::close(c->fd);
     c->fd = -1;
+}
+
+std::vector<std::shared_ptr<Handset::Conn>> Handset::conns_of(uint32_t service, bool clients_only)
+{
+    std::vector<std::shared_ptr<Conn>> out;
+    for (auto &c : conns_)
+        if (c->service == service && (!clients_only || c->role == Conn::Client))
+            out.push_back(c);
+    return out;
 }
 
 void Handset::set_handler(Handler h)
@@ -242,14 +203,12 @@ void Handset::set_up(uint32_t service, bool up)
             up_.insert(service);
         else
             up_.erase(service);
-        for (auto &c : conns_)
-            if (c->service == service)
-                targets.push_back(c);
+        targets = conns_of(service, false);
     }
+    kvn_wire::Header h;
+    h.service = service;
+    h.instance = 1;
     for (auto &c : targets) {
-        kvn_wire::Header h;
-        h.service = service;
-        h.instance = 1;
         if (c->role == Conn::Watcher) {
             h.kind = up ? Kind::ServiceUp : Kind::ServiceGone;
             send(*c, h, {});
@@ -265,9 +224,8 @@ void Handset::set_up(uint32_t service, bool up)
 void Handset::drop_clients(uint32_t service)
 {
     std::lock_guard<std::mutex> lock(mu_);
-    for (auto &c : conns_)
-        if (c->role == Conn::Client && c->service == service)
-            ::shutdown(c->fd, SHUT_RDWR);
+    for (auto &c : conns_of(service, true))
+        ::shutdown(c->fd, SHUT_RDWR);
 }
 
 void Handset::indicate(uint32_t service, uint16_t msg_id, const Bytes &tlvs)
@@ -275,9 +233,7 @@ void Handset::indicate(uint32_t service, uint16_t msg_id, const Bytes &tlvs)
     std::vector<std::shared_ptr<Conn>> targets;
     {
         std::lock_guard<std::mutex> lock(mu_);
-        for (auto &c : conns_)
-            if (c->role == Conn::Client && c->service == service)
-                targets.push_back(c);
+        targets = conns_of(service, true);
     }
     kvn_wire::QmiHeader qh{kvn_wire::kQmiIndication, 0, msg_id, 0};
     kvn_wire::Header h;
@@ -290,10 +246,7 @@ void Handset::indicate(uint32_t service, uint16_t msg_id, const Bytes &tlvs)
 size_t Handset::clients(uint32_t service)
 {
     std::lock_guard<std::mutex> lock(mu_);
-    size_t n = 0;
-    for (auto &c : conns_)
-        n += c->role == Conn::Client && c->service == service;
-    return n;
+    return conns_of(service, true).size();
 }
 
 std::map<std::string, std::string> Handset::properties()

@@ -8,7 +8,6 @@
 #include "kvn_wire.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -31,7 +30,8 @@ const std::string &socket_path();
 class Handset {
 public:
     // Answers a request (service, message id, request TLVs) with response
-    // TLVs, or with nothing (the client then times out).
+    // TLVs, or with nothing (the client then times out). Without a handler
+    // every request gets a bare success.
     using Handler = std::function<std::optional<Bytes>(uint32_t service, uint16_t msg_id, const Bytes &tlvs)>;
 
     Handset();
@@ -72,7 +72,7 @@ private:
     void accept_loop();
     void serve(std::shared_ptr<Conn> c);
     bool send(Conn &c, const kvn_wire::Header &h, const Bytes &payload);
-    std::optional<Bytes> handle_qmi(uint32_t service, uint16_t msg_id, const Bytes &tlvs);
+    std::vector<std::shared_ptr<Conn>> conns_of(uint32_t service, bool clients_only);
 
     int listen_fd_ = -1;
     std::thread acceptor_;

@@ -45,13 +45,11 @@ extern "C" int __android_log_print(int prio, const char *tag, const char *fmt, .
 
 extern "C" int property_get(const char *key, char *value, const char *default_value)
 {
-    auto &props = fake_android::properties();
-    auto it = props.find(key);
-    std::string v = it != props.end() ? it->second : (default_value ? default_value : "");
-    size_t n = std::min(v.size(), static_cast<size_t>(PROPERTY_VALUE_MAX - 1));
-    std::memcpy(value, v.data(), n);
-    value[n] = '\0';
-    return static_cast<int>(n);
+    auto it = fake_android::properties().find(key);
+    std::string v = it != fake_android::properties().end() ? it->second : (default_value ? default_value : "");
+    v.resize(std::min(v.size(), static_cast<size_t>(PROPERTY_VALUE_MAX - 1)));
+    std::memcpy(value, v.c_str(), v.size() + 1);
+    return static_cast<int>(v.size());
 }
 
 extern "C" int property_set(const char *key, const char *value)

@@ -10,18 +10,12 @@
 namespace fake_android {
 
 struct LogLine {
-    int prio;         // Android log priority
-    std::string tag;  // log tag
-    std::string text; // formatted message
+    int prio;
+    std::string tag, text;
 };
 
-// Every __android_log_print call since the last clear().
-std::vector<LogLine> &log_lines();
-
-// Property values answered by property_get; a missing key gets the default.
-std::map<std::string, std::string> &properties();
-
-// Forgets the recorded lines and the properties.
+std::vector<LogLine> &log_lines();                 // every __android_log_print since clear()
+std::map<std::string, std::string> &properties(); // answers property_get; a missing key gets the default
 void clear();
 
 } // namespace fake_android
