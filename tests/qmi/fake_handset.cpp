@@ -168,7 +168,16 @@ void Handset::serve(std::shared_ptr<Conn> c)
                                 zero == p->payload.end() ? "" : std::string(zero + 1, p->payload.end())});
             }
             break;
-        default:
+        case Kind::ConnectOk:
+        case Kind::ConnectFail:
+        case Kind::ServiceDown:
+        case Kind::ListReply:
+        case Kind::ServiceUp:
+        case Kind::ServiceGone:
+        case Kind::PropValue:
+        case Kind::PropSetResult:
+        case Kind::Control:
+        case Kind::ControlReply:
             break; // not asked of a handset, or not this fake's business
         }
     }
