@@ -13,7 +13,6 @@
 #include "pelmox_extend_qmi.h"
 #include "pelmox_shell.h"
 #include "pelmox_trace.h"
-#include "pelmox_utils.h"
 
 static const char k_trace_src[] = "proprietary/modem/hal/qmi/pelmox_extend_cmn";
 
@@ -107,21 +106,17 @@ exit:
 /* ---- group 6: raw vendor message ---- */
 
 /* The group's notes are diagnostics: printed only under the shell print flag. */
-static int cmn_shell_on(void)
-{
-    return (pelmox_utils_get_shell_print_flag() & 0xFF) != 0;
-}
 
 int pelmox_test_qmi_send_data_do(int argc, char *argv[])
 {
     if (argc < 4) {
-        if (cmn_shell_on())
+        if (pelmox_trace_shell_on())
             printf("\nnote: Too few parameters, Pls refer to the following cmd:\n");
         show_help(CMN_GROUP);
         return 0;
     }
     if (atoi(argv[1]) != CMN_GROUP) {
-        if (cmn_shell_on())
+        if (pelmox_trace_shell_on())
             printf("\nnote: the first parameters should be %d, Pls refer to the following cmd:\n", CMN_GROUP);
         show_help(CMN_GROUP);
         return 0;
@@ -129,7 +124,7 @@ int pelmox_test_qmi_send_data_do(int argc, char *argv[])
     /* Compared unsigned, so a negative id is out of range too. */
     uint32_t qmi_id = (uint32_t)atoi(argv[2]);
     if (qmi_id >= CMN_QMI_ID_MAX) {
-        if (cmn_shell_on())
+        if (pelmox_trace_shell_on())
             printf("\nnote: the second parameters(qmi_id) should be >= %d && < %d\n", 0, CMN_QMI_ID_MAX);
         show_help(CMN_GROUP);
         return 0;
@@ -138,13 +133,13 @@ int pelmox_test_qmi_send_data_do(int argc, char *argv[])
     /* The printed len is the number of data arguments, even beyond the 500
      * that are sent. */
     int data_args = argc - 3;
-    if (cmn_shell_on())
+    if (pelmox_trace_shell_on())
         printf("px_qmi req data(qmi_id: %d, len: %d[max: %d]):\n", (int)qmi_id, data_args, CMN_SEND_DATA_MAX);
     uint8_t data[CMN_SEND_DATA_MAX];
     int data_len = data_args < CMN_SEND_DATA_MAX ? data_args : CMN_SEND_DATA_MAX;
     for (int i = 0; i < data_len; ++i) {
         data[i] = (uint8_t)pelmox_string_to_int(argv[3 + i]);
-        if (cmn_shell_on())
+        if (pelmox_trace_shell_on())
             printf("0x%02X ", data[i]);
     }
 
@@ -153,15 +148,15 @@ int pelmox_test_qmi_send_data_do(int argc, char *argv[])
     uint8_t rsp[PELMOX_EXTEND_DATA_MAX_V01];
     int32_t rsp_len = 0;
     int result = pelmox_extend_qmi_send_sync(qmi_id, data, data_len, rsp, &rsp_len);
-    if (cmn_shell_on())
+    if (pelmox_trace_shell_on())
         printf("qmi_id = %d, result = %d\n", (int)qmi_id, result);
     if (result != 0) {
-        if (cmn_shell_on())
+        if (pelmox_trace_shell_on())
             printf("pelmox_extend_qmi_send_sync fail\n");
         show_help(CMN_GROUP);
         return 0;
     }
-    if (cmn_shell_on()) {
+    if (pelmox_trace_shell_on()) {
         printf("px_qmi rsp data(qmi_id: %d, len: %d[max: %d]):\n", (int)qmi_id, rsp_len, CMN_SEND_DATA_MAX);
         for (int32_t i = 0; i < rsp_len; ++i)
             printf(" %02X", rsp[i]);
