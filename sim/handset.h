@@ -14,6 +14,7 @@
 #include "properties.h"
 #include "records.h"
 #include "service.h"
+#include "services/extend4.h"
 
 namespace kvn_sim {
 
@@ -42,6 +43,7 @@ public:
     Faults faults;
     NvEfsCommand nvefs;
     std::map<uint32_t, CannedReply> extend_replies;
+    Extend4Table extend4; // command 4 request and common-message types
     ServiceRegistry services;
 };
 

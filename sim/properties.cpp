@@ -47,7 +47,7 @@ bool Properties::valid(const std::string &key, const std::string &value, std::st
     if (key.empty())
         why = "empty property key";
     else if (key.size() > kMaxKey)
-        why = "property key longer than 31 bytes: " + key;
+        why = "property key longer than 64 bytes: " + key;
     else if (value.size() > kMaxValue)
         why = "property value longer than 91 bytes for " + key;
     else if (key.find('\0') != std::string::npos || value.find('\0') != std::string::npos)

@@ -1,4 +1,4 @@
-// properties.h - the handset's property service: keys up to 31 bytes, values
+// properties.h - the handset's property service: keys up to 64 bytes, values
 // up to 91 bytes; `persist.*` properties are kept in a file of the state
 // directory (rewritten atomically on every change) and survive a restart,
 // the others live only as long as the daemon.
@@ -13,7 +13,7 @@ namespace kvn_sim {
 
 class Properties {
 public:
-    static constexpr size_t kMaxKey = 31;
+    static constexpr size_t kMaxKey = 64;
     static constexpr size_t kMaxValue = 91;
 
     Properties(std::filesystem::path file, std::filesystem::path tmp_dir);

@@ -2,11 +2,13 @@
 // modem. Message 0x0002 carries a request record (TLV 0x01 u32 command id,
 // TLV 0x02 u32 data length, optional TLV 0x10 of exactly 512 data bytes) and
 // answers with the same record, TLV 0x01 then being the result (0 success).
-// Commands are dispatched by id from a table; the scenario can pin a canned
+// Commands are dispatched by id from a table (command 4 further by request
+// type, see extend4.h); the scenario can pin a canned
 // reply per command id, and unknown commands are refused with result 1.
 #include <functional>
 #include <map>
 
+#include "extend4.h"
 #include "kvn_wire.h"
 #include "services.h"
 #include "tlv.h"
@@ -18,11 +20,6 @@ constexpr uint16_t kMsgExtend = 0x0002;
 constexpr size_t kDataSize = 512;
 constexpr uint32_t kResultRefused = 1;   // unknown command id
 constexpr uint32_t kResultMalformed = 2; // the request record does not parse
-
-struct ExtendReply {
-    uint32_t result = 0;
-    Bytes data;
-};
 
 // The response record: always TLV 0x10 with all 512 bytes, data_len saying
 // how many of them mean something.
@@ -47,6 +44,7 @@ public:
         commands_[2] = [this](const uint8_t *d, size_t n, uint64_t conn) {
             return ExtendReply{0, h_.nvefs.handle(d, n, conn)};
         };
+        commands_[4] = [this](const uint8_t *d, size_t n, uint64_t conn) { return h_.extend4.dispatch(d, n, conn); };
     }
 
     std::vector<uint8_t> handle(const QmiRequest &rq) override

@@ -24,13 +24,13 @@ TEST(Properties, SetGetAndLengthLimits)
     EXPECT_EQ(0, property_get("unset.key", value, nullptr));
     EXPECT_STREQ("", value);
 
-    // Keys up to 31 and values up to 91 characters; longer ones are refused.
-    const std::string key31(31, 'k'), value91(91, 'v'), value92(92, 'v');
-    EXPECT_EQ(0, property_set(key31.c_str(), value91.c_str()));
-    EXPECT_GT(0, property_set(std::string(32, 'k').c_str(), "1"));
+    // Keys up to 64 and values up to 91 characters; longer ones are refused.
+    const std::string key64(64, 'k'), value91(91, 'v'), value92(92, 'v');
+    EXPECT_EQ(0, property_set(key64.c_str(), value91.c_str()));
+    EXPECT_GT(0, property_set(std::string(65, 'k').c_str(), "1"));
     EXPECT_GT(0, property_set("k", value92.c_str()));
     EXPECT_EQ(2u, sim.properties().size());
-    EXPECT_EQ(91, property_get(key31.c_str(), value, ""));
+    EXPECT_EQ(91, property_get(key64.c_str(), value, ""));
     EXPECT_EQ(value91, value);
     // A value the handset should never hold is not copied past the buffer.
     sim.set_property("long", value92);

@@ -226,7 +226,7 @@ TEST(Scenario, UnknownKeysAreNamedAndNothingChanges)
         {R"({"faults":[{"service":"extend","msg":2,"kind":"explode"}]})", "\"faults[0].kind\""},
         {R"({"efs":{"0":{"/a/../b":"01"}}})", "\"efs.0./a/../b\""},
         {R"({"efs_read_chunk":425})", "\"efs_read_chunk\""},
-        {R"({"properties":{"a.key.that.is.longer.than.31.bytes":"v"}})", "a.key.that.is.longer.than.31.bytes"},
+        {R"({"properties":{"a.key.that.is.longer.than.sixty.four.bytes.and.so.refused.by.the.store":"v"}})", "a.key.that.is.longer.than.sixty.four.bytes.and.so.refused.by.the.store"},
     };
     for (const auto &[text, names] : cases) {
         kvn_test::TempDir dir;

@@ -232,7 +232,7 @@ TEST(SimDaemon, JournalRecordsRequestsInOrder)
     EXPECT_TRUE(sim.journal().empty());
 }
 
-// Property keys hold up to 31 bytes and values up to 91; only persist.*
+// Property keys hold up to 64 bytes and values up to 91; only persist.*
 // properties are written to the state directory.
 TEST(SimDaemon, PersistentPropertiesSurviveARestartOthersDoNot)
 {
@@ -247,9 +247,9 @@ TEST(SimDaemon, PersistentPropertiesSurviveARestartOthersDoNot)
     };
     EXPECT_EQ(prop_set("persist.vendor.a", "off"), 0);
     EXPECT_EQ(prop_set("persist.vendor.a", "on"), 0);
-    EXPECT_EQ(prop_set(std::string(32, 'k'), "v"), 1);
+    EXPECT_EQ(prop_set(std::string(65, 'k'), "v"), 1);
     EXPECT_EQ(prop_set("", "v"), 1);
-    const std::string long_key = "persist." + std::string(23, 'k');
+    const std::string long_key = "persist." + std::string(56, 'k');
     EXPECT_EQ(sim.ctl({"prop", "set", long_key, std::string(91, 'x')}).exit_code, 0);
     EXPECT_NE(sim.ctl({"prop", "set", "vendor.c", std::string(92, 'x')}).exit_code, 0);
     EXPECT_EQ(sim.ctl({"prop", "set", "vendor.b", "off"}).exit_code, 0);

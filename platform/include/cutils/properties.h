@@ -10,7 +10,7 @@
 extern "C" {
 #endif
 
-#define PROPERTY_KEY_MAX 32
+#define PROPERTY_KEY_MAX 65
 #define PROPERTY_VALUE_MAX 92
 
 /* Copies the value of key (or default_value when unset; "" when that is null)
