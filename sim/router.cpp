@@ -427,6 +427,9 @@ void Router::run()
             fds.push_back({c->fd, ev, 0});
             order.push_back(c.get());
         }
+        size_t first_watched = fds.size();
+        for (auto &[fd, w] : watched_)
+            fds.push_back({fd, w.events, 0});
         int n = poll(fds.data(), fds.size(), timers_.timeout_ms());
         if (n < 0 && errno != EINTR)
             break;
@@ -451,6 +454,14 @@ void Router::run()
                 flush(c);
             else if (c.closing && c.out.size() == c.out_off)
                 c.dead = true;
+        }
+        for (size_t i = first_watched; i < fds.size(); ++i) {
+            // A handler may unwatch any descriptor, so look each one up again.
+            auto it = watched_.find(fds[i].fd);
+            if (fds[i].revents && it != watched_.end()) {
+                FdHandler fn = it->second.fn; // the handler may unwatch itself
+                fn(fds[i].revents);
+            }
         }
         if (fds[0].revents & POLLIN)
             accept_clients();

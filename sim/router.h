@@ -55,6 +55,12 @@ public:
     // Modem restart: every service down, back up after `down_for`.
     void restart_modem(std::chrono::milliseconds down_for);
     size_t client_count() const { return conns_.size(); }
+    // Extra descriptors served by the loop (a pseudo-terminal of the handset,
+    // say): `fn` runs on the loop's thread with the revents of `fd`. The
+    // caller keeps owning `fd` and unwatches it before closing it.
+    using FdHandler = std::function<void(short revents)>;
+    void watch(int fd, short events, FdHandler fn) { watched_[fd] = {events, std::move(fn)}; }
+    void unwatch(int fd) { watched_.erase(fd); }
     TimerQueue &timers() { return timers_; }
 
 private:
@@ -81,6 +87,11 @@ private:
     std::map<uint64_t, std::unique_ptr<Conn>> conns_;
     TimerQueue timers_;
     ControlHandler control_;
+    struct Watched {
+        short events = 0;
+        FdHandler fn;
+    };
+    std::map<int, Watched> watched_;
 };
 
 } // namespace kvn_sim
