@@ -15,6 +15,7 @@
 #include "records.h"
 #include "service.h"
 #include "services/extend4.h"
+#include "uim_slots.h"
 
 namespace kvn_sim {
 
@@ -44,6 +45,7 @@ public:
     NvEfsCommand nvefs;
     std::map<uint32_t, CannedReply> extend_replies;
     Extend4Table extend4; // command 4 request and common-message types
+    UimSlots uim;         // SIM card slots (memory only: every start begins with the default slots)
     ServiceRegistry services;
 };
 

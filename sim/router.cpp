@@ -382,6 +382,7 @@ void Router::set_service(ServiceRegistry::Entry &e, bool up)
         return;
     e.up = up;
     h_.note(kLogInfo, "service " + e.name + (up ? " up" : " down"));
+    e.service->availability_changed(up);
     for (auto &[id, cp] : conns_) {
         Conn &c = *cp;
         if (c.dead || c.closing || c.service != e.id)

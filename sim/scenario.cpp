@@ -262,6 +262,17 @@ const KeyRow kTopLevel[] = {
     {"efs_read_chunk", parse_read_chunk},
     {"extend_replies", parse_extend_replies},
     {"faults", parse_faults},
+    {"uim",
+     [](const json &v, const std::string &where, Plan &plan) {
+         std::string err;
+         auto change = parse_uim_scenario(v, where, &err);
+         if (!change)
+             fail(err);
+         plan.steps.push_back([change = std::move(*change)](Handset &h, std::string *) {
+             change(h.uim);
+             return true;
+         });
+     }},
 };
 
 } // namespace
