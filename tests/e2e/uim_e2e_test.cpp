@@ -161,9 +161,10 @@ TEST(UimCardCommands, QueryGetSetTypeAndHotSwapInOrder)
         {{"5", "1"}, 0,
          sent("param(cnt: 0):\n\n", 39, 0,
               "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 27 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
-        // The modem refuses sub 2 (no slot 3).
+        // Sub 2 is sent as 1.
         {{"5", "2", "2"}, 0,
-         sent("param(cnt: 1):\n 2\n", 55, 4, "result = 0, rsp.result = 1\nrsp.result fail\n", 16)},
+         sent("param(cnt: 1):\n 1\n", 55, 4,
+              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 37 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
     };
     for (const auto &row : rows) {
         auto r = sim.kvn(row.args, shell_flag(row.flag));
@@ -172,6 +173,15 @@ TEST(UimCardCommands, QueryGetSetTypeAndHotSwapInOrder)
             joined += a + " ";
         EXPECT_EQ(masked(r), row.out) << joined << "flag " << row.flag;
     }
+    // A one-slot handset: one slot by type, and slot 2 refused.
+    std::ofstream(sim.dir() + "/one.json") << R"({"uim": {"slots": {"1": {}}}})";
+    ASSERT_EQ(sim.ctl({"load", sim.dir() + "/one.json"}).exit_code, 0);
+    EXPECT_EQ(masked(sim.kvn({"5", "4"}, shell_flag(0))),
+              sent("param(cnt: 0):\n\n", 56, 0,
+                   "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 38 00 00 00 04 00 00 00 01 00 00 00\n", 20));
+    std::string out = masked(sim.kvn({"5", "2", "1"}, shell_flag(0)));
+    EXPECT_EQ(out.substr(0, out.find(kBanner)),
+              sent("param(cnt: 1):\n 1\n", 55, 4, "result = 0, rsp.result = 1\nrsp.result fail\n", 16));
 }
 
 // Wrong argument counts: the note (whatever the flag), nothing sent; the
