@@ -143,4 +143,47 @@ TEST(UimRecovery, OnlyTransportFailuresCountAndOnlyInitClears)
     ASSERT_EQ(sim().ctl({"fault", "clear"}).exit_code, 0);
 }
 
+// The card's refusals as the request functions report them: the open and
+// the APDU fail with -1, a rejected close still returns 0 without its
+// success line. The default handset's slot 2 runs on its physical card
+// until a power cycle moves it to the eUICC.
+TEST(UimChannels, RefusalsComeBackAsTheFunctionsPromise)
+{
+    ASSERT_TRUE(sim().started());
+    uint8_t channel = 255;
+    pelmox_uim_open_req on_physical = {2, 1};
+    EXPECT_EQ(pelmox_uim_open_channel(&on_physical, &channel), -1);
+    EXPECT_EQ(channel, 255);
+    pelmox_uim_open_req no_slot = {3, 1};
+    EXPECT_EQ(pelmox_uim_open_channel(&no_slot, &channel), -1);
+
+    // Switch slot 2 to its eUICC, as the eSIM test does.
+    ASSERT_EQ(sim().ctl({"fault", "clear"}).exit_code, 0);
+    const char *argv[] = {"kvn", "5", "10", "1", "1"}; // debug_on 1: flags kept
+    CaptureStdout();
+    pelmox_cmn_esim_test(5, const_cast<char **>(argv));
+    EXPECT_NE(GetCapturedStdout().find("eID=89049032123451234512345678901235\n"), std::string::npos);
+
+    pelmox_uim_apdu_req apdu = {2, 1, 5, {0x80, 0xCA, 0x9F, 0x7F, 0x00}};
+    pelmox_uim_apdu_rsp rsp = {};
+    EXPECT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), -1) << "channel 1 is not open yet";
+    pelmox_uim_open_req open = {2, 1};
+    ASSERT_EQ(pelmox_uim_open_channel(&open, &channel), 0);
+    EXPECT_EQ(channel, 1);
+    apdu.channel_id = 2;
+    EXPECT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), -1) << "channel 2 is not open";
+    apdu.channel_id = 1;
+    ASSERT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), 0);
+    EXPECT_EQ(rsp.rsp_len, 2);
+    EXPECT_EQ(rsp.rsp[0], 0x6D);
+
+    pelmox_uim_close_req wrong = {2, 2};
+    std::string out = traced([&] { EXPECT_EQ(pelmox_uim_close_channel(&wrong), 0); });
+    EXPECT_EQ(out.find("pelmox_uim_close_channel successfully"), std::string::npos) << out;
+    pelmox_uim_close_req right = {2, 1};
+    out = traced([&] { EXPECT_EQ(pelmox_uim_close_channel(&right), 0); });
+    EXPECT_NE(out.find("pelmox_uim_close_channel successfully"), std::string::npos) << out;
+    EXPECT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), -1) << "closed";
+}
+
 } // namespace
