@@ -12,6 +12,7 @@
 #include "modem_store.h"
 #include "nvefs_command.h"
 #include "properties.h"
+#include "radio_state.h"
 #include "records.h"
 #include "service.h"
 #include "services/extend4.h"
@@ -44,6 +45,7 @@ public:
     NvEfsCommand nvefs;
     std::map<uint32_t, CannedReply> extend_replies;
     Extend4Table extend4; // command 4 request and common-message types
+    RadioState radio;     // statistics values, feature switches, SAR DSI
     ServiceRegistry services;
 };
 
