@@ -247,7 +247,8 @@ static void load_data(uint32_t id, const uint8_t *data, size_t len)
 {
     if (len > sizeof(s_stats.data))
         len = sizeof(s_stats.data);
-    memcpy(s_stats.data, data, len);
+    if (len > 0)
+        memcpy(s_stats.data, data, len);
     s_stats.g_hydra_data_left = (int32_t)len;
     s_stats.g_pK_DATA_CNT = 0;
     s_stats.id = id;
