@@ -224,6 +224,12 @@ TEST(Group9, StatisticsServiceAbsent)
               0u);
     EXPECT_EQ(count_lines(log, "vs_client_init_client_handles: qmi_client_init_instance returned failure(-3)"), 1u);
     EXPECT_EQ(count_lines(log, "modem_api_operational_status_cb: client type 0, client id 0, operational_status 2"), 1u);
+    // Levels 2, 3 and 4 reach the log as INFO, DEBUG and ERROR.
+    const std::string logcat = sim.ctl({"logcat"}).out;
+    for (const char *line : {" I HYDRA: vs_client_init_client_handles: Trying qmi_client_init_instance() try # 9",
+                             " D HYDRA: vs_client_init_client_handles: qmi_client_init_instance returned (-3)",
+                             " E HYDRA: vs_client_init_client_handles: qmi_client_init_instance returned failure(-3)"})
+        EXPECT_NE(logcat.find(line), std::string::npos) << line;
 }
 
 /* ---- SAR DSI (group 5, sub-command 5) ---- */
