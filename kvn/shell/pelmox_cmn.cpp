@@ -11,6 +11,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "pelmox_sar_dsi.h"
 #include "pelmox_trace.h"
 #include "pelmox_uim.h"
 
@@ -37,6 +38,7 @@ static const pelmox_cmn_sub k_cmn_subs[] = {
     {2, pelmox_cmn_card_status_get, 0},
     {3, pelmox_cmn_card_status_set, 0},
     {4, pelmox_cmn_card_type_query, 0},
+    {5, pelmox_cmn_test_get_sar_dsi, 1},
     {6, pelmox_cmn_card_hotswap_test, 0},
     {10, pelmox_cmn_esim_test, 0},
     {0, NULL, 0}, /* end of table */
