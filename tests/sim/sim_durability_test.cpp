@@ -83,9 +83,16 @@ TEST(SimDurability, SigkillDuringWritesLeavesWholeFiles)
         }
 
         // Hammer writes until the daemon is killed under us.
+        // The kill comes a random while after the first whole write, so a
+        // loaded machine that is slow to write still kills mid-stream.
         std::atomic<bool> killed{false};
+        std::atomic<int> writes{0};
+        std::atomic<bool> stopped{false}; // the writer gave up before any write
+
         int delay_ms = std::uniform_int_distribution<int>(30, 250)(rng);
         std::thread killer([&] {
+            while (writes.load() == 0 && !stopped.load())
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
             std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
             kill(pid, SIGKILL);
             killed = true;
@@ -93,7 +100,6 @@ TEST(SimDurability, SigkillDuringWritesLeavesWholeFiles)
         RawClient c(sim.socket());
         ASSERT_TRUE(c.bind(kExtend));
         uint16_t txn = 0;
-        int writes = 0;
         for (bool alive = true; alive;) {
             for (int i = 0; i < kFiles && alive; ++i) {
                 b = static_cast<uint8_t>(b % 250 + 1);
@@ -102,9 +108,10 @@ TEST(SimDurability, SigkillDuringWritesLeavesWholeFiles)
                               ++txn)
                             .has_value() &&
                         write_file(c, "/dur/f" + std::to_string(i), Bytes(efs_len(b), b), txn);
-                writes += alive;
+                writes += alive ? 1 : 0;
             }
         }
+        stopped = true;
         killer.join();
         EXPECT_TRUE(killed);
         EXPECT_GT(writes, 0);
