@@ -15,6 +15,7 @@
 #include "records.h"
 #include "service.h"
 #include "services/extend4.h"
+#include "services/modem_stats.h"
 
 namespace kvn_sim {
 
@@ -44,6 +45,7 @@ public:
     NvEfsCommand nvefs;
     std::map<uint32_t, CannedReply> extend_replies;
     Extend4Table extend4; // command 4 request and common-message types
+    ModemStatsAnswers modem_stats; // answers of command 4 request types 20 and 27
     ServiceRegistry services;
 };
 
