@@ -389,7 +389,7 @@ TEST(StatsE2e, NotSupportedListWithServiceGoingDown)
     EXPECT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
     run.join();
     EXPECT_EQ(r.out.substr(r.out.rfind('\n') + 1),
-              "pelmox_common_qmi_req fail, result = -2, rsp_not_support.result = 0");
+              "pelmox_common_qmi_req fail, result = -3, rsp_not_support.result = 0");
 }
 
 } // namespace
