@@ -6,7 +6,6 @@
  */
 #include "modem_stats_unpk.h"
 
-#include <math.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -60,6 +59,12 @@ static uint64_t size_mask(int size)
 static uint64_t load_le(uint32_t pos, int size)
 {
     uint64_t v = 0;
+    if ((uint64_t)pos + (uint64_t)size <= S.g_unpk_data_size) {
+        const uint8_t *p = S.g_unpk_data_ptr + pos;
+        for (int i = size - 1; i >= 0; --i)
+            v = (v << 8) | p[i];
+        return v;
+    }
     for (int i = size - 1; i >= 0; --i) {
         uint64_t at = (uint64_t)pos + (uint64_t)i;
         uint8_t b = at < S.g_unpk_data_size ? S.g_unpk_data_ptr[at] : 0;
@@ -86,17 +91,20 @@ const char *modem_stats_unpk_hex(uint64_t v, char *buf)
 
 /* ---- primitives ---- */
 
-int UNPK_I(const char *name, void *dest, int size)
+/* UNPK_I under the name name followed by suffix: UNPK_AT names its window
+ * loads "<field>_tmp1" and "<field>_tmp2", and composes that text only when a
+ * line shows it, so an untraced field costs no formatting. */
+static int unpk_i_named(const char *name, const char *suffix, void *dest, int size)
 {
     if (!S.g_unpk_data_ptr) {
-        printf("MODEM_STATS_DATA_UNPK, g_unpk_data_ptr is NULL, name: %s, id(0x%x)", name, S.g_unpk_id);
+        printf("MODEM_STATS_DATA_UNPK, g_unpk_data_ptr is NULL, name: %s%s, id(0x%x)", name, suffix, S.g_unpk_id);
         return -1;
     }
     int32_t pos = add32(S.g_unpk_data_base, S.g_unpk_data_cnt);
     /* Compared unsigned, so a negative position is out of bounds too. */
     if ((uint32_t)pos >= MODEM_STATS_UNPK_READ_LIMIT) {
-        printf("(base + cnt)(%d) is can not >= %d for %s, id(0x%x)", pos, MODEM_STATS_UNPK_READ_LIMIT, name,
-               S.g_unpk_id);
+        printf("(base + cnt)(%d) is can not >= %d for %s%s, id(0x%x)", pos, MODEM_STATS_UNPK_READ_LIMIT, name,
+               suffix, S.g_unpk_id);
         return -1;
     }
     uint64_t v = load_le((uint32_t)pos, size);
@@ -109,12 +117,17 @@ int UNPK_I(const char *name, void *dest, int size)
     S.g_unpk_data_cnt = add32(S.g_unpk_data_cnt, size);
     if (S.g_unpk_print_flag) {
         modem_stats_unpk_hex(v, S.g_unpk_hex_i);
-        printf("    UNPK_I, name: %s, val: %llu(%s), val_size: %d, unpk_cnt: %d, data_base: %d, base_bit: %d\n",
-               name, (unsigned long long)v, S.g_unpk_hex_i, size, S.g_unpk_data_cnt, S.g_unpk_data_base,
+        printf("    UNPK_I, name: %s%s, val: %llu(%s), val_size: %d, unpk_cnt: %d, data_base: %d, base_bit: %d\n",
+               name, suffix, (unsigned long long)v, S.g_unpk_hex_i, size, S.g_unpk_data_cnt, S.g_unpk_data_base,
                S.g_unpk_data_base_bit);
         S.g_unpk_old_val = v;
     }
     return 0;
+}
+
+int UNPK_I(const char *name, void *dest, int size)
+{
+    return unpk_i_named(name, "", dest, size);
 }
 
 void BASE_WITH_BIT(int32_t bit)
@@ -164,7 +177,7 @@ static uint64_t window_from(int32_t low)
 {
     unsigned down = (unsigned)(low - 1) % 64;
     uint64_t low_bits = low - 1 >= 64 ? UINT64_MAX : (((uint64_t)1 << (low - 1)) - 1);
-    double up = (double)(S.g_unpk_tmp2 & low_bits) * ldexp(1.0, 65 - low);
+    double up = (double)(S.g_unpk_tmp2 & low_bits) * (double)((uint64_t)1 << (65 - low)); /* 2^(65-low), exact */
     uint64_t upper = up >= 18446744073709551616.0 ? UINT64_MAX : (uint64_t)up;
     S.g_unpk_tmp1 = S.g_unpk_tmp1 >> down;
     S.g_unpk_tmp2 = upper;
@@ -237,15 +250,12 @@ int UNPK_MID(int32_t low, int32_t high, const char *name, int size)
 
 int UNPK_AT(const char *name, int32_t bit_start, int32_t bit_num, void *dest, int size)
 {
-    char part[96];
     if (UNPK_SET_BIT(bit_start) != 0)
         return -1;
     PRINT_CNT(bit_start, bit_num, name);
-    snprintf(part, sizeof(part), "%s_tmp1", name);
-    if (UNPK_I(part, &S.g_unpk_tmp1, 8) != 0)
+    if (unpk_i_named(name, "_tmp1", &S.g_unpk_tmp1, 8) != 0)
         return -1;
-    snprintf(part, sizeof(part), "%s_tmp2", name);
-    if (UNPK_I(part, &S.g_unpk_tmp2, 8) != 0)
+    if (unpk_i_named(name, "_tmp2", &S.g_unpk_tmp2, 8) != 0)
         return -1;
     if (UNPK_MID(S.g_unpk_low, S.g_unpk_high, name, size) != 0)
         return -1;
