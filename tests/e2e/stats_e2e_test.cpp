@@ -344,12 +344,13 @@ TEST(StatsE2e, BothRequestsFail)
     const struct {
         const char *name;
         std::string modem_stats;
-        std::vector<std::string> fault; // kvn-sim fault arguments, or empty
+        std::vector<std::string> fault; // a kvn-sim command before the run, or empty
         bool down;                      // extend service down before the run
         std::string type;
         std::string last; // the end of the output
     } cases[] = {
-        {"20 by result", "{\"debug_info_result\": -5}", {}, false, "1", "qmi response fail, result = -5, rsp.result = -5"},
+        {"20 by result, kept across a modem restart", "{\"debug_info_result\": -5}", {"ssr", "100"}, false, "1",
+         "qmi response fail, result = -5, rsp.result = -5"},
         {"27 by result", fail_block + ", \"unsupported_log_ids_result\": 3}", {}, false, "0",
          "qmi response fail, result = 3, rsp_not_support.result = 3"},
         {"20 by fault", "{}", {"fault", "extend", "2", "qmi-error=3"}, false, "1",
