@@ -11,7 +11,7 @@
 
 #include "modem_stats_parse.h"
 #include "modem_stats_unpk.h"
-#include "pelmox_test_modem_stats.h"
+#include "pelmox_test_stats_parse.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 /*
- * pelmox_test_modem_stats.cpp - command group 7. Sub-command 0 is the parser
+ * pelmox_test_stats_parse.cpp - command group 7. Sub-command 0 is the parser
  * self-test; sub-command 1 fetches the statistics module's debug block from
  * the modem over common request 20 and prints it section by section, or
  * checks it and, when the modem met record versions it cannot parse, lists
  * the diag logs to upgrade from common request 27.
  */
-#include "pelmox_test_modem_stats.h"
+#include "pelmox_test_stats_parse.h"
 
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,11 +1,11 @@
 /*
- * pelmox_test_modem_stats.h - command group 7: the parser self-test and the
+ * pelmox_test_stats_parse.h - command group 7: the parser self-test and the
  * statistics debug-info command, which asks the modem for its statistics
  * module's debug block (common request 20) and prints it section by section,
  * or judges it and lists the diag logs to upgrade (common request 27).
  */
-#ifndef PELMOX_TEST_MODEM_STATS_H
-#define PELMOX_TEST_MODEM_STATS_H
+#ifndef PELMOX_TEST_STATS_PARSE_H
+#define PELMOX_TEST_STATS_PARSE_H
 
 #include <stdint.h>
 
@@ -49,4 +49,4 @@ uint32_t pelmox_modem_stats_uim_info_unpk(const uint8_t *p);
 }
 #endif
 
-#endif /* PELMOX_TEST_MODEM_STATS_H */
+#endif /* PELMOX_TEST_STATS_PARSE_H */
