@@ -14,6 +14,7 @@
 #include <iostream>
 #include <iterator>
 #include <thread>
+#include <tuple>
 
 #include <nlohmann/json.hpp>
 
@@ -278,18 +279,21 @@ int cmd_fault(const Client &c, const Options &o)
     if (o.args.size() == 1 && o.args[0] == "clear")
         return simple(c, {{"op", "fault_clear"}});
     std::vector<std::string> a = o.args;
-    uint64_t count = 1;
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (a[i] == "--count" && i + 1 < a.size()) {
-            count = need_number(a[i + 1], UINT32_MAX, "N");
-            a.erase(a.begin() + static_cast<std::ptrdiff_t>(i), a.begin() + static_cast<std::ptrdiff_t>(i) + 2);
-            break;
+    uint64_t count = 1, after = 0;
+    for (auto [opt, value, what] : {std::tuple{"--count", &count, "N"}, std::tuple{"--after", &after, "M"}}) {
+        for (size_t i = 0; i < a.size(); ++i) {
+            if (a[i] == opt && i + 1 < a.size()) {
+                *value = need_number(a[i + 1], UINT32_MAX, what);
+                a.erase(a.begin() + static_cast<std::ptrdiff_t>(i), a.begin() + static_cast<std::ptrdiff_t>(i) + 2);
+                break;
+            }
         }
     }
     if (a.size() != 3 || count == 0 || !service_id_from_text(a[0]) || !parse_fault_kind(a[2]))
-        throw Usage{"fault SERVICE MSG no-reply|delay=MS|qmi-error=N|drop|truncate [--count N] | fault clear"};
+        throw Usage{"fault SERVICE MSG no-reply|delay=MS|qmi-error=N|drop|truncate [--count N] [--after M] | fault clear"};
     uint64_t msg = need_number(a[1], 0xFFFF, "MSG");
-    return simple(c, {{"op", "fault"}, {"service", a[0]}, {"msg", msg}, {"kind", a[2]}, {"count", count}});
+    return simple(c, {{"op", "fault"}, {"service", a[0]}, {"msg", msg}, {"kind", a[2]}, {"count", count},
+                      {"after", after}});
 }
 
 int cmd_journal(const Client &c, const Options &o)
@@ -446,8 +450,8 @@ const Command kCommands[] = {
     {"load", "load FILE", "merge a scenario into the running handset", cmd_load},
     {"ssr", "ssr [MS]", "restart the modem: every service down, back after MS ms (2000)", cmd_ssr},
     {"service", "service NAME down|up", "take one service (extend, uim, vs, sar, nas, all) down or up", cmd_service},
-    {"fault", "fault SERVICE MSG KIND [--count N] | fault clear",
-     "misbehave on the next N requests: no-reply, delay=MS, qmi-error=N, drop, truncate", cmd_fault},
+    {"fault", "fault SERVICE MSG KIND [--count N] [--after M] | fault clear",
+     "misbehave on the N requests after the next M: no-reply, delay=MS, qmi-error=N, drop, truncate", cmd_fault},
     {"journal", "journal [--clear]", "print the QMI requests received, as JSON lines (then clear)", cmd_journal},
     {"prop", "prop get KEY | prop set KEY VALUE | prop list", "the handset's properties", cmd_prop},
     {"indicate", "indicate SERVICE MSG HEX",

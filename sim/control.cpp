@@ -109,6 +109,7 @@ const std::pair<const char *, Op> kOps[] = {
          f->service = *id;
          f->msg_id = c.req.at("msg").get<uint16_t>();
          f->count = c.req.value("count", 1u);
+         f->after = c.req.value("after", 0u);
          if (f->count == 0)
              fail("count must be at least 1");
          c.h.faults.add(*f);

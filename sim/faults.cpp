@@ -44,15 +44,21 @@ std::string fault_kind_text(const Fault &f)
 
 std::optional<Fault> Faults::take(uint32_t service, uint16_t msg_id)
 {
-    for (auto it = faults_.begin(); it != faults_.end(); ++it) {
-        if (it->service != service || it->msg_id != msg_id)
-            continue;
-        Fault f = *it;
-        if (--it->count == 0)
-            faults_.erase(it);
-        return f;
+    std::optional<Fault> hit;
+    for (auto it = faults_.begin(); it != faults_.end();) {
+        if (it->service != service || it->msg_id != msg_id) {
+            ++it;
+        } else if (it->after > 0) {
+            --it->after;
+            ++it;
+        } else if (!hit) {
+            hit = *it;
+            it = --it->count == 0 ? faults_.erase(it) : it + 1;
+        } else {
+            ++it;
+        }
     }
-    return std::nullopt;
+    return hit;
 }
 
 } // namespace kvn_sim

@@ -18,6 +18,7 @@ struct Fault {
     FaultKind kind = FaultKind::NoReply;
     uint32_t value = 0; // delay in ms, or the QMI error number
     uint32_t count = 1; // requests it still applies to
+    uint32_t after = 0; // matching requests still to serve normally before it applies
 };
 
 // Parses "no-reply", "delay=MS", "qmi-error=N", "drop", "truncate".
@@ -28,7 +29,9 @@ class Faults {
 public:
     void add(const Fault &f) { faults_.push_back(f); }
     void clear() { faults_.clear(); }
-    // The fault that applies to this request, counting it used; nullopt when none.
+    // The fault that applies to this request, counting it used; nullopt when
+    // none. A matching request first counts down the `after` of every fault
+    // still waiting; the first fault of the message not waiting applies.
     std::optional<Fault> take(uint32_t service, uint16_t msg_id);
     const std::vector<Fault> &all() const { return faults_; }
 

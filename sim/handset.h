@@ -17,6 +17,7 @@
 #include "service.h"
 #include "services/extend4.h"
 #include "uim_slots.h"
+#include "services/modem_stats.h"
 
 namespace kvn_sim {
 
@@ -48,6 +49,7 @@ public:
     Extend4Table extend4; // command 4 request and common-message types
     UimSlots uim;         // SIM card slots (memory only: every start begins with the default slots)
     RadioState radio;     // statistics values, feature switches, SAR DSI
+    ModemStatsAnswers modem_stats; // answers of command 4 request types 20 and 27
     ServiceRegistry services;
 };
 

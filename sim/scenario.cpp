@@ -241,6 +241,9 @@ void parse_faults(const json &v, const std::string &where, Plan &plan)
                  if (f->count == 0)
                      fail("\"" + wk + "\" must be at least 1");
              }},
+            {"after", [&](const json &x, const std::string &wk, Plan &) {
+                 f->after = static_cast<uint32_t>(number(x, wk, UINT32_MAX));
+             }},
         };
         parse_object(v[i], w, rows, plan);
         if (!has_service || !has_msg || !has_kind)
@@ -250,6 +253,51 @@ void parse_faults(const json &v, const std::string &where, Plan &plan)
             return true;
         });
     }
+}
+
+// An i32, negative allowed (a JSON integer).
+int32_t signed_number(const json &v, const std::string &where)
+{
+    if (v.is_number_integer() && v.get<int64_t>() >= INT32_MIN && v.get<int64_t>() <= INT32_MAX)
+        return static_cast<int32_t>(v.get<int64_t>());
+    fail("\"" + where + "\" must be a number from -2147483648 to 2147483647");
+}
+
+// Each sub-key is optional and replaces only its own answer.
+void parse_modem_stats(const json &v, const std::string &where, Plan &plan)
+{
+    using A = ModemStatsAnswers;
+    auto set = [&plan](std::function<void(A &)> apply) {
+        plan.steps.push_back([apply](Handset &h, std::string *) {
+            apply(h.modem_stats);
+            return true;
+        });
+    };
+    const KeyRow rows[] = {
+        {"debug_info", [&](const json &x, const std::string &w, Plan &) {
+             Bytes b = content(x, w, false);
+             if (b.empty() || b.size() > A::kMaxDebugInfo)
+                 fail("\"" + w + "\" must hold 1 to 500 bytes");
+             set([b](A &a) { a.debug_info = b; });
+         }},
+        {"debug_info_result", [&](const json &x, const std::string &w, Plan &) {
+             int32_t r = signed_number(x, w);
+             set([r](A &a) { a.debug_info_result = r; });
+         }},
+        {"unsupported_log_ids", [&](const json &x, const std::string &w, Plan &) {
+             if (!x.is_array() || x.size() > A::kMaxLogIds)
+                 fail("\"" + w + "\" must be an array of at most 249 log ids");
+             std::vector<uint16_t> ids;
+             for (size_t i = 0; i < x.size(); ++i)
+                 ids.push_back(static_cast<uint16_t>(number(x[i], w + "[" + std::to_string(i) + "]", 0xFFFF)));
+             set([ids](A &a) { a.unsupported_log_ids = ids; });
+         }},
+        {"unsupported_log_ids_result", [&](const json &x, const std::string &w, Plan &) {
+             int32_t r = signed_number(x, w);
+             set([r](A &a) { a.unsupported_log_ids_result = r; });
+         }},
+    };
+    parse_object(v, where, rows, plan);
 }
 
 void parse_description(const json &v, const std::string &where, Plan &) { string(v, where); }
@@ -358,6 +406,7 @@ const KeyRow kTopLevel[] = {
      }},
     {"vs_stats", parse_vs_stats},
     {"sar_dsi", parse_sar_dsi},
+    {"modem_stats", parse_modem_stats},
 };
 
 } // namespace

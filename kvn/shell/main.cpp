@@ -10,6 +10,7 @@
 #include "pelmox_shell.h"
 #include "pelmox_test_mbn.h"
 #include "pelmox_test_modem_stats.h"
+#include "pelmox_test_stats_parse.h"
 #include "pelmox_test_nvefs.h"
 
 typedef int (*pelmox_group_handler)(int argc, char *argv[]);
@@ -37,6 +38,7 @@ static const pelmox_group k_groups[] = {
     {4, pelmox_test_nvefs_do},
     {5, pelmox_test_cmn_do},
     {6, pelmox_test_qmi_send_data_do},
+    {7, pelmox_test_modem_stats_do},
     {9, pelmox_test_qmi_modem_stats_do},
     {10, pelmox_test_mbn_do},
 };

@@ -11,11 +11,13 @@ void register_uim_service(Handset &h);
 void register_vs_service(Handset &h);
 void register_sar_service(Handset &h);
 void register_nas_service(Handset &h);
+void register_modem_stats_service(Handset &h); // extend command 4, request types 20 and 27
 
 // All of the above, in the order the modem brings them up.
 inline void register_all_services(Handset &h)
 {
     register_extend_service(h);
+    register_modem_stats_service(h);
     register_uim_service(h);
     register_vs_service(h);
     register_sar_service(h);

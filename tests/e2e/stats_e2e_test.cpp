@@ -1,0 +1,396 @@
+// stats_e2e_test.cpp - command group 7 run as a process against kvn-sim: the
+// self-test's summary lines and full trace, debug blocks of every version
+// with their cursor lines, the check's SUCCES / CLOSED / FAIL with the log id
+// list (and its 8-bit wrap), and both requests failing by response result,
+// by fault and with the service down.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../extend/extend_journal.h"
+
+using kvn_test::ProcessOptions;
+using kvn_test::ProcessResult;
+using kvn_test::SimHandset;
+
+namespace {
+
+/* ---- expected texts ---- */
+
+const std::string kHelp7 =
+    "\n=========== blew: kovrin(kvn) cmd help =======================================================\n"
+    "7: pelmox modem stats test\n"
+    "   kvn 7 0 print                 /* modem stats diag-parsed test */\n"
+    "                                    print: 0 - print-off for temp info, 1 - print-on for temp info \n"
+    "   kvn 7 1 type                  /* get the debug info of modem stats */\n"
+    "                                    type: 0 - check, 1 - debuginfo \n"
+    "=========== above: kovrin(kvn) cmd help =======================================================\n\n";
+const std::string kNote = "\nnote: Too few parameters, Pls refer to the following cmd:\n";
+const std::string kSummary =
+    "version = 196609, mcc = 29440, mnc_num 128, mnc 704, tac 497189504, cgi 2028284490176, pci 51666\n"
+    "freq_band_ind = 64, dl_earfcn = 27450241, dl_bw 1280, ul_earfcn 24836608, ul_bw 1280, allow_access 128, scs 0\n";
+const std::string kRule = "===========================================\n";
+// The transport's lines of the first send of a run (client handle masked).
+const std::string kOpen =
+    "PELMOX_QMI_NV: qmi_client_get_service_list() returned 0 num_services = 1\n"
+    "qmi_client_get_service_list, err = 0, num_entries = 1, num_services = 1"
+    "qmi_client_init, err = 0, handle = H, client_handle = 0QMI client inited\n";
+std::string send_ok(int len)
+{
+    return "pelmox_extend_qmi_send_sync resp_len:" + std::to_string(len) +
+           "\npelmox_extend_qmi_handle_req_cb result:0\n";
+}
+std::string get(int type)
+{
+    return "Get the debug info of modem_stats, mask = 0x" + std::to_string(type) + "\n";
+}
+std::string check_lines(int version, int enabled, uint64_t not_supported)
+{
+    return "UNPK[size:1], version = " + std::to_string(version) +
+           "\nUNPK[size:1], modem_stats_feature_enable_status = " + std::to_string(enabled) +
+           "\nUNPK[size:8], version_not_support_num = " + std::to_string(not_supported) +
+           "\nUNPK[size:8], modem_stats_cmd_ok_count = 0\nUNPK[size:8], modem_stats_cmd_fail_count = 0\n";
+}
+
+std::string masked(const ProcessResult &r)
+{
+    static const std::regex handle(R"(handle = -?\d+, client_handle)");
+    return std::regex_replace(kvn_test::mask_trace_lines(r.out), handle, "handle = H, client_handle");
+}
+
+ProcessOptions quiet()
+{
+    ProcessOptions o;
+    o.env["PELMOX_SHELL_PRINT_FLAG"] = "0";
+    return o;
+}
+
+std::string scenario(const std::string &modem_stats) { return R"({"modem_stats": )" + modem_stats + "}"; }
+
+// A check block: version 4, the enable byte and the 8-byte not-supported count.
+std::string check_block(int enabled, const std::string &count_hex)
+{
+    return "\"04 0" + std::to_string(enabled) + " " + count_hex + "\"";
+}
+
+// The request types of the extend command-4 requests journalled.
+std::vector<uint32_t> request_types(const SimHandset &sim)
+{
+    std::vector<uint32_t> out;
+    for (const auto &r : extend_test::extend_requests(sim))
+        if (r.cmd_id == 4)
+            out.push_back(extend_test::le32(r.data, 0));
+    return out;
+}
+
+// The self-test's trace of the built-in sample (version 0x30001), before its
+// summary lines. The five step traces run on into the next text.
+const char kSampleTrace[] =
+    "    UNPK_I, name: version, val: 196609(0x010003), val_size: 4, unpk_cnt: 4, data_base: 0, base_bit: 0\n"
+    "BASE_WITH_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(0), bit(32), id(0x0)UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(31), bit(250), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 31, low: 3, high: 18, param: 250, name: mcc    UNPK_I, name: mcc_tmp1, val: 721138937611013120(0x00CC01020B00020A), val_size: 8, unpk_cnt: 39, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: mcc_tmp2, val: 16807562(0x8A760001), val_size: 8, unpk_cnt: 47, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 9403656771257529088, new_val: 29440, bit_num: 126, name: mcc, id(0x0)UNPK_LOW, old_val: 29440, new_val: 29440, bit_num: 16, mask_max(0xffff), old_size(2), name: mcc, id(0x0)UNPK_MID, old_val: 29440, new_val: 29440, low: 3, high: 18, name: mcc, id(0x0)\n"
+    "    UNPK_AT, name: mcc, val: 29440(0x0073), low: 3, high: 18, bit_start: 250, bit_num: 16\n"
+    "UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(33), bit(266), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 33, low: 3, high: 10, param: 266, name: mnc_num    UNPK_I, name: mnc_num_tmp1, val: 8541650646968500737(0x01020B00020A8A76), val_size: 8, unpk_cnt: 41, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: mnc_num_tmp2, val: 256(0x0001), val_size: 8, unpk_cnt: 49, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 2135412661742125184, new_val: 128, bit_num: 126, name: mnc_num, id(0x0)UNPK_LOW, old_val: 128, new_val: 128, bit_num: 8, mask_max(0xff), old_size(1), name: mnc_num, id(0x0)UNPK_MID, old_val: 128, new_val: 128, low: 3, high: 10, name: mnc_num, id(0x0)\n"
+    "    UNPK_AT, name: mnc_num, val: 128(0x80), low: 3, high: 10, bit_start: 266, bit_num: 8\n"
+    "UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(34), bit(274), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 34, low: 3, high: 18, param: 274, name: mnc    UNPK_I, name: mnc_tmp1, val: 33365822839720706(0x020B00020A8A76), val_size: 8, unpk_cnt: 42, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: mnc_tmp2, val: 1(0x01), val_size: 8, unpk_cnt: 50, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 4620027474137318080, new_val: 704, bit_num: 126, name: mnc, id(0x0)UNPK_LOW, old_val: 704, new_val: 704, bit_num: 16, mask_max(0xffff), old_size(2), name: mnc, id(0x0)UNPK_MID, old_val: 704, new_val: 704, low: 3, high: 18, name: mnc, id(0x0)\n"
+    "    UNPK_AT, name: mnc, val: 704(0xC002), low: 3, high: 18, bit_start: 274, bit_num: 16\n"
+    "UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(37), bit(298), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 37, low: 3, high: 34, param: 298, name: tac    UNPK_I, name: tac_tmp1, val: 1101500385794(0x020A8A760001), val_size: 8, unpk_cnt: 45, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: tac_tmp2, val: 0(0x), val_size: 8, unpk_cnt: 53, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 275375096448, new_val: 497189504, bit_num: 126, name: tac, id(0x0)UNPK_LOW, old_val: 497189504, new_val: 497189504, bit_num: 32, mask_max(0xffffffff), old_size(4), name: tac, id(0x0)UNPK_MID, old_val: 497189504, new_val: 497189504, low: 3, high: 34, name: tac, id(0x0)\n"
+    "    UNPK_AT, name: tac, val: 497189504(0x8082A21D), low: 3, high: 34, bit_start: 298, bit_num: 32\n"
+    "UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(23), bit(186), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 23, low: 3, high: 66, param: 186, name: cgi    UNPK_I, name: cgi_tmp1, val: 8113137960704(0x00C7B4FC6007), val_size: 8, unpk_cnt: 31, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: cgi_tmp2, val: 721138937611013120(0x00CC01020B00020A), val_size: 8, unpk_cnt: 39, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 2028284490176, new_val: 2028284490176, bit_num: 126, name: cgi, id(0x0)UNPK_LOW, old_val: 2028284490176, new_val: 2028284490176, bit_num: 64, mask_max(0xffffffffffffffff), old_size(8), name: cgi, id(0x0)UNPK_MID, old_val: 2028284490176, new_val: 2028284490176, low: 3, high: 66, name: cgi, id(0x0)\n"
+    "    UNPK_AT, name: cgi, val: 2028284490176(0xC0312D3FD801), low: 3, high: 66, bit_start: 186, bit_num: 64\n"
+    "UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(1), bit(10), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 1, low: 3, high: 18, param: 10, name: pci    UNPK_I, name: pci_tmp1, val: 1684624113999750985(0x492703C7B4FC6017), val_size: 8, unpk_cnt: 9, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: pci_tmp2, val: 16717369012715409153(0x014F066E8B0600E8), val_size: 8, unpk_cnt: 17, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 5032842046927325650, new_val: 51666, bit_num: 126, name: pci, id(0x0)UNPK_LOW, old_val: 51666, new_val: 51666, bit_num: 16, mask_max(0xffff), old_size(2), name: pci, id(0x0)UNPK_MID, old_val: 51666, new_val: 51666, low: 3, high: 18, name: pci, id(0x0)\n"
+    "    UNPK_AT, name: pci, val: 51666(0xD2C9), low: 3, high: 18, bit_start: 10, bit_num: 16\n"
+    "UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(41), bit(330), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 41, low: 3, high: 18, param: 330, name: freq_band_ind    UNPK_I, name: freq_band_ind_tmp1, val: 256(0x0001), val_size: 8, unpk_cnt: 49, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: freq_band_ind_tmp2, val: 0(0x), val_size: 8, unpk_cnt: 57, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 64, new_val: 64, bit_num: 126, name: freq_band_ind, id(0x0)UNPK_LOW, old_val: 64, new_val: 64, bit_num: 16, mask_max(0xffff), old_size(2), name: freq_band_ind, id(0x0)UNPK_MID, old_val: 64, new_val: 64, low: 3, high: 18, name: freq_band_ind, id(0x0)\n"
+    "    UNPK_AT, name: freq_band_ind, val: 64(0x40), low: 3, high: 18, bit_start: 330, bit_num: 16\n"
+    "UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(11), bit(90), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 11, low: 3, high: 34, param: 90, name: dl_earfcn    UNPK_I, name: dl_earfcn_tmp1, val: 426689676524088838(0x066E8B0600E8EB05), val_size: 8, unpk_cnt: 19, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: dl_earfcn_tmp2, val: 18209397996515234816(0x0014001400C7B4FC), val_size: 8, unpk_cnt: 27, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 106672419131022209, new_val: 27450241, bit_num: 126, name: dl_earfcn, id(0x0)UNPK_LOW, old_val: 27450241, new_val: 27450241, bit_num: 32, mask_max(0xffffffff), old_size(4), name: dl_earfcn, id(0x0)UNPK_MID, old_val: 27450241, new_val: 27450241, low: 3, high: 34, name: dl_earfcn, id(0x0)\n"
+    "    UNPK_AT, name: dl_earfcn, val: 27450241(0x81DBA201), low: 3, high: 34, bit_start: 90, bit_num: 32\n"
+    "UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(19), bit(154), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 19, low: 3, high: 18, param: 154, name: dl_bw    UNPK_I, name: dl_bw_tmp1, val: 18209397996515234816(0x0014001400C7B4FC), val_size: 8, unpk_cnt: 27, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: dl_bw_tmp2, val: 144620963424634720(0x6007000000CC0102), val_size: 8, unpk_cnt: 35, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 4552349499128808704, new_val: 1280, bit_num: 126, name: dl_bw, id(0x0)UNPK_LOW, old_val: 1280, new_val: 1280, bit_num: 16, mask_max(0xffff), old_size(2), name: dl_bw, id(0x0)UNPK_MID, old_val: 1280, new_val: 1280, low: 3, high: 18, name: dl_bw, id(0x0)\n"
+    "    UNPK_AT, name: dl_bw, val: 1280(0x0005), low: 3, high: 18, bit_start: 154, bit_num: 16\n"
+    "UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(15), bit(122), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 15, low: 3, high: 34, param: 122, name: ul_earfcn    UNPK_I, name: ul_earfcn_tmp1, val: 1441173871090460672(0x00E8EB0500140014), val_size: 8, unpk_cnt: 23, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: ul_earfcn_tmp2, val: 8113137960704(0x00C7B4FC6007), val_size: 8, unpk_cnt: 31, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 360293467772615168, new_val: 24836608, bit_num: 126, name: ul_earfcn, id(0x0)UNPK_LOW, old_val: 24836608, new_val: 24836608, bit_num: 32, mask_max(0xffffffff), old_size(4), name: ul_earfcn, id(0x0)UNPK_MID, old_val: 24836608, new_val: 24836608, low: 3, high: 34, name: ul_earfcn, id(0x0)\n"
+    "    UNPK_AT, name: ul_earfcn, val: 24836608(0x00FA7A01), low: 3, high: 34, bit_start: 122, bit_num: 32\n"
+    "UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(21), bit(170), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 21, low: 3, high: 18, param: 170, name: ul_bw    UNPK_I, name: ul_bw_tmp1, val: 531702609392702464(0x001400C7B4FC6007), val_size: 8, unpk_cnt: 29, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: ul_bw_tmp2, val: 3098431484592128(0x000000CC01020B), val_size: 8, unpk_cnt: 37, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 132925652348175616, new_val: 1280, bit_num: 126, name: ul_bw, id(0x0)UNPK_LOW, old_val: 1280, new_val: 1280, bit_num: 16, mask_max(0xffff), old_size(2), name: ul_bw, id(0x0)UNPK_MID, old_val: 1280, new_val: 1280, low: 3, high: 18, name: ul_bw, id(0x0)\n"
+    "    UNPK_AT, name: ul_bw, val: 1280(0x0005), low: 3, high: 18, bit_start: 170, bit_num: 16\n"
+    "UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(36), bit(290), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 36, low: 3, high: 10, param: 290, name: allow_access    UNPK_I, name: allow_access_tmp1, val: 281984098763264(0x00020A8A760001), val_size: 8, unpk_cnt: 44, data_base: 4, base_bit: 32\n"
+    "    UNPK_I, name: allow_access_tmp2, val: 0(0x), val_size: 8, unpk_cnt: 52, data_base: 4, base_bit: 32\n"
+    "UNPK_HIGH, old_val: 70496024690816, new_val: 128, bit_num: 126, name: allow_access, id(0x0)UNPK_LOW, old_val: 128, new_val: 128, bit_num: 8, mask_max(0xff), old_size(1), name: allow_access, id(0x0)UNPK_MID, old_val: 128, new_val: 128, low: 3, high: 10, name: allow_access, id(0x0)\n"
+    "    UNPK_AT, name: allow_access, val: 128(0x80), low: 3, high: 10, bit_start: 290, bit_num: 8\n";
+
+// The default handset's block (version 4, 221 bytes) as sub-command 1 prints it.
+const char kDefaultBlock[] =
+    "UNPK[size:1], version = 4\n"
+    "-------- stats main info start --------\n"
+    "UNPK[size:1], g_modem_stats_feature_enable_status = 1\n"
+    "UNPK[size:8], g_unpk_version_not_support_num = 0\n"
+    "UNPK[size:8], g_modem_stats_cmd_ok_count = 1532\n"
+    "UNPK[size:8], g_modem_stats_cmd_fail_count = 3\n"
+    "UNPK[size:8], hydra_system_heapi_mem_max_num = 96\n"
+    "UNPK[size:8], hydra_system_heapi_mem_cur_num = 12\n"
+    "UNPK[size:4], modem_statsi_cmd_q_count = 0\n"
+    "UNPK[size:4], modem_statsi_cmd_free_q_count = 16\n"
+    "UNPK[size:4], g_hydra_log_mask = 31\n"
+    "UNPK[size:4], g_hydra_log_stats_mask = 3\n"
+    "-------- stats main info end, cnt(58) --------\n"
+    "-------- stats diag info start --------\n"
+    "UNPK[size:1], init_state = 1\n"
+    "UNPK[size:4], listener_event_num = 6\n"
+    "UNPK[size:1], listener_event_state = 1\n"
+    "UNPK[size:4], listener_event_call_num = 2210\n"
+    "UNPK[size:4], listener_event_parse_num = 2208\n"
+    "UNPK[size:4], listener_log_num = 9\n"
+    "UNPK[size:1], listener_log_state = 1\n"
+    "UNPK[size:8], listener_log_call_num = 48211\n"
+    "UNPK[size:8], listener_log_parse_num = 48190\n"
+    "UNPK[size:4], poll_update_call_num = 720\n"
+    "UNPK[size:4], poll_update_parse_num = 720\n"
+    "UNPK[size:8], listener_event_callback_num = 2210\n"
+    "UNPK[size:8], listener_log_callback_num = 48211\n"
+    "UNPK[size:4], lte_cell_id_invalid_num = 2\n"
+    "UNPK[size:4], nr5g_cell_id_invalid_num = 0\n"
+    "UNPK[size:4], event_duration_ms_max = 14\n"
+    "UNPK[size:4], log_duration_ms_max = 9\n"
+    "UNPK[size:4], do_duration_ms_max = 31\n"
+    "UNPK[size:4], debug_call_num = 5\n"
+    "UNPK[size:4], debug_parse_num = 5\n"
+    "UNPK[size:4], cust_event_call_num = 40\n"
+    "UNPK[size:4], cust_event_parse_num = 40\n"
+    "-------- stats diag info end, cnt(153) --------\n"
+    "-------- stats cm info start --------\n"
+    "UNPK[size:1], init_state = 1\n"
+    "UNPK[size:1], listener_state = 1\n"
+    "UNPK[size:4], listener_call_event_call_num = 88\n"
+    "UNPK[size:4], listener_call_event_parse_num = 88\n"
+    "UNPK[size:4], listener_subs_event_call_num = 12\n"
+    "UNPK[size:4], listener_subs_event_parse_num = 12\n"
+    "UNPK[size:4], listener_ss_event_call_num = 301\n"
+    "UNPK[size:4], listener_ss_event_parse_num = 301\n"
+    "UNPK[size:4], listener_stats_event_call_num = 1440\n"
+    "UNPK[size:4], listener_stats_event_parse_num = 1440\n"
+    "UNPK[size:4], poll_update_rf_call_num = 720\n"
+    "UNPK[size:4], poll_update_rf_parse_num = 720\n"
+    "UNPK[size:4], poll_update_lte_call_num = 720\n"
+    "UNPK[size:4], poll_update_lte_parse_num = 719\n"
+    "UNPK[size:4], poll_update_nr5g_call_num = 360\n"
+    "UNPK[size:4], poll_update_nr5g_parse_num = 360\n"
+    "-------- stats cm info end, cnt(211) --------\n"
+    "-------- stats uim info start --------\n"
+    "UNPK[size:1], init_state = 1\n"
+    "UNPK[size:1], listener_state = 1\n"
+    "UNPK[size:4], listener_event_call_num = 7\n"
+    "UNPK[size:4], listener_event_parse_num = 7\n"
+    "-------- stats uim info end, cnt(221) --------\n";
+
+/* ---- sub-command 0 and the dispatcher ---- */
+
+// No modem is needed: no kvn-sim runs for these. The print flag is the
+// whole atoi value, so 256 traces.
+TEST(StatsE2e, SelfTestAndDispatcherLines)
+{
+    ProcessOptions none;
+    none.env["KVN_SIM_SOCKET"] = "/nonexistent/kvn-sim.sock";
+    none.env["PELMOX_SHELL_PRINT_FLAG"] = "1";
+    auto run = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), kvn_test::kvn_bin());
+        return kvn_test::run_process(args, none).out;
+    };
+    EXPECT_EQ(run({"7", "0", "0"}), "length = 48, print_flag = 0\n" + kSummary);
+    EXPECT_EQ(run({"7", "0", "256"}).substr(0, 40), "length = 48, print_flag = 256\n    UNPK_I");
+    EXPECT_EQ(run({"7", "0"}), kNote + "pelmox_test_modem_stats_parsing_process FAIL\n" + kHelp7);
+    EXPECT_EQ(run({"7", "1"}), kNote + "pelmox_test_modem_stats_get_debug_info FAIL\n" + kHelp7);
+    EXPECT_EQ(run({"7", "2"}), "invalid type = 2\n" + kHelp7);
+    EXPECT_EQ(run({"7"}), kNote + kHelp7);
+    none.env["PELMOX_SHELL_PRINT_FLAG"] = "0"; // the notes follow the shell print flag
+    EXPECT_EQ(run({"7", "1"}), "pelmox_test_modem_stats_get_debug_info FAIL\n" + kHelp7);
+}
+
+TEST(StatsE2e, SelfTestFullTrace)
+{
+    ProcessOptions none;
+    none.env["KVN_SIM_SOCKET"] = "/nonexistent/kvn-sim.sock";
+    auto r = kvn_test::run_process({kvn_test::kvn_bin(), "7", "0", "1"}, none);
+    EXPECT_EQ(r.out, std::string("length = 48, print_flag = 1\n") + kSampleTrace + kSummary);
+}
+
+/* ---- sub-command 1: debug info ---- */
+
+TEST(StatsE2e, DefaultBlockPrintsEverySection)
+{
+    SimHandset sim;
+    auto r = sim.kvn({"7", "1", "1"}, quiet());
+    EXPECT_EQ(masked(r), get(1) + kOpen + send_ok(229) + kDefaultBlock);
+    EXPECT_EQ(request_types(sim), std::vector<uint32_t>{20});
+}
+
+// The sections grow at versions 1 to 4; the end lines carry the running
+// 8-bit cursor from 1.
+TEST(StatsE2e, BlockVersionsAndCursorLines)
+{
+    const struct {
+        int version;
+        int ends[4];
+        size_t fields;
+    } cases[] = {{0, {26, 69, 127, 137}, 36}, {1, {26, 93, 151, 161}, 40}, {2, {50, 137, 195, 205}, 49},
+                 {3, {50, 145, 203, 213}, 51}, {4, {58, 153, 211, 221}, 53}, {200, {58, 153, 211, 221}, 53}};
+    std::string hex;
+    for (int i = 1; i < 221; ++i)
+        hex += " 01";
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.version);
+        char v[4];
+        snprintf(v, sizeof(v), "%02x", c.version);
+        SimHandset sim(scenario(R"({"debug_info": ")" + std::string(v) + hex + "\"}"));
+        std::string out = sim.kvn({"7", "1", "3"}, quiet()).out;
+        std::string markers;
+        size_t fields = 0;
+        std::regex line("[^\n]*\n");
+        for (auto it = std::sregex_iterator(out.begin(), out.end(), line); it != std::sregex_iterator(); ++it) {
+            std::string l = it->str();
+            if (l.rfind("--------", 0) == 0)
+                markers += l;
+            fields += l.rfind("UNPK[size:", 0) == 0;
+        }
+        std::string want;
+        const char *names[] = {"main", "diag", "cm", "uim"};
+        for (int s = 0; s < 4; ++s)
+            want += std::string("-------- stats ") + names[s] + " info start --------\n-------- stats " + names[s] +
+                    " info end, cnt(" + std::to_string(c.ends[s]) + ") --------\n";
+        EXPECT_EQ(markers, want);
+        EXPECT_EQ(fields, c.fields);
+        EXPECT_NE(out.find("UNPK[size:1], version = " + std::to_string(c.version) + "\n"), std::string::npos);
+    }
+}
+
+// The check: enabled (any non-zero) and a zero count is SUCCES with one
+// request; disabled is CLOSED; a count non-zero only in its high byte fails
+// and lists the ids of a second request. From the 128th id on, the 8-bit
+// offset wraps: the 128th "id" is the count itself.
+TEST(StatsE2e, CheckSuccesClosedFailAndIdWrap)
+{
+    std::string ids130;
+    for (int i = 0; i < 130; ++i)
+        ids130 += (i ? "," : "") + std::to_string(0x1000 + i);
+    std::string wrapped;
+    for (int i = 0; i < 130; ++i) {
+        char l[32];
+        snprintf(l, sizeof(l), "log_id[%d]: 0x%04X\n", i, i < 127 ? 0x1000 + i : i == 127 ? 130 : 0x1000 + i - 128);
+        wrapped += l;
+    }
+    const std::string fail_head = kRule + "================= FAIL ====================\n" + kRule;
+    const struct {
+        const char *name;
+        std::string modem_stats;
+        std::string tail;
+        std::vector<uint32_t> requests;
+    } cases[] = {
+        {"succes", "{\"debug_info\": " + check_block(1, "00 00 00 00 00 00 00 00") + "}", check_lines(4, 1, 0) + kRule + "================ SUCCES ===================\n", {20}},
+        {"enabled 0x80", "{\"debug_info\": " + check_block(8, "00 00 00 00 00 00 00 00") + "}",
+         check_lines(4, 8, 0) + kRule + "================ SUCCES ===================\n", {20}},
+        {"closed", "{\"debug_info\": " + check_block(0, "05 00 00 00 00 00 00 00") + "}",
+         check_lines(4, 0, 5) + kRule + "================ CLOSED ===================\n", {20}},
+        {"fail", "{\"debug_info\": " + check_block(1, "00 00 00 00 00 00 00 01") +
+                     ", \"unsupported_log_ids\": [45248, 4981]}",
+         check_lines(4, 1, 72057594037927936ull) + send_ok(14) + "UNPK[size:2], log_num = 2\n" + fail_head +
+             "Diag logs to be upgraded[num:2]:\nlog_id[0]: 0xB0C0\nlog_id[1]: 0x1375\n",
+         {20, 27}},
+        {"wrap", "{\"debug_info\": " + check_block(1, "01 00 00 00 00 00 00 00") + ", \"unsupported_log_ids\": [" +
+                     ids130 + "]}",
+         check_lines(4, 1, 1) + send_ok(270) + "UNPK[size:2], log_num = 130\n" + fail_head +
+             "Diag logs to be upgraded[num:130]:\n" + wrapped,
+         {20, 27}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        SimHandset sim(scenario(c.modem_stats));
+        auto r = sim.kvn({"7", "1", "0"}, quiet());
+        std::string head = get(0) + kOpen;
+        std::string out = masked(r);
+        ASSERT_EQ(out.substr(0, head.size()), head);
+        std::string rest = out.substr(head.size());
+        EXPECT_EQ(rest.substr(rest.find('\n', rest.find('\n') + 1) + 1), c.tail); // past the first send's lines
+        EXPECT_EQ(request_types(sim), c.requests);
+    }
+}
+
+/* ---- failures ---- */
+
+// Each failure line is printed once, with no line end, and ends the output.
+TEST(StatsE2e, BothRequestsFail)
+{
+    const std::string fail_block = "{\"debug_info\": " + check_block(1, "02 00 00 00 00 00 00 00");
+    const struct {
+        const char *name;
+        std::string modem_stats;
+        std::vector<std::string> fault; // a kvn-sim command before the run, or empty
+        bool down;                      // extend service down before the run
+        std::string type;
+        std::string last; // the end of the output
+    } cases[] = {
+        {"20 by result, kept across a modem restart", "{\"debug_info_result\": -5}", {"ssr", "100"}, false, "1",
+         "qmi response fail, result = -5, rsp.result = -5"},
+        {"27 by result", fail_block + ", \"unsupported_log_ids_result\": 3}", {}, false, "0",
+         "qmi response fail, result = 3, rsp_not_support.result = 3"},
+        {"20 by fault", "{}", {"fault", "extend", "2", "qmi-error=3"}, false, "1",
+         "pelmox_common_qmi_req fail, REQUEST_ID_COMMON, result = -3, rsp.result = 0"},
+        {"27 by fault after 1", fail_block + "}", {"fault", "extend", "2", "drop", "--after", "1"}, false, "0",
+         "pelmox_common_qmi_req fail, result = -3, rsp_not_support.result = 0"},
+        {"20 service down", "{}", {}, true, "1",
+         "pelmox_common_qmi_req fail, REQUEST_ID_COMMON, result = -2, rsp.result = 0"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        SimHandset sim(scenario(c.modem_stats));
+        if (!c.fault.empty()) {
+            ASSERT_EQ(sim.ctl(c.fault).exit_code, 0);
+        }
+        if (c.down) {
+            ASSERT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
+        }
+        std::string out = sim.kvn({"7", "1", c.type}, quiet()).out;
+        ASSERT_GE(out.size(), c.last.size()) << out;
+        EXPECT_EQ(out.substr(out.size() - c.last.size()), c.last) << out;
+        EXPECT_EQ(out.find(c.last), out.size() - c.last.size()) << "printed twice";
+    }
+}
+
+// The second request fails when the service goes down while the modem holds
+// it unanswered.
+TEST(StatsE2e, NotSupportedListWithServiceGoingDown)
+{
+    SimHandset sim(scenario("{\"debug_info\": " + check_block(1, "02 00 00 00 00 00 00 00") + "}"));
+    ASSERT_EQ(sim.ctl({"fault", "extend", "2", "no-reply", "--after", "1"}).exit_code, 0);
+    sim.clear_journal();
+    ProcessResult r;
+    std::thread run([&] { r = sim.kvn({"7", "1", "0"}, quiet()); });
+    for (int i = 0; i < 1500 && request_types(sim).size() < 2; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
+    run.join();
+    EXPECT_EQ(r.out.substr(r.out.rfind('\n') + 1),
+              "pelmox_common_qmi_req fail, result = -3, rsp_not_support.result = 0");
+}
+
+} // namespace
