@@ -206,12 +206,27 @@ TEST(Client, ServiceKilledMidCallFailsTheCallAndReportsOnce)
             ASSERT_EQ(QMI_NO_ERR, qmi_client_register_error_cb(h, on_error, &errs));
         }
 
+        // The caller's thread lives until the checks are done: a thread that
+        // ended may hand its id to the library's next one.
         std::thread::id caller;
-        auto result = std::async(std::launch::async, [&] {
+        std::promise<int> call;
+        std::promise<void> checked;
+        std::thread caller_thread([&] {
             caller = std::this_thread::get_id();
             uim_get_eid_resp_msg_v01 resp;
-            return get_eid(h, &resp, 10000);
+            call.set_value(get_eid(h, &resp, 10000));
+            checked.get_future().wait();
         });
+        struct Join {
+            std::promise<void> &done;
+            std::thread &t;
+            ~Join()
+            {
+                done.set_value();
+                t.join();
+            }
+        } join{checked, caller_thread};
+        auto result = call.get_future();
         arrived.get_future().wait();
         if (announced)
             sim.set_up(kUim, false);
