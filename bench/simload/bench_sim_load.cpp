@@ -174,8 +174,8 @@ int main()
         return 1;
     }
     auto st = sim.ctl({"status"});
-    const char *pid_at = strstr(st.out.c_str(), "\"pid\"");
-    const long pid = pid_at ? atol(strchr(pid_at, ':') + 1) : -1;
+    const char *pid_at = strstr(st.out.c_str(), "pid "); // "kvn-sim running: pid N, ..."
+    const long pid = pid_at ? atol(pid_at + 4) : -1;
     const long rss0 = rss_kib(pid);
 
     printf("kvn-sim under load: NV reads over one connection per client\n\n");
