@@ -1,10 +1,14 @@
 // client.cpp - the client API of qmi_client.h over connections to the
-// simulated handset. Each client handle owns one connection and one reader
-// thread; the reader matches responses to waiting senders by transaction id
-// and runs every callback of the handle (indications, the service-down error,
-// service events of a notifier), so callbacks always run on the library's
-// thread. Releasing a handle stops and joins its reader, which is what makes
-// "no callback after release returns" hold.
+// simulated handset. Each client handle owns one connection; a synchronous
+// sender reads its own response on its own thread. The handle's library
+// thread (the reader) starts only when it has work: a client's when it has an
+// indication callback to serve, an error callback to call, or an indication a
+// sender met; a notifier's on its first wait or callback registration. The
+// reader matches responses to waiting senders by transaction id and runs every
+// callback of the handle (indications, the service-down error, service events
+// of a notifier), so callbacks always run on the library's thread. Releasing a
+// handle stops and joins its reader, which is what makes "no callback after
+// release returns" hold.
 #include <qmi_client.h>
 
 #include "connection.h"
@@ -33,6 +37,7 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 using kvn_wire::Kind;
+using Got = Connection::Got;
 
 /* ---- timing ---- */
 
@@ -41,7 +46,6 @@ constexpr int kListReplyMs = 1000;    // LIST -> LIST_REPLY
 constexpr int kPacketRestMs = 2000;   // rest of a packet once its first byte arrived
 constexpr int kInitRetryMs = 20;      // init_instance: pause between attempts
 constexpr int kWatchRetryMs = 100;    // notifier: pause between connection attempts
-constexpr int kSenderIdleMs = 1;      // reader: how soon it watches the connection again after senders
 
 /* ---- one handle ---- */
 
@@ -58,8 +62,9 @@ class Handle : public std::enable_shared_from_this<Handle> {
 public:
     enum class Role { Client, Notifier };
 
-    Handle(Role role, qmi_idl_service_object_type svc, std::unique_ptr<Connection> conn)
-        : role_(role), svc_(svc), conn_(std::move(conn)), wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    Handle(Role role, qmi_idl_service_object_type svc, std::unique_ptr<Connection> conn, qmi_client_ind_cb ind_cb,
+           void *ind_data, qmi_client_os_params *os)
+        : role_(role), svc_(svc), ind_cb_(ind_cb), ind_data_(ind_data), os_params_(os), conn_(std::move(conn))
     {
     }
     ~Handle()
@@ -70,25 +75,23 @@ public:
     Handle(const Handle &) = delete;
     Handle &operator=(const Handle &) = delete;
 
-    bool ok() const { return wake_fd_ >= 0; }
     qmi_idl_service_object_type service() const { return svc_; }
+    qmi_client_os_params *os_params() const { return os_params_; }
 
-    // Starts the reader thread; user is the handle the callbacks receive.
-    void start(qmi_client_type user, qmi_client_ind_cb ind_cb, void *ind_data, qmi_client_os_params *os)
+    // Binds the caller's handle, which callbacks receive. A client with an
+    // indication callback gets its reader now: indications may come at any
+    // time and must not wait for the next request to be noticed.
+    bool bind(qmi_client_type user)
     {
+        std::lock_guard<std::mutex> lock(mu_);
         user_ = user;
-        ind_cb_ = ind_cb;
-        ind_data_ = ind_data;
-        os_params_ = os;
-        auto self = shared_from_this();
-        std::lock_guard<std::mutex> lock(mu_); // the reader starts only once reader_id_ is written
-        reader_ = std::thread([self] {
-            {
-                std::lock_guard<std::mutex> lock(self->mu_);
-            }
-            self->run();
-        });
-        reader_id_ = reader_.get_id();
+        return role_ != Role::Client || !ind_cb_ || start_reader();
+    }
+    // Starts the reader if it does not run yet (a notifier's first wait).
+    void want_reader()
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        start_reader();
     }
 
     int send_sync(unsigned msg_id, const void *req, unsigned req_len, void *resp, unsigned resp_len,
@@ -98,9 +101,10 @@ public:
     void set_notify_cb(qmi_client_notify_cb cb, void *data);
 
 private:
+    bool start_reader();
     void run();
     void run_client();
-    void read_one(int wait_ms);
+    void read_packets(int wait_ms);
     void deliver_indications();
     // The error callback is registered and due (mu_ held).
     bool error_due() const { return dead_ && !err_reported_ && err_cb_; }
@@ -118,18 +122,18 @@ private:
 
     const Role role_;
     const qmi_idl_service_object_type svc_;
+    const qmi_client_ind_cb ind_cb_;
+    void *const ind_data_;
+    qmi_client_os_params *const os_params_; // notifier: signalled when the service comes up
     std::unique_ptr<Connection> conn_; // client: fixed; notifier: replaced by the reader under mu_
-    const int wake_fd_;                // eventfd that wakes the reader from its poll
-    qmi_client_type user_ = nullptr;   // the caller's handle, passed to callbacks
-    qmi_client_ind_cb ind_cb_ = nullptr;
-    void *ind_data_ = nullptr;
-    qmi_client_os_params *os_params_ = nullptr; // notifier: signalled when the service comes up
-    std::thread reader_;
-    std::thread::id reader_id_; // set before the reader runs
 
     std::mutex mu_; // guards everything below
+    qmi_client_type user_ = nullptr;    // the caller's handle, passed to callbacks
+    int wake_fd_ = -1;                  // eventfd that wakes the reader from its poll; made with the reader
+    std::thread reader_;                // started by start_reader(), at most once
+    std::thread::id reader_id_;         // set before the reader runs
     std::condition_variable cv_;        // senders: response in, read token free
-    std::condition_variable reader_cv_; // reader: something to deliver, or released
+    std::condition_variable reader_cv_; // reader: something to deliver, senders gone, or released
     bool released_ = false;
     bool dead_ = false;         // client: the service went away or the connection broke
     bool err_reported_ = false; // the error callback has run (it runs once)
@@ -140,14 +144,39 @@ private:
     bool initial_notify_ = false; // notifier: the service was up when the callback was registered
     std::set<uint16_t> up_;       // notifier: instances that are up
     std::map<uint16_t, Pending *> pending_;
-    int senders_ = 0; // synchronous senders waiting for a response
-    bool reading_ = false;                // someone holds the read token of the connection
-    std::deque<kvn_wire::Packet> inds_;   // indications waiting for the reader to deliver them
+    int senders_ = 0;                   // synchronous senders waiting for a response
+    bool reading_ = false;              // someone holds the read token of the connection
+    std::deque<kvn_wire::Packet> inds_; // indications waiting for the reader to deliver them
     uint16_t next_txn_ = 1;
 };
 
+// Starts the reader (mu_ held); false when the wake descriptor cannot be made.
+// Nothing starts once the handle is released.
+bool Handle::start_reader()
+{
+    if (reader_.joinable() || released_)
+        return true;
+    if (wake_fd_ < 0)
+        wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wake_fd_ < 0)
+        return false;
+    // The reader's first step takes mu_, which the caller holds until
+    // reader_id_ is written.
+    reader_ = std::thread([self = shared_from_this()] {
+        {
+            std::lock_guard<std::mutex> lock(self->mu_);
+        }
+        self->run();
+    });
+    reader_id_ = reader_.get_id();
+    return true;
+}
+
+// Wakes the reader from its poll (mu_ held).
 void Handle::wake()
 {
+    if (wake_fd_ < 0)
+        return;
     uint64_t one = 1;
     ssize_t n = ::write(wake_fd_, &one, sizeof(one));
     (void)n; // a full counter already means "wake up"
@@ -159,8 +188,8 @@ bool Handle::released()
     return released_;
 }
 
-// Polls fd (when >= 0) and the wake descriptor. Returns false on a wake-up
-// or a poll error; *readable tells whether fd has data (or hung up).
+// Polls fd (when >= 0) and the wake descriptor (reader only). Returns false
+// on a poll error; *readable tells whether fd has data (or hung up).
 bool Handle::wait_readable(int fd, int timeout_ms, bool *readable)
 {
     pollfd fds[2] = {{wake_fd_, POLLIN, 0}, {fd, POLLIN, 0}};
@@ -190,65 +219,63 @@ void Handle::run()
 /* ---- client reader ---- */
 
 // The reader waits for the connection and reads what arrives, except while
-// a synchronous sender holds the read token: the sender then reads its own
-// response on its own thread (saving a thread hop on every request) and hands
-// any indication it meets over to the reader, which alone runs callbacks.
+// synchronous senders are at work: they read the connection themselves (one
+// at a time, holding the read token), saving a thread hop on every request,
+// and hand any indication they meet over to the reader, which alone runs
+// callbacks. The last sender to leave wakes the reader, which then watches
+// the connection again.
 void Handle::run_client()
 {
     for (;;) {
         bool dead;
         {
             std::unique_lock<std::mutex> lock(mu_);
+            reader_cv_.wait(lock, [&] { return released_ || senders_ == 0 || !inds_.empty() || error_due(); });
             if (released_)
                 return;
-            // While synchronous senders are at work they read the connection
-            // themselves; the reader stays off it (waking only for what they
-            // hand over) instead of waking for every response.
-            if (senders_ > 0 && inds_.empty() && !error_due()) {
-                reader_cv_.wait_for(lock, std::chrono::milliseconds(kSenderIdleMs),
-                             [&] { return released_ || !inds_.empty() || error_due(); });
-                continue;
-            }
             dead = dead_;
         }
         deliver_deferred();
         deliver_indications();
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            if (released_)
+                return;
+            if (senders_ > 0 || !inds_.empty() || error_due())
+                continue; // the senders read; or more came while delivering
+        }
         bool readable = false;
         wait_readable(dead ? -1 : conn_->fd(), -1, &readable);
         if (!readable)
             continue;
         {
-            std::unique_lock<std::mutex> lock(mu_);
+            std::lock_guard<std::mutex> lock(mu_);
             if (released_)
                 return;
-            if (reading_)
-                continue; // a sender is reading: senders_ > 0, so the loop top waits
+            if (reading_ || senders_ > 0)
+                continue; // a sender reads: the loop top waits until senders are gone
             reading_ = true;
         }
-        read_one(0);
+        read_packets(0);
     }
 }
 
-// Reads one packet if one is there within wait_ms and dispatches it; the
-// caller holds the read token, which this gives back.
-void Handle::read_one(int wait_ms)
+// Reads the next packet if one comes within wait_ms, and every whole packet
+// buffered behind it, and dispatches them in order; the caller holds the read
+// token, which this gives back.
+void Handle::read_packets(int wait_ms)
 {
-    pollfd pfd{conn_->fd(), POLLIN, 0};
-    std::optional<kvn_wire::Packet> p;
-    bool lost = false;
-    if (::poll(&pfd, 1, wait_ms) > 0) {
-        p = conn_->receive(kPacketRestMs);
-        lost = !p;
+    kvn_wire::Packet p;
+    Got got = conn_->receive(&p, wait_ms, kPacketRestMs);
+    while (got == Got::Packet) {
+        on_client_packet(p);
+        got = conn_->has_packet() ? conn_->receive(&p, 0, 0) : Got::Nothing;
     }
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        reading_ = false;
-        cv_.notify_all();
-    }
-    if (lost)
+    if (got == Got::Lost)
         connection_lost();
-    else if (p)
-        on_client_packet(*p);
+    std::lock_guard<std::mutex> lock(mu_);
+    reading_ = false;
+    cv_.notify_all();
 }
 
 // Runs the indication callback for every indication read so far, in order.
@@ -263,20 +290,20 @@ void Handle::deliver_indications()
             p = std::move(inds_.front());
             inds_.pop_front();
         }
-        if (ind_cb_)
-            ind_cb_(user_, kvn_wire::get_u16(p.payload.data() + 3), p.payload.data() + kvn_wire::kQmiHeaderSize,
-                    static_cast<unsigned>(p.payload.size() - kvn_wire::kQmiHeaderSize), ind_data_);
+        ind_cb_(user_, kvn_wire::get_u16(p.payload.data() + 3), p.payload.data() + kvn_wire::kQmiHeaderSize,
+                static_cast<unsigned>(p.payload.size() - kvn_wire::kQmiHeaderSize), ind_data_);
     }
 }
 
 // Marks the client dead and fails every waiting request with QMI_SERVICE_ERR.
-// The error callback follows from deliver_deferred().
+// The error callback follows from deliver_deferred() on the reader, which
+// runs whenever an error callback is registered.
 void Handle::connection_lost()
 {
     std::lock_guard<std::mutex> lock(mu_);
     dead_ = true;
     if (std::this_thread::get_id() != reader_id_) {
-        reader_cv_.notify_one(); // the reader runs the error callback
+        reader_cv_.notify_one();
         wake();
     }
     for (auto &kv : pending_) {
@@ -294,7 +321,7 @@ void Handle::deliver_deferred()
     void *data = nullptr;
     {
         std::lock_guard<std::mutex> lock(mu_);
-        if (released_ || !dead_ || err_reported_ || !err_cb_)
+        if (released_ || !error_due())
             return;
         err_reported_ = true;
         cb = err_cb_;
@@ -333,8 +360,8 @@ void Handle::on_client_packet(kvn_wire::Packet &p)
         connection_lost(); // a payload that does not parse ends the connection
         return;
     }
+    std::lock_guard<std::mutex> lock(mu_);
     if (q->flags == kvn_wire::kQmiResponse) {
-        std::lock_guard<std::mutex> lock(mu_);
         auto it = pending_.find(q->txn);
         if (it == pending_.end() || it->second->msg_id != q->msg_id)
             return; // late (timed out) or stray response
@@ -343,16 +370,14 @@ void Handle::on_client_packet(kvn_wire::Packet &p)
         cv_.notify_all();
         return;
     }
-    if (q->flags != kvn_wire::kQmiIndication || !ind_cb_)
+    if (q->flags != kvn_wire::kQmiIndication || !ind_cb_ || released_)
         return;
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        inds_.push_back(std::move(p));
-    }
+    inds_.push_back(std::move(p));
     // Delivered from the top of the reader's loop only, never from here: a
     // callback that sends a request reads on the reader thread, and must not
     // find itself called again from inside that request.
     if (std::this_thread::get_id() != reader_id_) {
+        start_reader();
         reader_cv_.notify_one();
         wake();
     }
@@ -412,11 +437,12 @@ int Handle::send_sync(unsigned msg_id, const void *req, unsigned req_len, void *
         reading_ = true;
         lock.unlock();
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count() + 1;
-        read_one(static_cast<int>(left));
+        read_packets(static_cast<int>(left));
         lock.lock();
     }
     pending_.erase(txn);
-    --senders_;
+    if (--senders_ == 0)
+        reader_cv_.notify_one(); // the reader watches the connection again
     if (!sent)
         return QMI_SERVICE_ERR;
     if (!p.done)
@@ -544,25 +570,27 @@ void Handle::run_notifier()
 
 /* ---- registration and release ---- */
 
+// Registering an error callback starts a client's reader: the service may go
+// away while the caller is idle, and the report must not wait for a request.
 void Handle::set_error_cb(qmi_client_error_cb cb, void *data)
 {
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        err_cb_ = cb;
-        err_data_ = data;
-        reader_cv_.notify_one();
-    }
+    std::lock_guard<std::mutex> lock(mu_);
+    err_cb_ = cb;
+    err_data_ = data;
+    if (cb)
+        start_reader();
+    reader_cv_.notify_one();
     wake();
 }
 
 void Handle::set_notify_cb(qmi_client_notify_cb cb, void *data)
 {
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        notify_cb_ = cb;
-        notify_data_ = data;
-        initial_notify_ = cb && !up_.empty();
-    }
+    std::lock_guard<std::mutex> lock(mu_);
+    notify_cb_ = cb;
+    notify_data_ = data;
+    initial_notify_ = cb && !up_.empty();
+    if (cb)
+        start_reader();
     wake();
 }
 
@@ -572,6 +600,7 @@ void Handle::set_notify_cb(qmi_client_notify_cb cb, void *data)
 // without starting another.
 void Handle::release()
 {
+    std::thread reader;
     {
         std::lock_guard<std::mutex> lock(mu_);
         released_ = true;
@@ -584,32 +613,127 @@ void Handle::release()
         reader_cv_.notify_one();
         if (conn_)
             conn_->shutdown();
+        wake();
+        reader = std::move(reader_); // no reader starts once released_ is set
     }
-    wake();
-    if (!reader_.joinable())
+    if (!reader.joinable())
         return;
-    if (reader_.get_id() == std::this_thread::get_id())
-        reader_.detach();
+    if (reader.get_id() == std::this_thread::get_id())
+        reader.detach();
     else
-        reader_.join();
+        reader.join();
 }
 
-/* ---- connecting ---- */
+/* ---- notifiers waiting to be started ---- */
 
-// One CONNECT exchange on a fresh connection. QMI_SERVICE_ERR when nothing
-// listens, the service is absent or no well-formed answer comes.
+// The notifiers of the process by their OS parameter block, so that a wait on
+// a block starts the notifiers that signal it.
+class NotifierTable {
+public:
+    void add(const std::shared_ptr<Handle> &h)
+    {
+        if (!h->os_params())
+            return;
+        std::lock_guard<std::mutex> lock(mu_);
+        table_.emplace(h->os_params(), h);
+    }
+    void remove(const Handle *h)
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        for (auto it = table_.begin(); it != table_.end();)
+            it = it->second.lock().get() == h || it->second.expired() ? table_.erase(it) : std::next(it);
+    }
+    void start(qmi_client_os_params *os)
+    {
+        std::vector<std::shared_ptr<Handle>> found;
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            auto [first, last] = table_.equal_range(os);
+            for (auto it = first; it != last; ++it)
+                if (auto h = it->second.lock())
+                    found.push_back(std::move(h));
+        }
+        for (auto &h : found)
+            h->want_reader();
+    }
+
+private:
+    std::mutex mu_;
+    std::multimap<qmi_client_os_params *, std::weak_ptr<Handle>> table_;
+};
+
+NotifierTable &notifiers()
+{
+    static NotifierTable *table = new NotifierTable; // never destroyed: waits may run during exit
+    return *table;
+}
+
+/* ---- short requests and connecting ---- */
+
+// The connection of the last short request, kept open for the next short
+// request or CONNECT to the same socket, so that finding a service and
+// connecting to it take one connection instead of one each.
+class SpareConnection {
+public:
+    std::unique_ptr<Connection> take(const std::string &path)
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (path_ != path)
+            conn_.reset();
+        return std::move(conn_);
+    }
+    void put(std::unique_ptr<Connection> c, const std::string &path)
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        conn_ = std::move(c);
+        path_ = path;
+    }
+
+private:
+    std::mutex mu_;
+    std::unique_ptr<Connection> conn_;
+    std::string path_;
+};
+
+SpareConnection &spare()
+{
+    static SpareConnection *s = new SpareConnection; // never destroyed: the process's exit closes it
+    return *s;
+}
+
+// Sends one request and reads its first reply, on the spare connection when
+// there is one, else (or when the spare turns out closed by the handset) on a
+// fresh one. *used gets the connection the exchange went over, reply or not.
+std::optional<kvn_wire::Packet> exchange(const kvn_wire::Header &h, int timeout_ms, const std::string &path,
+                                         std::unique_ptr<Connection> *used)
+{
+    for (auto c = spare().take(path); ; c = nullptr) {
+        const bool reused = c != nullptr;
+        if (!c)
+            c = Connection::open(path);
+        if (!c)
+            return std::nullopt;
+        kvn_wire::Packet p;
+        Got got = c->send(h, nullptr, 0) ? c->receive(&p, timeout_ms, kPacketRestMs) : Got::Lost;
+        if (got == Got::Lost && reused)
+            continue; // a handset that restarted since: once more on a new connection
+        *used = std::move(c);
+        if (got != Got::Packet)
+            return std::nullopt;
+        return p;
+    }
+}
+
+// One CONNECT exchange. QMI_SERVICE_ERR when nothing listens, the service is
+// absent or no well-formed answer comes.
 int connect_client(qmi_idl_service_object_type svc, uint16_t instance, std::unique_ptr<Connection> *out)
 {
-    auto c = Connection::open();
-    if (!c)
-        return QMI_SERVICE_ERR;
     kvn_wire::Header h;
     h.kind = Kind::Connect;
     h.service = svc->service_id;
     h.instance = instance;
-    if (!c->send(h, {}))
-        return QMI_SERVICE_ERR;
-    auto reply = c->receive(kConnectReplyMs);
+    std::unique_ptr<Connection> c;
+    auto reply = exchange(h, kConnectReplyMs, kvn_wire::default_socket_path(), &c);
     if (!reply || reply->hdr.kind != Kind::ConnectOk || reply->hdr.service != svc->service_id)
         return QMI_SERVICE_ERR;
     *out = std::move(c);
@@ -617,6 +741,13 @@ int connect_client(qmi_idl_service_object_type svc, uint16_t instance, std::uniq
 }
 
 } // namespace
+
+void notifiers_wanted(qmi_client_os_params *os)
+{
+    if (os)
+        notifiers().start(os);
+}
+
 } // namespace kvn_qmi
 
 // The opaque handle of qmi_client.h.
@@ -630,12 +761,13 @@ int make_handle(kvn_qmi::Handle::Role role, qmi_idl_service_object_type svc,
                 std::unique_ptr<kvn_qmi::Connection> conn, qmi_client_ind_cb ind_cb, void *ind_data,
                 qmi_client_os_params *os, qmi_client_type *out)
 {
-    auto h = std::make_shared<kvn_qmi::Handle>(role, svc, std::move(conn));
-    if (!h->ok())
+    auto h = std::make_shared<kvn_qmi::Handle>(role, svc, std::move(conn), ind_cb, ind_data, os);
+    auto user = std::make_unique<qmi_client_struct>(qmi_client_struct{h});
+    if (!h->bind(user.get()))
         return QMI_INTERNAL_ERR;
-    auto *user = new qmi_client_struct{h};
-    h->start(user, ind_cb, ind_data, os);
-    *out = user;
+    if (role == kvn_qmi::Handle::Role::Notifier)
+        kvn_qmi::notifiers().add(h);
+    *out = user.release();
     return QMI_NO_ERR;
 }
 
@@ -643,14 +775,15 @@ int make_handle(kvn_qmi::Handle::Role role, qmi_idl_service_object_type svc,
 
 /* ---- public interface ---- */
 
+// The notifier connects (and keeps reconnecting) on its own thread, which
+// starts on the first wait on os_params or callback registration; a handset
+// that is not running yet is not an error for a notifier.
 extern "C" qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type service_obj,
                                                           qmi_client_os_params *os_params,
                                                           qmi_client_type *user_handle)
 {
     if (!service_obj || !user_handle)
         return QMI_INTERNAL_ERR;
-    // The reader connects (and keeps reconnecting) on its own; a handset that
-    // is not running yet is not an error for a notifier.
     return make_handle(kvn_qmi::Handle::Role::Notifier, service_obj, nullptr, nullptr, nullptr, os_params,
                        user_handle);
 }
@@ -666,10 +799,14 @@ extern "C" qmi_client_error_type qmi_client_get_service_list(qmi_idl_service_obj
     kvn_wire::Header h;
     h.kind = kvn_wire::Kind::List;
     h.service = service_obj->service_id;
-    auto reply = kvn_wire::exchange(kvn_wire::default_socket_path(), h, {}, kvn_qmi::kListReplyMs);
+    const std::string path = kvn_wire::default_socket_path();
+    std::unique_ptr<kvn_qmi::Connection> conn;
+    auto reply = kvn_qmi::exchange(h, kvn_qmi::kListReplyMs, path, &conn);
 
     std::vector<qmi_service_info> found;
     if (reply && reply->hdr.kind == kvn_wire::Kind::ListReply && reply->payload.size() >= 4) {
+        // Only a connection whose reply came as expected serves again.
+        kvn_qmi::spare().put(std::move(conn), path);
         const uint8_t *p = reply->payload.data();
         const size_t n = kvn_wire::get_u32(p);
         if (n <= (reply->payload.size() - 4) / 8 && reply->payload.size() == 4 + 8 * n) {
@@ -750,9 +887,11 @@ extern "C" qmi_client_error_type qmi_client_release(qmi_client_type user_handle)
 {
     if (!user_handle)
         return QMI_INTERNAL_ERR;
-    std::shared_ptr<kvn_qmi::Handle> h = std::move(user_handle->h);
+    // The reader is stopped and joined before the caller's handle goes: a
+    // callback still running may use that handle (to decode, say).
+    user_handle->h->release();
+    kvn_qmi::notifiers().remove(user_handle->h.get());
     delete user_handle;
-    h->release();
     return QMI_NO_ERR;
 }
 

@@ -1,22 +1,27 @@
 // connection.h - one stream connection to the simulated handset, carrying the
 // packets of PROTOCOL.md. Writes from several threads are serialised so that
-// packets never interleave; reads belong to one thread at a time.
+// packets never interleave; reads belong to one thread at a time. Reads go
+// through a buffer: one recv() usually brings a whole packet (header and
+// payload), and what it brings beyond that packet waits for the next read.
 #pragma once
 
 #include "kvn_wire.h"
 
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace kvn_qmi {
 
 class Connection {
 public:
-    // Connects to the handset's socket, located afresh at every call; null
-    // when nothing listens there.
+    // Connects to the handset's socket at path (default: located afresh by
+    // the usual rules); null when nothing listens there.
     static std::unique_ptr<Connection> open();
+    static std::unique_ptr<Connection> open(const std::string &path);
 
     ~Connection();
     Connection(const Connection &) = delete;
@@ -24,21 +29,39 @@ public:
 
     int fd() const { return fd_; }
 
-    // Sends one whole packet; false when the connection is broken.
-    bool send(const kvn_wire::Header &h, const std::vector<uint8_t> &payload);
+    // Sends one whole packet in one system call; false when the connection is
+    // broken.
+    bool send(const kvn_wire::Header &h, const uint8_t *payload, size_t len);
+    bool send(const kvn_wire::Header &h, const std::vector<uint8_t> &payload)
+    {
+        return send(h, payload.data(), payload.size());
+    }
 
-    // Reads one whole packet, waiting at most timeout_ms; nullopt on close,
-    // timeout, error or a malformed header.
+    enum class Got {
+        Packet,  // *out holds the next packet
+        Nothing, // no byte of a packet came within first_ms
+        Lost,    // closed, broken, malformed, or a packet cut off by rest_ms
+    };
+    // Reads the next packet: waits at most first_ms (-1: no limit) for its
+    // first byte, then rest_ms for the rest. Reads what is there before it
+    // waits.
+    Got receive(kvn_wire::Packet *out, int first_ms, int rest_ms);
+    // The same with one timeout; nullopt unless a packet came.
     std::optional<kvn_wire::Packet> receive(int timeout_ms);
+    // A whole packet is already buffered: receive() returns it at once.
+    bool has_packet() const;
 
     // Stops both directions, so that a thread blocked in receive() returns.
     void shutdown();
 
 private:
     explicit Connection(int fd) : fd_(fd) {}
+    void make_room(size_t need);
 
     int fd_;
     std::mutex write_mu_;
+    std::unique_ptr<uint8_t[]> buf_; // bytes read and not yet handed out: [begin_, end_)
+    size_t cap_ = 0, begin_ = 0, end_ = 0;
 };
 
 } // namespace kvn_qmi

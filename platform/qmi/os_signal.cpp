@@ -53,6 +53,7 @@ extern "C" void qmi_cci_os_signal_wait(qmi_client_os_params *os_params, unsigned
     if (!os_params)
         return;
     ensure_init(os_params);
+    kvn_qmi::notifiers_wanted(os_params);
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_sec += timeout_ms / 1000;

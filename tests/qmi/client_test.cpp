@@ -206,12 +206,27 @@ TEST(Client, ServiceKilledMidCallFailsTheCallAndReportsOnce)
             ASSERT_EQ(QMI_NO_ERR, qmi_client_register_error_cb(h, on_error, &errs));
         }
 
+        // The caller's thread lives until the checks are done: a thread that
+        // ended may hand its id to the library's next one.
         std::thread::id caller;
-        auto result = std::async(std::launch::async, [&] {
+        std::promise<int> call;
+        std::promise<void> checked;
+        std::thread caller_thread([&] {
             caller = std::this_thread::get_id();
             uim_get_eid_resp_msg_v01 resp;
-            return get_eid(h, &resp, 10000);
+            call.set_value(get_eid(h, &resp, 10000));
+            checked.get_future().wait();
         });
+        struct Join {
+            std::promise<void> &done;
+            std::thread &t;
+            ~Join()
+            {
+                done.set_value();
+                t.join();
+            }
+        } join{checked, caller_thread};
+        auto result = call.get_future();
         arrived.get_future().wait();
         if (announced)
             sim.set_up(kUim, false);
@@ -384,6 +399,33 @@ TEST_F(Uim, IndicationCallbackMaySendOnItsOwnHandle)
     EXPECT_EQ(QMI_NO_ERR, st.rc.load());
     EXPECT_EQ(1, st.max_depth.load());
     qmi_client_release(h);
+}
+
+// A callback still running when its handle is released may use that handle
+// (here to decode what it got): release waits for it to return before the
+// handle goes, so nothing is read from freed memory (ASan sees it otherwise).
+TEST_F(Uim, ReleaseWaitsForARunningCallbackThatUsesItsHandle)
+{
+    struct State {
+        std::promise<void> entered;
+        std::atomic<bool> first{true};
+        std::atomic<int> rc{-1};
+    } st;
+    auto cb = [](qmi_client_type h, unsigned msg_id, void *buf, unsigned len, void *data) {
+        auto *s = static_cast<State *>(data);
+        if (!s->first.exchange(false))
+            return;
+        s->entered.set_value();
+        std::this_thread::sleep_for(100ms); // release is called meanwhile
+        uim_get_eid_resp_msg_v01 rec;
+        s->rc = qmi_client_message_decode(h, QMI_IDL_RESPONSE, msg_id, buf, len, &rec, sizeof(rec));
+    };
+    qmi_client_type h = open(cb, &st);
+    ASSERT_NE(nullptr, h);
+    sim.indicate(kUim, QMI_UIM_GET_EID_RESP_V01, eid_response());
+    ASSERT_EQ(std::future_status::ready, st.entered.get_future().wait_for(3s));
+    EXPECT_EQ(QMI_NO_ERR, qmi_client_release(h));
+    EXPECT_EQ(QMI_NO_ERR, st.rc.load()); // the callback had finished
 }
 
 // Indications keep arriving while the handle is released: no callback may

@@ -91,8 +91,12 @@ ProcessResult SimHandset::kvn(const std::vector<std::string> &args, ProcessOptio
     std::vector<std::string> argv = {kvn_bin()};
     argv.insert(argv.end(), args.begin(), args.end());
     opt.env["KVN_SIM_SOCKET"] = socket_;
-    opt.env.try_emplace("PELMOX_SHELL_PRINT_FLAG", "1");
-    opt.env.try_emplace("PELMOX_PRINT_FLAG", "0");
+    // The print flags are pinned only where the caller left them open: a value
+    // in opt.env or in this process's environment (a benchmark's) wins.
+    for (const auto &[name, pinned] : {std::pair<const char *, const char *>{"PELMOX_SHELL_PRINT_FLAG", "1"},
+                                       {"PELMOX_PRINT_FLAG", "0"}})
+        if (!getenv(name))
+            opt.env.try_emplace(name, pinned);
     auto r = run_process(argv, opt);
     // kvn exits 0 whatever happened; anything else is a crash or a sanitizer
     // report, whatever the test goes on to compare.

@@ -29,7 +29,8 @@ public:
     const std::string &dir() const { return dir_.path(); }
 
     // Runs kvn with the arguments (program name excluded) against this handset.
-    // Print flags are pinned unless opt.env sets them: shell 1, log 0. A
+    // Print flags are pinned (shell 1, log 0) unless opt.env or this
+    // process's environment sets them. A
     // non-zero exit status (kvn always exits 0) fails the test.
     ProcessResult kvn(const std::vector<std::string> &args, ProcessOptions opt = {}) const;
 
