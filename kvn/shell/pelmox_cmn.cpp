@@ -11,6 +11,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "pelmox_qmi_test_cmn.h"
 #include "pelmox_trace.h"
 
 #define PELMOX_CMN_GROUP 5
@@ -32,6 +33,7 @@ typedef struct {
  * ignored, 10 eSIM test).
  */
 static const pelmox_cmn_sub k_cmn_subs[] = {
+    {0, pelmox_cmn_diag_cmd_send, 0},
     {0, NULL, 0}, /* end of table */
 };
 
