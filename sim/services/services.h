@@ -11,6 +11,9 @@ void register_uim_service(Handset &h);
 void register_vs_service(Handset &h);
 void register_sar_service(Handset &h);
 void register_nas_service(Handset &h);
+// Rows of extend command 4 for the tool's device tests (GPIO/RF, SSR, full
+// dump, NV sync).
+void register_device_tests(Handset &h);
 
 // All of the above, in the order the modem brings them up.
 inline void register_all_services(Handset &h)
@@ -20,6 +23,7 @@ inline void register_all_services(Handset &h)
     register_vs_service(h);
     register_sar_service(h);
     register_nas_service(h);
+    register_device_tests(h);
 }
 
 } // namespace kvn_sim
