@@ -238,8 +238,10 @@ TEST(DiagSendE2e, NoReplyDelayAndServiceDown)
 {
     SimHandset sim(R"({"faults": [{"service": "diag", "msg": 1, "kind": "no-reply", "count": 1}]})");
     const std::string fail = "pelmox_diag_cmd_send fail\n";
-    auto r = sim.kvn({"5", "0", "0", "0", "300", "1"});
-    EXPECT_EQ(tool_lines(r.out), "diag cmd:\n0x01 \ncallback mode with result\n" + fail +
+    auto r = sim.kvn({"5", "0", "0", "0", "300", "2", "1"}); // the fault is keyed by the first byte
+    EXPECT_NE(r.out.find("rsp data: 0x13 0x02 0x01\n"), std::string::npos) << r.out;
+    r = sim.kvn({"5", "0", "0", "0", "300", "1", "2"});
+    EXPECT_EQ(tool_lines(r.out), "diag cmd:\n0x01 0x02 \ncallback mode with result\n" + fail +
                                      "\nnote: Error happen! error_code(3)\n" + for_group(5));
     ASSERT_EQ(sim.ctl({"fault", "diag", "1", "delay=200"}).exit_code, 0);
     r = sim.kvn({"5", "0", "1", "0", "5000", "1"});
@@ -254,7 +256,7 @@ TEST(DiagSendE2e, NoReplyDelayAndServiceDown)
     ASSERT_EQ(sim.ctl({"service", "diag", "up"}).exit_code, 0);
     r = sim.kvn({"5", "0", "0", "1", "0", "1"});
     EXPECT_NE(r.out.find("\ndone without rsp data"), std::string::npos);
-    EXPECT_EQ(diag_journal(sim).size(), 5u);
+    EXPECT_EQ(diag_journal(sim).size(), 6u);
 }
 
 // 5000 byte arguments: 4096 converted, 5000 declared, zeros past 4096.
