@@ -1,6 +1,10 @@
 // at_diag_e2e_test.cpp - group 8 (AT command) and the diag send of group 5 run
 // as processes against kvn-sim: what reaches the handset's AT terminal and
 // diag responder is read back from its journal.
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
 #include <filesystem>
 
 #include "device_tests_e2e.h"
@@ -158,6 +162,31 @@ TEST(AtCmdE2e, ChannelDownOrNoHandsetCreatesNothing)
     auto r = sim.kvn({"8", "AT"});
     EXPECT_NE(r.out.find("Success to send at shell cmd"), std::string::npos);
     EXPECT_EQ(at_journal(sim), std::vector<std::string>{hex_of("AT")});
+}
+
+// The terminal itself: lines end at a carriage return, line feeds and empty
+// lines are not journalled, and each line is answered OK or ERROR, raw.
+TEST(AtCmdE2e, TerminalSplitsLinesAndAnswers)
+{
+    SimHandset sim;
+    int fd = open(at_path(sim).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    const std::string sent = "AT\r\n\r\nfoo\rat+x\n\r";
+    ASSERT_EQ(write(fd, sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
+    const std::string expect = "\r\nOK\r\n\r\nERROR\r\n\r\nOK\r\n";
+    std::string got;
+    for (int i = 0; i < 100 && got.size() < expect.size(); ++i) {
+        pollfd p{fd, POLLIN, 0};
+        char buf[64];
+        if (poll(&p, 1, 100) > 0) {
+            ssize_t n = read(fd, buf, sizeof buf);
+            if (n > 0)
+                got.append(buf, static_cast<size_t>(n));
+        }
+    }
+    close(fd);
+    EXPECT_EQ(got, expect);
+    EXPECT_EQ(at_journal(sim), (std::vector<std::string>{hex_of("AT"), hex_of("foo"), hex_of("at+x")}));
 }
 
 /* ---- diag send (group 5, sub-command 0) ---- */
