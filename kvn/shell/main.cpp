@@ -11,6 +11,7 @@
 #include "pelmox_smart_test.h"
 #include "pelmox_test_at_cmd.h"
 #include "pelmox_test_mbn.h"
+#include "pelmox_test_modem_stats.h"
 #include "pelmox_test_nvefs.h"
 #include "pelmox_test_rf.h"
 
@@ -41,6 +42,7 @@ static const pelmox_group k_groups[] = {
     {5, pelmox_test_cmn_do},
     {6, pelmox_test_qmi_send_data_do},
     {8, pelmox_test_at_cmd_do},
+    {9, pelmox_test_qmi_modem_stats_do},
     {10, pelmox_test_mbn_do},
     {11, pelmox_smart_test_do},
 };
