@@ -245,6 +245,13 @@ int cmd_status(const Client &c, const Options &o)
         std::cout << "service " << s["name"].get<std::string>() << " " << id << " instance " << s["instance"] << ": "
                   << (s["up"].get<bool>() ? "up" : "down") << "\n";
     }
+    for (const auto &d : r->value("devices", json::array())) {
+        std::string path = d["path"].get<std::string>();
+        std::cout << "device " << d["name"].get<std::string>() << ": " << (d["up"].get<bool>() ? "up" : "down")
+                  << (path.empty() ? "" : " " + path) << "\n";
+    }
+    std::cout << "modem restarts " << (*r)["restarts"] << ", full dumps " << (*r)["full_dumps"] << ", nv syncs "
+              << (*r)["nv_syncs"] << "\n";
     return 0;
 }
 
@@ -267,10 +274,10 @@ int cmd_ssr(const Client &c, const Options &o)
 
 int cmd_service(const Client &c, const Options &o)
 {
-    static const char *names[] = {"extend", "uim", "vs", "sar", "nas", "all"};
+    static const char *names[] = {"extend", "uim", "vs", "sar", "nas", "all", "at", "diag"};
     if (o.args.size() != 2 || (o.args[1] != "up" && o.args[1] != "down") ||
         std::find(std::begin(names), std::end(names), o.args[0]) == std::end(names))
-        throw Usage{"service extend|uim|vs|sar|nas|all down|up"};
+        throw Usage{"service extend|uim|vs|sar|nas|all|at|diag down|up"};
     return simple(c, {{"op", "service"}, {"name", o.args[0]}, {"up", o.args[1] == "up"}});
 }
 
@@ -290,7 +297,8 @@ int cmd_fault(const Client &c, const Options &o)
         }
     }
     if (a.size() != 3 || count == 0 || !service_id_from_text(a[0]) || !parse_fault_kind(a[2]))
-        throw Usage{"fault SERVICE MSG no-reply|delay=MS|qmi-error=N|drop|truncate [--count N] [--after M] | fault clear"};
+        throw Usage{"fault SERVICE MSG no-reply|delay=MS|qmi-error=N|drop|truncate [--count N] [--after M] | "
+                    "fault diag CODE no-reply|delay=MS [--count N] | fault clear"};
     uint64_t msg = need_number(a[1], 0xFFFF, "MSG");
     return simple(c, {{"op", "fault"}, {"service", a[0]}, {"msg", msg}, {"kind", a[2]}, {"count", count},
                       {"after", after}});
@@ -449,7 +457,8 @@ const Command kCommands[] = {
     {"status", "status", "show whether it runs, its clients and services", cmd_status},
     {"load", "load FILE", "merge a scenario into the running handset", cmd_load},
     {"ssr", "ssr [MS]", "restart the modem: every service down, back after MS ms (2000)", cmd_ssr},
-    {"service", "service NAME down|up", "take one service (extend, uim, vs, sar, nas, all) down or up", cmd_service},
+    {"service", "service NAME down|up",
+     "take one service (extend, uim, vs, sar, nas, all modem services; at, diag) down or up", cmd_service},
     {"fault", "fault SERVICE MSG KIND [--count N] [--after M] | fault clear",
      "misbehave on the N requests after the next M: no-reply, delay=MS, qmi-error=N, drop, truncate", cmd_fault},
     {"journal", "journal [--clear]", "print the QMI requests received, as JSON lines (then clear)", cmd_journal},

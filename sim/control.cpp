@@ -51,6 +51,14 @@ struct Ctx {
 
 using Op = std::function<json(Ctx &)>;
 
+json devices_of(Handset &h)
+{
+    json out = json::array();
+    for (auto &[name, d] : h.devices)
+        out.push_back({{"name", name}, {"up", d->up()}, {"path", d->host_path()}});
+    return out;
+}
+
 json page_of(SeqRing &ring, uint64_t after)
 {
     uint64_t last = 0;
@@ -70,7 +78,11 @@ const std::pair<const char *, Op> kOps[] = {
                      {"clients", c.r.client_count() - 1},
                      {"journal", c.h.journal.ring().size()},
                      {"faults", c.h.faults.all().size()},
-                     {"services", services}};
+                     {"services", services},
+                     {"devices", devices_of(c.h)},
+                     {"restarts", c.h.counters.restarts},
+                     {"full_dumps", c.h.counters.full_dumps},
+                     {"nv_syncs", c.h.counters.nv_syncs}};
      }},
     {"stop", [](Ctx &c) {
          c.r.stop();
@@ -90,6 +102,10 @@ const std::pair<const char *, Op> kOps[] = {
          std::string name = c.req.at("name").get<std::string>();
          bool up = c.req.at("up").get<bool>();
          bool found = false;
+         if (auto d = c.h.devices.find(name); d != c.h.devices.end()) {
+             d->second->set_up(up);
+             found = true;
+         }
          for (auto &e : c.h.services.entries())
              if (name == "all" || e.name == name) {
                  c.r.set_service(e, up);
@@ -106,6 +122,8 @@ const std::pair<const char *, Op> kOps[] = {
              fail("no service " + c.req.at("service").get<std::string>());
          if (!f)
              fail("bad fault kind " + c.req.at("kind").get<std::string>());
+         if (*id == kServiceDiag && f->kind != FaultKind::NoReply && f->kind != FaultKind::Delay)
+             fail("diag faults are no-reply or delay=MS");
          f->service = *id;
          f->msg_id = c.req.at("msg").get<uint16_t>();
          f->count = c.req.value("count", 1u);

@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "control.h"
+#include "devices.h"
 #include "handset.h"
 #include "kvn_wire.h"
 #include "router.h"
@@ -150,6 +151,9 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
 
     Router router(h, listener.get(), sigfd.get());
     router.set_control(make_control_handler(h, router, DaemonInfo{opt.socket, opt.state_dir}));
+    AtChannel at(h, router);
+    DiagResponder diag(h, router);
+    h.restart_modem = [&router](std::chrono::milliseconds ms) { router.restart_modem(ms); };
     h.note(kLogInfo, "kvn-sim " + std::to_string(getpid()) + " serving on " + opt.socket);
     report(ready_fd, "OK");
     router.run();

@@ -4,10 +4,14 @@
 // commands act on this object; nothing else holds handset state.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
+#include "device.h"
 #include "faults.h"
 #include "modem_store.h"
 #include "nvefs_command.h"
@@ -51,6 +55,29 @@ public:
     RadioState radio;     // statistics values, feature switches, SAR DSI
     ModemStatsAnswers modem_stats; // answers of command 4 request types 20 and 27
     ServiceRegistry services;
+
+    // The handset's device channels by name ("at", "diag"); each registers
+    // itself while it exists (owned by the daemon).
+    std::map<std::string, DeviceChannel *> devices;
+    std::map<Bytes, Bytes> diag_replies; // scenario: request bytes -> reply bytes
+    DeviceCounters counters;
+
+    // Modem restart as `kvn-sim ssr` does it; set by the daemon (empty when no
+    // router runs, as in in-process tests).
+    std::function<void(std::chrono::milliseconds)> restart_modem;
+    // Work to do once the reply to the request being handled is queued (a
+    // restart the request asked for must not overtake its reply).
+    void after_reply(std::function<void()> fn) { after_reply_.push_back(std::move(fn)); }
+    void run_after_reply()
+    {
+        auto fns = std::move(after_reply_);
+        after_reply_.clear();
+        for (auto &fn : fns)
+            fn();
+    }
+
+private:
+    std::vector<std::function<void()>> after_reply_;
 };
 
 inline constexpr int kLogDebug = 3, kLogInfo = 4, kLogWarn = 5, kLogError = 6;

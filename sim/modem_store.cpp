@@ -178,7 +178,10 @@ bool ModemStore::efs_put(unsigned sub, const std::string &path, const Bytes &dat
             *err = path + ": " + (ec ? ec.message() : "is a directory");
         return false;
     }
-    return write_file_atomic(p, tmp_, data.data(), data.size(), err);
+    bool ok = write_file_atomic(p, tmp_, data.data(), data.size(), err);
+    if (ok && on_efs_change)
+        on_efs_change(sub, path, &data);
+    return ok;
 }
 
 bool ModemStore::efs_rm(unsigned sub, const std::string &path)
@@ -189,7 +192,10 @@ bool ModemStore::efs_rm(unsigned sub, const std::string &path)
     std::error_code ec;
     if (!fs::is_regular_file(p, ec))
         return false;
-    return fs::remove(p, ec);
+    bool ok = fs::remove(p, ec);
+    if (ok && on_efs_change)
+        on_efs_change(sub, path, nullptr);
+    return ok;
 }
 
 std::vector<std::pair<std::string, uint64_t>> ModemStore::efs_ls(unsigned sub, const std::string &path) const

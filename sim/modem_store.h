@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -42,6 +43,9 @@ public:
     std::vector<std::pair<std::string, uint64_t>> efs_ls(unsigned sub, const std::string &path) const;
 
     const std::filesystem::path &tmp_dir() const { return tmp_; }
+
+    // Called after an EFS file was written (data) or deleted (null).
+    std::function<void(unsigned sub, const std::string &path, const Bytes *data)> on_efs_change;
 
 private:
     std::filesystem::path nv_file(unsigned sub, uint16_t id) const;

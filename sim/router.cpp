@@ -279,6 +279,12 @@ void Router::on_packet(Conn &c, const Header &hd, const uint8_t *p, size_t len)
     case Kind::Control:
         on_control(c, p, len);
         return;
+    case Kind::DevicePath:
+    case Kind::Diag:
+        on_device(c, hd, p, len);
+        return;
+    case Kind::DevicePathReply:
+    case Kind::DiagReply:
     case Kind::ConnectOk:
     case Kind::ConnectFail:
     case Kind::ServiceDown:
@@ -352,9 +358,34 @@ void Router::on_qmi(Conn &c, const Header &hd, const uint8_t *p, size_t len)
             if (it != conns_.end() && !it->second->closing)
                 queue_bytes(*it->second, bytes);
         });
+        h_.run_after_reply();
         return;
     }
     queue_bytes(c, bytes);
+    h_.run_after_reply();
+}
+
+// The handset's device channels: where one is on the host (DEVICE_PATH), and
+// diag requests, answered by the diag handler now or later.
+void Router::on_device(Conn &c, const Header &hd, const uint8_t *p, size_t len)
+{
+    if (hd.kind == Kind::DevicePath) {
+        std::string name(reinterpret_cast<const char *>(p), len), where;
+        for (auto &[n, d] : h_.devices)
+            if (d->handset_path() == name && d->up())
+                where = d->host_path();
+        send(c, Kind::DevicePathReply, 0, 0, 0, where.empty() ? 1 : 0, std::vector<uint8_t>(where.begin(), where.end()));
+        return;
+    }
+    if (!diag_) {
+        send(c, Kind::DiagReply, 0, 0, 0, 1);
+        return;
+    }
+    diag_(p, len, [this, id = c.id](uint16_t status, const std::vector<uint8_t> &reply) {
+        auto it = conns_.find(id);
+        if (it != conns_.end() && !it->second->closing)
+            send(*it->second, Kind::DiagReply, 0, 0, 0, status, reply);
+    });
 }
 
 void Router::on_control(Conn &c, const uint8_t *p, size_t len)
@@ -399,6 +430,7 @@ void Router::set_service(ServiceRegistry::Entry &e, bool up)
 void Router::restart_modem(std::chrono::milliseconds down_for)
 {
     uint64_t gen = ++restart_generation_;
+    ++h_.counters.restarts;
     h_.note(kLogInfo, "modem restart, services back in " + std::to_string(down_for.count()) + " ms");
     for (auto &e : h_.services.entries())
         set_service(e, false);

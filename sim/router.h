@@ -45,6 +45,11 @@ public:
     Router &operator=(const Router &) = delete;
 
     void set_control(ControlHandler fn) { control_ = std::move(fn); }
+    // DIAG requests go to `fn` with a way to answer (status, reply bytes) now
+    // or later; the answer is dropped when the client has gone meanwhile.
+    using Answer = std::function<void(uint16_t status, const std::vector<uint8_t> &reply)>;
+    using DiagHandler = std::function<void(const uint8_t *payload, size_t len, Answer answer)>;
+    void set_diag(DiagHandler fn) { diag_ = std::move(fn); }
     // Serves until stop() is called or the stop signal arrives.
     void run();
     void stop() { stopping_ = true; }
@@ -74,6 +79,7 @@ private:
     void on_packet(Conn &c, const kvn_wire::Header &h, const uint8_t *payload, size_t len);
     void on_qmi(Conn &c, const kvn_wire::Header &h, const uint8_t *payload, size_t len);
     void on_control(Conn &c, const uint8_t *payload, size_t len);
+    void on_device(Conn &c, const kvn_wire::Header &h, const uint8_t *payload, size_t len);
     void send(Conn &c, kvn_wire::Kind kind, uint32_t service, uint16_t instance, uint16_t client, uint16_t status,
               const std::vector<uint8_t> &payload = {});
     void queue_bytes(Conn &c, const std::vector<uint8_t> &bytes);
@@ -90,6 +96,7 @@ private:
     std::map<uint64_t, std::unique_ptr<Conn>> conns_;
     TimerQueue timers_;
     ControlHandler control_;
+    DiagHandler diag_;
     struct Watched {
         short events = 0;
         FdHandler fn;

@@ -31,6 +31,8 @@ struct KeyRow {
 
 [[noreturn]] void fail(const std::string &text) { throw Error{text}; }
 
+constexpr size_t kMaxDiagBytes = 16384; // a diag request or canned reply
+
 std::string join(const std::string &where, const std::string &key) { return where.empty() ? key : where + "." + key; }
 
 // Walks an object against its key table; an unknown key is an error.
@@ -248,6 +250,8 @@ void parse_faults(const json &v, const std::string &where, Plan &plan)
         parse_object(v[i], w, rows, plan);
         if (!has_service || !has_msg || !has_kind)
             fail("\"" + w + "\" needs service, msg and kind");
+        if (f->service == kServiceDiag && f->kind != FaultKind::NoReply && f->kind != FaultKind::Delay)
+            fail("\"" + w + "\": diag faults are no-reply or delay=MS");
         plan.steps.push_back([f](Handset &h, std::string *) {
             h.faults.add(*f);
             return true;
@@ -298,6 +302,26 @@ void parse_modem_stats(const json &v, const std::string &where, Plan &plan)
          }},
     };
     parse_object(v, where, rows, plan);
+}
+
+// {"<request hex>": CONTENT}: the diag responder's answer to exactly that
+// request, ahead of its built-in one.
+void parse_diag_replies(const json &v, const std::string &where, Plan &plan)
+{
+    if (!v.is_object())
+        fail("\"" + where + "\" must be a JSON object of request hex: reply");
+    for (auto &[rk, rv] : v.items()) {
+        auto rq = from_hex(rk);
+        if (!rq || rq->empty() || rq->size() > kMaxDiagBytes)
+            fail("unknown key \"" + join(where, rk) + "\" (requests are 1 to 16384 bytes in hex)");
+        Bytes reply = content(rv, join(where, rk), false);
+        if (reply.size() > kMaxDiagBytes)
+            fail("\"" + join(where, rk) + "\" is longer than 16384 bytes");
+        plan.steps.push_back([rq = *rq, reply](Handset &h, std::string *) {
+            h.diag_replies[rq] = reply;
+            return true;
+        });
+    }
 }
 
 void parse_description(const json &v, const std::string &where, Plan &) { string(v, where); }
@@ -393,6 +417,7 @@ const KeyRow kTopLevel[] = {
     {"efs_read_chunk", parse_read_chunk},
     {"extend_replies", parse_extend_replies},
     {"faults", parse_faults},
+    {"diag_replies", parse_diag_replies},
     {"uim",
      [](const json &v, const std::string &where, Plan &plan) {
          std::string err;

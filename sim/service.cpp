@@ -43,7 +43,7 @@ std::optional<uint32_t> service_id_from_text(const std::string &text)
 {
     static const std::pair<const char *, uint32_t> names[] = {
         {"extend", kServiceExtend}, {"uim", kServiceUim}, {"vs", kServiceVs}, {"sar", kServiceSar},
-        {"nas", kServiceNas},
+        {"nas", kServiceNas}, {"diag", kServiceDiag},
     };
     for (const auto &[n, id] : names)
         if (text == n)

@@ -67,8 +67,11 @@ inline constexpr uint32_t kServiceUim = 11;
 inline constexpr uint32_t kServiceVs = 0xE4;
 inline constexpr uint32_t kServiceSar = 0x11;
 inline constexpr uint32_t kServiceNas = 3;
+// Not a QMI service: the key of the diag responder's faults (message = the
+// request's first byte), above every 16-bit QMI service id.
+inline constexpr uint32_t kServiceDiag = 0x10000;
 
-// Resolves a service given by name (extend, uim, vs, sar, nas) or by number.
+// Resolves a service given by name (extend, uim, vs, sar, nas, diag) or by number.
 std::optional<uint32_t> service_id_from_text(const std::string &text);
 
 } // namespace kvn_sim

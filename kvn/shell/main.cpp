@@ -8,10 +8,13 @@
 
 #include "pelmox_extend_cmn.h"
 #include "pelmox_shell.h"
+#include "pelmox_smart_test.h"
+#include "pelmox_test_at_cmd.h"
 #include "pelmox_test_mbn.h"
 #include "pelmox_test_modem_stats.h"
 #include "pelmox_test_stats_parse.h"
 #include "pelmox_test_nvefs.h"
+#include "pelmox_test_rf.h"
 
 typedef int (*pelmox_group_handler)(int argc, char *argv[]);
 
@@ -35,12 +38,15 @@ static int pelmox_group_not_supported(int argc, char *argv[])
 static const pelmox_group k_groups[] = {
     {1, pelmox_group_not_supported},
     {2, pelmox_group_not_supported},
+    {3, pelmox_test_rf_do},
     {4, pelmox_test_nvefs_do},
     {5, pelmox_test_cmn_do},
     {6, pelmox_test_qmi_send_data_do},
     {7, pelmox_test_modem_stats_do},
+    {8, pelmox_test_at_cmd_do},
     {9, pelmox_test_qmi_modem_stats_do},
     {10, pelmox_test_mbn_do},
+    {11, pelmox_smart_test_do},
 };
 
 int main(int argc, char *argv[])

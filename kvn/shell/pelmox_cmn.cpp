@@ -11,6 +11,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "pelmox_qmi_test_cmn.h"
 #include "pelmox_sar_dsi.h"
 #include "pelmox_trace.h"
 #include "pelmox_uim.h"
@@ -34,6 +35,7 @@ typedef struct {
  * ignored, 10 eSIM test).
  */
 static const pelmox_cmn_sub k_cmn_subs[] = {
+    {0, pelmox_cmn_diag_cmd_send, 0},
     {1, pelmox_cmn_card_status_query, 0},
     {2, pelmox_cmn_card_status_get, 0},
     {3, pelmox_cmn_card_status_set, 0},

@@ -351,6 +351,10 @@ void Handle::on_client_packet(kvn_wire::Packet &p)
     case Kind::PropSet:
     case Kind::PropSetResult:
     case Kind::Log:
+    case Kind::DevicePath:
+    case Kind::DevicePathReply:
+    case Kind::Diag:
+    case Kind::DiagReply:
     case Kind::Control:
     case Kind::ControlReply:
         return; // not meant for a client connection: ignored

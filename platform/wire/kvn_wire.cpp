@@ -32,6 +32,10 @@ bool kind_known(uint8_t k)
     case Kind::PropSet:
     case Kind::PropSetResult:
     case Kind::Log:
+    case Kind::DevicePath:
+    case Kind::DevicePathReply:
+    case Kind::Diag:
+    case Kind::DiagReply:
     case Kind::Control:
     case Kind::ControlReply:
         return true;

@@ -33,6 +33,10 @@ enum class Kind : uint8_t {
     PropSet = 0x07,
     PropSetResult = 0x88,
     Log = 0x08,
+    DevicePath = 0x09,
+    DevicePathReply = 0x89,
+    Diag = 0x0A,
+    DiagReply = 0x8A,
     Control = 0x10,
     ControlReply = 0x90,
 };

@@ -12,6 +12,9 @@ void register_vs_service(Handset &h);
 void register_sar_service(Handset &h);
 void register_nas_service(Handset &h);
 void register_modem_stats_service(Handset &h); // extend command 4, request types 20 and 27
+// Rows of extend command 4 for the tool's device tests (GPIO/RF, SSR, full
+// dump, NV sync).
+void register_device_tests(Handset &h);
 
 // All of the above, in the order the modem brings them up.
 inline void register_all_services(Handset &h)
@@ -22,6 +25,7 @@ inline void register_all_services(Handset &h)
     register_vs_service(h);
     register_sar_service(h);
     register_nas_service(h);
+    register_device_tests(h);
 }
 
 } // namespace kvn_sim

@@ -176,6 +176,10 @@ void Handset::serve(std::shared_ptr<Conn> c)
         case Kind::ServiceGone:
         case Kind::PropValue:
         case Kind::PropSetResult:
+        case Kind::DevicePath:
+        case Kind::DevicePathReply:
+        case Kind::Diag:
+        case Kind::DiagReply:
         case Kind::Control:
         case Kind::ControlReply:
             break; // not asked of a handset, or not this fake's business

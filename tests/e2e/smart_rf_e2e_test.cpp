@@ -1,0 +1,309 @@
+// smart_rf_e2e_test.cpp - groups 11 (smart test) and 3 (GPIO/RF tests) run as
+// processes against a kvn-sim that acts on them: the modem really restarts,
+// dumps, syncs and keeps the test state in EFS files.
+#include <filesystem>
+
+#include "device_tests_e2e.h"
+
+using namespace devtests;
+using help_text::for_group;
+
+namespace {
+
+const std::string kTooFew = "\nnote: Too few parameters, Pls refer to the following cmd:\n";
+std::string error_note(int code) { return "\nnote: Error happen! error_code(" + std::to_string(code) + ")\n"; }
+
+size_t dump_files(const SimHandset &sim)
+{
+    namespace fs = std::filesystem;
+    size_t n = 0;
+    std::error_code ec;
+    for (const auto &e : fs::directory_iterator(sim.state_dir() + "/dumps", ec))
+        n += e.is_regular_file() && e.file_size() > 0;
+    return n;
+}
+
+const char kNoWait[] = R"({"properties": {"persist.radio.ssr_wait_s": "0"}})";
+
+/* ---- group 11 ---- */
+
+// Argument checks: notes follow the shell flag, "invalid par_i" and the help
+// do not, and a bad opt never reaches the modem.
+TEST(SmartTestE2e, ArgumentChecks)
+{
+    SimHandset sim;
+    const struct {
+        std::vector<std::string> args;
+        std::string on, off;
+    } cases[] = {
+        {{"11"}, kTooFew + for_group(11), for_group(11)},
+        {{"11", "5"}, kTooFew + for_group(11), for_group(11)},
+        {{"12x", "0"}, for_group(0), for_group(0)},
+        {{"11", "4", "2"}, "\nnote: opt(2) is invalid:\n" + for_group(11), for_group(11)},
+        {{"11", "6", "-1"}, "\nnote: opt(-1) is invalid:\n" + for_group(11), for_group(11)},
+        {{"11", "7"}, "invalid par_i = 7\n" + for_group(11), "invalid par_i = 7\n" + for_group(11)},
+        {{"11", "-1"}, "invalid par_i = -1\n" + for_group(11), "invalid par_i = -1\n" + for_group(11)},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.args[0] + " " + (c.args.size() > 1 ? c.args[1] : ""));
+        EXPECT_EQ(sim.kvn(c.args).out, c.on);
+        EXPECT_EQ(sim.kvn(c.args, shell_flag("0")).out, c.off);
+    }
+    EXPECT_EQ(counters(sim), "modem restarts 0, full dumps 0, nv syncs 0");
+    EXPECT_TRUE(sim.journal().empty());
+}
+
+// SSR restarts the modem for 2000 ms (after its reply); NV sync
+// is counted; neither prints anything beyond the traces.
+TEST(SmartTestE2e, SsrRestartsTheModemAndNvSyncIsCounted)
+{
+    SimHandset sim;
+    auto r = sim.kvn({"11", "0"});
+    EXPECT_NE(r.out.find("Will trigger SSR of modem"), std::string::npos);
+    EXPECT_EQ(tool_lines(r.out), "");
+    EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 0, nv syncs 0");
+    EXPECT_NE(sim.ctl({"logcat"}).out.find("modem restart, services back in 2000 ms"), std::string::npos);
+    ASSERT_TRUE(wait_modem_up(sim));
+    r = sim.kvn({"11", "2"});
+    EXPECT_NE(r.out.find("Will trigger NV SYNC"), std::string::npos);
+    EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 0, nv syncs 1");
+    // On the wire: common message 31 with u32 0x1000, then 35 with no value.
+    std::vector<std::string> msgs;
+    for (const auto &line : sim.journal()) {
+        auto j = nlohmann::json::parse(line);
+        for (const auto &t : j["tlvs"])
+            if (t["type"] == 0x10)
+                msgs.push_back(t["hex"].get<std::string>().substr(0, 40));
+    }
+    EXPECT_EQ(msgs, (std::vector<std::string>{"02000000000000001f0000000400000000100000",
+                                              "0200000000000000230000000000000000000000"}));
+}
+
+// First run: the policy is saved, SSR closed, the counter written (as 1, the
+// read of the 4-byte file failing), the dump taken. Second run: nothing saved
+// again, no counter, the dump sent at once.
+TEST(SmartTestE2e, FullDumpFirstAndSecondRun)
+{
+    SimHandset sim(kNoWait);
+    auto r = sim.kvn({"11", "1"});
+    for (const char *line : {"need to save ssr state",
+                             "Will trigger Full Dump, the current state: ALL_ENABLE, the default state: \n",
+                             "need to close ssr", "PROP_MODEM_SSR_UPDATE_COUNT write ret: 0, new update_cnt: 1",
+                             "ssr wait_s = 0", "modem ssr will not wait"})
+        EXPECT_NE(r.out.find(line), std::string::npos) << line;
+    EXPECT_EQ(prop(sim, "persist.vendor.ssr.restart_level"), "ALL_DISABLE");
+    EXPECT_EQ(prop(sim, "persist.vendor.ssr.restart_level_bak"), "ALL_ENABLE");
+    EXPECT_EQ(efs_hex(sim, "/nv/item_files/modem/pelmox/ssr_update_count"), "01000000");
+    EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 1, nv syncs 0");
+    EXPECT_EQ(dump_files(sim), 1u);
+
+    ASSERT_TRUE(wait_modem_up(sim));
+    r = sim.kvn({"11", "1"});
+    EXPECT_NE(r.out.find("the current state: ALL_DISABLE, the default state: ALL_ENABLE"), std::string::npos);
+    for (const char *absent : {"need to save", "need to close", "PROP_MODEM_SSR_UPDATE_COUNT", "wait_s"})
+        EXPECT_EQ(r.out.find(absent), std::string::npos) << absent;
+    EXPECT_EQ(efs_hex(sim, "/nv/item_files/modem/pelmox/ssr_update_count"), "01000000");
+    EXPECT_EQ(counters(sim), "modem restarts 2, full dumps 2, nv syncs 0");
+    EXPECT_EQ(dump_files(sim), 2u);
+}
+
+// SSR already closed and nothing saved: the saved policy is stored, no counter
+// and no wait, the dump sent at once. A dump request with SSR enabled (sent
+// raw through group 6) only restarts the modem.
+TEST(SmartTestE2e, FullDumpWithPolicyClosedAndWithSsrEnabled)
+{
+    SimHandset sim(R"({"properties": {"persist.vendor.ssr.restart_level": "ALL_DISABLE"}})");
+    auto r = sim.kvn({"11", "1"});
+    EXPECT_NE(r.out.find("need to save ssr state"), std::string::npos);
+    EXPECT_EQ(r.out.find("wait_s"), std::string::npos);
+    EXPECT_EQ(prop(sim, "persist.vendor.ssr.restart_level_bak"), "ALL_DISABLE");
+    EXPECT_EQ(efs_hex(sim, "/nv/item_files/modem/pelmox/ssr_update_count"), "absent");
+    EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 1, nv syncs 0");
+
+    ASSERT_TRUE(wait_modem_up(sim));
+    ASSERT_EQ(sim.ctl({"prop", "set", "persist.vendor.ssr.restart_level", "ALL_ENABLE"}).exit_code, 0);
+    auto raw = sim.kvn({"6", "4", "2", "0", "0", "0", "0", "0", "0", "0", "99", "0", "0", "0", "4", "0", "0", "0",
+                        "0", "32", "0", "0"});
+    // The reply comes before the restart takes the service away.
+    EXPECT_NE(raw.out.find("qmi_id = 4, result = 0\n"), std::string::npos) << raw.out;
+    EXPECT_EQ(counters(sim), "modem restarts 2, full dumps 1, nv syncs 0");
+    EXPECT_EQ(dump_files(sim), 1u);
+}
+
+// With no wait property the dump waits the default 3 seconds first.
+TEST(SmartTestE2e, FullDumpWaitsTheDefault)
+{
+    SimHandset sim;
+    auto r = sim.kvn({"11", "1"});
+    for (const char *line : {"ssr wait_s = 3\n", "modem ssr start to wait 3s to init\n",
+                             "modem ssr end to wait 3s to init\n"})
+        EXPECT_NE(r.out.find(line), std::string::npos) << line;
+    EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 1, nv syncs 0");
+}
+
+// Each switch: its file written or deleted, the handset's log naming the file
+// and its value, NV sync then SSR. A failed delete or write stops before both.
+TEST(SmartTestE2e, PrintSwitchesOnOffAndFailures)
+{
+    SimHandset sim;
+    const struct {
+        const char *sub, *opt, *name, *path, *hex;
+    } cases[] = {
+        {"4", "1", "bp_hydra_print", "/hydra/hydra_print_mask", "1f000000"},
+        {"5", "1", "bp_qmi_print", "/nv/item_files/modem/pelmox/qmi_print_flag", "01"},
+        {"6", "1", "bp_rf_print", "/nv/item_files/modem/pelmox/rf_print_mask", "0f000000"},
+        {"5", "0", "bp_qmi_print", "/nv/item_files/modem/pelmox/qmi_print_flag", nullptr},
+    };
+    int restarts = 0;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.sub) + " " + c.opt);
+        ASSERT_TRUE(wait_modem_up(sim));
+        auto r = sim.kvn({"11", c.sub, c.opt});
+        EXPECT_EQ(tool_lines(r.out), std::string(c.name) + ", opt = " + c.opt + "\nsuccess, pls wait 10 seconds\n");
+        EXPECT_EQ(efs_hex(sim, c.path), c.hex ? c.hex : "absent");
+        std::string note = std::string("print switch ") + c.path + " of subscription 0 " +
+                           (c.hex ? std::string("now ") + c.hex : std::string("deleted"));
+        EXPECT_NE(sim.ctl({"logcat"}).out.find(note), std::string::npos) << note;
+        ++restarts;
+        EXPECT_EQ(counters(sim), "modem restarts " + std::to_string(restarts) + ", full dumps 0, nv syncs " +
+                                     std::to_string(restarts));
+    }
+    ASSERT_TRUE(wait_modem_up(sim));
+    auto r = sim.kvn({"11", "5", "0"});
+    EXPECT_EQ(tool_lines(r.out), "bp_qmi_print, opt = 0\npelmox_efs_delete failed\n");
+    ASSERT_EQ(sim.ctl({"fault", "extend", "2", "qmi-error=5"}).exit_code, 0);
+    r = sim.kvn({"11", "6", "1"});
+    EXPECT_EQ(tool_lines(r.out), "bp_rf_print, opt = 1\npelmox_efs_write failed\n");
+    EXPECT_EQ(counters(sim), "modem restarts 4, full dumps 0, nv syncs 4");
+
+    // The application-side switch: "1" on, "2" off; no modem action.
+    for (const auto &[opt, value] : {std::pair{"1", "1"}, std::pair{"0", "2"}}) {
+        r = sim.kvn({"11", "3", opt});
+        EXPECT_EQ(r.out, std::string("ap_hydra_print, opt = ") + opt + "\nsuccess, need to reboot\n");
+        EXPECT_EQ(prop(sim, "persist.vendor.radio.print_stats"), value);
+    }
+    EXPECT_EQ(counters(sim), "modem restarts 4, full dumps 0, nv syncs 4");
+}
+
+/* ---- group 3 ---- */
+
+const char kGpioFile[] = "/nv/item_files/modem/pelmox/rf_ant_port_config";
+const char kTxFile[] = "/nv/item_files/modem/antenna/ant_tx_config";
+
+TEST(RfTestE2e, GpioSetGetClose)
+{
+    SimHandset sim;
+    auto r = sim.kvn({"3", "0", "1", "2", "300"});
+    EXPECT_EQ(tool_lines(r.out), "pelmox_gpio_test_set\npelmox_gpio_test_set, gpio_v[0]: 1\n"
+                                 "pelmox_gpio_test_set, gpio_v[1]: 2\npelmox_gpio_test_set, gpio_v[2]: 300\n");
+    EXPECT_EQ(efs_hex(sim, kGpioFile), "01022c");
+    r = sim.kvn({"3", "1"});
+    EXPECT_EQ(tool_lines(r.out), "pelmox_gpio_test_get\n\ndata len(3)\ndata:  01 02 2C\n");
+    r = sim.kvn({"3", "2"});
+    EXPECT_EQ(tool_lines(r.out), "pelmox_gpio_test_closed\n");
+    EXPECT_EQ(efs_hex(sim, kGpioFile), "absent");
+    r = sim.kvn({"3", "1"});
+    EXPECT_EQ(tool_lines(r.out), "pelmox_gpio_test_get\npelmox_extend_qmi_send_sync fail, REQUEST_ID_EFS\n" +
+                                     error_note(-2) + for_group(3));
+}
+
+// 60 values: the count says 60, 50 values follow, the modem stores 60 bytes
+// (the last ten zero). No value: the count 0 is refused by the modem.
+TEST(RfTestE2e, GpioCountsZeroAndSixty)
+{
+    SimHandset sim;
+    std::vector<std::string> args{"3", "0"};
+    std::string expect_file;
+    for (int i = 1; i <= 60; ++i) {
+        args.push_back(std::to_string(i));
+        expect_file += i <= 50 ? hex_of(std::string(1, static_cast<char>(i))) : "00";
+    }
+    auto r = sim.kvn(args);
+    EXPECT_NE(r.out.find("gpio_v[49]: 50\n"), std::string::npos);
+    EXPECT_EQ(r.out.find("gpio_v[50]"), std::string::npos);
+    EXPECT_EQ(efs_hex(sim, kGpioFile), expect_file);
+    auto j = nlohmann::json::parse(sim.journal().back());
+    std::string payload = j["tlvs"][2]["hex"];
+    EXPECT_EQ(payload.substr(0, 24), "00000000000000003c000000"); // type 0, 0, count 60
+    EXPECT_EQ(payload.substr(24 + 49 * 8, 16), "3200000000000000");
+
+    sim.clear_journal();
+    r = sim.kvn({"3", "0"});
+    EXPECT_EQ(tool_lines(r.out), "pelmox_gpio_test_set\npelmox_extend_qmi_send_sync fail, REQUEST_ID_COMMON\n" +
+                                     error_note(-3) + for_group(3));
+    j = nlohmann::json::parse(sim.journal().back());
+    EXPECT_EQ(j["tlvs"][2]["hex"].get<std::string>().substr(0, 24), "000000000000000000000000");
+    EXPECT_EQ(efs_hex(sim, kGpioFile), expect_file);
+}
+
+// The band list is strtoul in base 0: hex, octal, and -1 as all ones.
+TEST(RfTestE2e, RfTxSetGetCloseAndBandListForms)
+{
+    SimHandset sim;
+    const struct {
+        const char *band, *printed, *hex;
+    } cases[] = {
+        {"0x1", "1", "0100000000000000"},
+        {"010", "8", "0800000000000000"},
+        {"0x100000000000", "17592186044416", "0000000000100000"},
+        {"-1", "18446744073709551615", "ffffffffffffffff"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.band);
+        auto r = sim.kvn({"3", "3", "1", "4", c.band});
+        EXPECT_EQ(tool_lines(r.out), std::string("pelmox_rf_tx_test_set, argc(6)\n v_ant(1)\n v_sys(4)\n v_band_list(") +
+                                         c.printed + ")\n");
+        EXPECT_EQ(efs_hex(sim, kTxFile), std::string("0100000004000000") + c.hex);
+    }
+    auto r = sim.kvn({"3", "4"});
+    EXPECT_EQ(tool_lines(r.out),
+              "pelmox_rf_tx_test_get\n\ndata len(16)\ndata:  01 00 00 00 04 00 00 00 FF FF FF FF FF FF FF FF\n");
+    r = sim.kvn({"3", "5"});
+    EXPECT_EQ(tool_lines(r.out), "pelmox_rf_tx_test_closed\n");
+    EXPECT_EQ(efs_hex(sim, kTxFile), "absent");
+}
+
+// Notes follow the shell flag; name lines and the help do not. Nothing of
+// these reaches the modem.
+TEST(RfTestE2e, ArgumentChecks)
+{
+    SimHandset sim;
+    const std::string bad = error_note(268431370) + for_group(3);
+    const struct {
+        std::vector<std::string> args;
+        std::string on, off;
+    } cases[] = {
+        {{"3"}, kTooFew + for_group(3), for_group(3)},
+        {{"3", "6"}, "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n" + for_group(3),
+         for_group(3)},
+        {{"3", "-1"}, "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n" + for_group(3),
+         for_group(3)},
+        {{"3", "3", "1", "4"},
+         "pelmox_rf_tx_test_set, argc(5)\n\nnote: need 5 inputs, Pls refer to the following cmd:\n" + bad,
+         "pelmox_rf_tx_test_set, argc(5)\n" + for_group(3)},
+        {{"3", "1", "x"},
+         "pelmox_gpio_test_get\n\nnote: Cmd error, should be: kvn 3 1 , Pls refer to the following cmd:\n" + bad,
+         "pelmox_gpio_test_get\n" + for_group(3)},
+        {{"3", "5", "x"},
+         "pelmox_rf_tx_test_closed\n\nnote: Cmd error, should be: kvn 3 5 , Pls refer to the following cmd:\n" + bad,
+         "pelmox_rf_tx_test_closed\n" + for_group(3)},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.args.size() > 1 ? c.args[1] : c.args[0]);
+        EXPECT_EQ(sim.kvn(c.args).out, c.on);
+        EXPECT_EQ(sim.kvn(c.args, shell_flag("0")).out, c.off);
+    }
+    EXPECT_TRUE(sim.journal().empty());
+}
+
+// During a modem restart the state file cannot be read: the transport fails.
+TEST(RfTestE2e, ReadDuringModemRestart)
+{
+    SimHandset sim(R"({"efs": {"0": {"/nv/item_files/modem/antenna/ant_tx_config": "01"}}})");
+    ASSERT_EQ(sim.ctl({"ssr", "60000"}).exit_code, 0);
+    auto r = sim.kvn({"3", "4"});
+    EXPECT_EQ(tool_lines(r.out), "pelmox_rf_tx_test_get\npelmox_extend_qmi_send_sync fail, REQUEST_ID_EFS\n" +
+                                     error_note(-102) + for_group(3));
+}
+
+} // namespace
