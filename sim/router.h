@@ -55,6 +55,9 @@ public:
     // Modem restart: every service down, back up after `down_for`.
     void restart_modem(std::chrono::milliseconds down_for);
     size_t client_count() const { return conns_.size(); }
+    // Sends one indication (flags 0x04, transaction 0) with the TLV area as
+    // given to every client bound to the service; returns how many it reached.
+    size_t indicate(uint32_t service, uint16_t msg_id, const std::vector<uint8_t> &tlvs);
     // Extra descriptors served by the loop (a pseudo-terminal of the handset,
     // say): `fn` runs on the loop's thread with the revents of `fd`. The
     // caller keeps owning `fd` and unwatches it before closing it.
