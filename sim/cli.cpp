@@ -238,7 +238,8 @@ int cmd_status(const Client &c, const Options &o)
     std::cout << "kvn-sim running: pid " << (*r)["pid"] << ", socket " << (*r)["socket"].get<std::string>()
               << ", state " << (*r)["state"].get<std::string>() << "\n"
               << "clients " << (*r)["clients"] << ", journal " << (*r)["journal"] << " requests, faults "
-              << (*r)["faults"] << "\n";
+              << (*r)["faults"] << "\n"
+              << "pty " << r->value("pty", std::string()) << "\n";
     for (const auto &s : (*r)["services"]) {
         char id[16];
         std::snprintf(id, sizeof id, "0x%x", s["id"].get<unsigned>());

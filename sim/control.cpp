@@ -75,6 +75,7 @@ const std::pair<const char *, Op> kOps[] = {
          return json{{"pid", getpid()},
                      {"socket", c.info.socket},
                      {"state", c.info.state_dir},
+                     {"pty", c.info.pty},
                      {"clients", c.r.client_count() - 1},
                      {"journal", c.h.journal.ring().size()},
                      {"faults", c.h.faults.all().size()},

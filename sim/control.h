@@ -13,6 +13,7 @@ namespace kvn_sim {
 struct DaemonInfo {
     std::string socket;
     std::string state_dir;
+    std::string pty; // the QMUX pseudo-terminal, empty when there is none
 };
 
 Router::ControlHandler make_control_handler(Handset &h, Router &r, DaemonInfo info);

@@ -22,6 +22,7 @@
 #include "devices.h"
 #include "handset.h"
 #include "kvn_wire.h"
+#include "qmux_port.h"
 #include "router.h"
 #include "scenario.h"
 #include "services/services.h"
@@ -150,7 +151,13 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
     Fd sigfd(signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK));
 
     Router router(h, listener.get(), sigfd.get());
-    router.set_control(make_control_handler(h, router, DaemonInfo{opt.socket, opt.state_dir}));
+    // The QMUX control device for independent QMI clients; kvn-sim serves
+    // kvn without it when the system has no pseudo-terminal.
+    auto qmux = QmuxPort::open(h, router, &err);
+    if (!qmux)
+        h.note(kLogWarn, "qmux: " + err);
+    router.set_control(
+        make_control_handler(h, router, DaemonInfo{opt.socket, opt.state_dir, qmux ? qmux->path() : ""}));
     AtChannel at(h, router);
     DiagResponder diag(h, router);
     h.restart_modem = [&router](std::chrono::milliseconds ms) { router.restart_modem(ms); };

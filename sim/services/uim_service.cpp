@@ -4,6 +4,7 @@
 // answers an ES10c eUICCMemoryReset; every other APDU gets 6D 00. Requests
 // are read strictly: a missing or misshapen mandatory TLV is a refusal.
 #include "kvn_wire.h"
+#include "services/uim_slot_status.h"
 #include "services.h"
 #include "tlv.h"
 #include "uim_slots.h"
@@ -19,6 +20,7 @@ constexpr uint16_t kSendApdu = 0x3B;
 constexpr uint16_t kLogicalChannel = 0x3F;
 constexpr uint16_t kOpenLogicalChannel = 0x42;
 constexpr uint16_t kGetEid = 0x65;
+constexpr uint16_t kGetSlotStatus = 0x47;
 
 // QMI errors.
 constexpr uint16_t kErrMalformed = 0x01;
@@ -95,6 +97,8 @@ public:
         switch (rq.msg_id) {
         case kGetCardStatus:
             return card_status(*tlvs);
+        case kGetSlotStatus:
+            return uim_slot_status_reply(h_.uim);
         case kPowerOff:
         case kPowerOn:
         case kGetEid:

@@ -321,7 +321,9 @@ TEST(RawE2e, NoHandsetFailsWithMinus2AfterPollingAboutASecond)
     opt.env["PELMOX_SHELL_PRINT_FLAG"] = "1";
     opt.env["PELMOX_PRINT_FLAG"] = "0";
     auto t0 = std::chrono::steady_clock::now();
-    auto r = kvn_test::run_process({kvn_test::kvn_bin(), "6", "1", "1"}, opt);
+    auto argv = kvn_test::kvn_command();
+    argv.insert(argv.end(), {"6", "1", "1"});
+    auto r = kvn_test::run_process(argv, opt);
     auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
     std::string polls;
     for (int i = 0; i < 50; ++i)

@@ -20,7 +20,7 @@ using Args = std::vector<std::string>;
 kvn_test::ProcessResult kvn(const Args &args, const char *shell_flag)
 {
     static kvn_test::TempDir dir;
-    Args argv = {kvn_test::kvn_bin()};
+    Args argv = kvn_test::kvn_command();
     argv.insert(argv.end(), args.begin(), args.end());
     kvn_test::ProcessOptions opt;
     opt.env["PELMOX_SHELL_PRINT_FLAG"] = shell_flag;

@@ -19,6 +19,15 @@ std::string from_env_or(const char *var, const char *fallback)
 } // namespace
 
 std::string kvn_bin() { return from_env_or("KVN_TEST_KVN_BIN", KVN_TEST_KVN_BIN); }
+std::vector<std::string> kvn_command()
+{
+    std::vector<std::string> argv;
+    std::istringstream words(from_env_or("KVN_TEST_KVN_WRAPPER", ""));
+    for (std::string w; words >> w;)
+        argv.push_back(w);
+    argv.push_back(kvn_bin());
+    return argv;
+}
 std::string kvn_sim_bin() { return from_env_or("KVN_TEST_SIM_BIN", KVN_TEST_SIM_BIN); }
 
 SimHandset::SimHandset(const std::string &scenario_json) : socket_(dir_.path() + "/sim.sock")
@@ -88,7 +97,7 @@ bool SimHandset::restart()
 
 ProcessResult SimHandset::kvn(const std::vector<std::string> &args, ProcessOptions opt) const
 {
-    std::vector<std::string> argv = {kvn_bin()};
+    std::vector<std::string> argv = kvn_command();
     argv.insert(argv.end(), args.begin(), args.end());
     opt.env["KVN_SIM_SOCKET"] = socket_;
     // The print flags are pinned only where the caller left them open: a value

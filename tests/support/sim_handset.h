@@ -11,6 +11,10 @@
 namespace kvn_test {
 
 std::string kvn_bin();     // the built kvn ($KVN_TEST_KVN_BIN overrides)
+// The command that runs kvn: the words of $KVN_TEST_KVN_WRAPPER (say
+// "/usr/bin/qemu-aarch64 -L /usr/aarch64-linux-gnu" for an arm64 kvn; the
+// first word is a path, not looked up in PATH), then kvn_bin().
+std::vector<std::string> kvn_command();
 std::string kvn_sim_bin(); // the built kvn-sim ($KVN_TEST_SIM_BIN overrides)
 
 class SimHandset {

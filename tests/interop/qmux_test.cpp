@@ -1,0 +1,109 @@
+// qmux_test.cpp - kvn-sim's QMUX terminal byte by byte: framing, resync after
+// noise, the CTL service's client ids, requests from clients the modem does
+// not know, and the journal of what came through it.
+#include <gtest/gtest.h>
+
+#include "qmux_client.h"
+
+namespace {
+
+using interop::RawQmux;
+
+// One exchange: bytes written, and the frame expected back ("" = none; the
+// next step's answer then shows that nothing came in between).
+struct Step {
+    const char *what;
+    const char *request;
+    const char *reply;
+};
+
+// Frames are `marker length flags service cid | QMI header | TLVs`.
+const Step kSteps[] = {
+    {"allocate uim -> 1", "01 0f00 00 00 00 | 00 01 2200 0400 | 01 0100 0b",
+     "01 1700 80 00 00 | 01 01 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 01"},
+    {"allocate uim -> 2", "01 0f00 00 00 00 | 00 02 2200 0400 | 01 0100 0b",
+     "01 1700 80 00 00 | 01 02 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 02"},
+    {"release uim 1", "01 1000 00 00 00 | 00 03 2300 0500 | 01 0200 0b 01",
+     "01 1700 80 00 00 | 01 03 2300 0c00 | 02 0400 0000 0000 | 01 0200 0b 01"},
+    {"release uim 1 again: invalid client id", "01 1000 00 00 00 | 00 04 2300 0500 | 01 0200 0b 01",
+     "01 1200 80 00 00 | 01 04 2300 0700 | 02 0400 0100 2200"},
+    {"allocate for a service the modem lacks", "01 0f00 00 00 00 | 00 05 2200 0400 | 01 0100 42",
+     "01 1200 80 00 00 | 01 05 2200 0700 | 02 0400 0100 1f00"},
+    {"allocate without TLV 0x01: missing argument", "01 0b00 00 00 00 | 00 06 2200 0000",
+     "01 1200 80 00 00 | 01 06 2200 0700 | 02 0400 0100 1100"},
+    {"allocate with a 2-byte TLV 0x01: malformed", "01 1000 00 00 00 | 00 07 2200 0500 | 01 0200 0b 0b",
+     "01 1200 80 00 00 | 01 07 2200 0700 | 02 0400 0100 0100"},
+    {"allocate uim -> 1, freed above", "01 0f00 00 00 00 | 00 08 2200 0400 | 01 0100 0b",
+     "01 1700 80 00 00 | 01 08 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 01"},
+    {"uim message from client 1: the service answers", "01 0c00 00 0b 01 | 00 0201 ff7f 0000",
+     "01 1300 80 0b 01 | 02 0201 ff7f 0700 | 02 0400 0100 4700"},
+    {"uim message from client 9, never given out: ignored", "01 0c00 00 0b 09 | 00 0301 ff7f 0000", ""},
+    {"a frame marked as from the service: ignored", "01 0c00 80 0b 01 | 00 0401 ff7f 0000", ""},
+    {"QMI length beyond the frame: ignored", "01 0c00 00 0b 01 | 00 0501 ff7f 0100", ""},
+    {"a response flag on a request: ignored", "01 0c00 00 0b 01 | 02 0601 ff7f 0000", ""},
+    {"noise, a length past the bound, then a frame", "aa 00 01 ffff 01 0b00 00 00 00 | 00 09 ff00 0000",
+     "01 1200 80 00 00 | 01 09 ff00 0700 | 02 0400 0100 4700"},
+    {"sync forgets every client id", "01 0b00 00 00 00 | 00 0a 2700 0000",
+     "01 1200 80 00 00 | 01 0a 2700 0700 | 02 0400 0000 0000"},
+    {"uim message from client 1 after sync: ignored", "01 0c00 00 0b 01 | 00 0701 ff7f 0000", ""},
+    {"release after sync: invalid client id", "01 1000 00 00 00 | 00 0b 2300 0500 | 01 0200 0b 02",
+     "01 1200 80 00 00 | 01 0b 2300 0700 | 02 0400 0100 2200"},
+};
+
+TEST(Qmux, CtlClientIdsFramingAndForeignClients)
+{
+    kvn_test::SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    const std::string pty = interop::pty_of(sim);
+    ASSERT_EQ(pty.rfind("/dev/pts/", 0), 0u) << sim.ctl({"status"}).out;
+    RawQmux c(pty);
+    ASSERT_TRUE(c.ok());
+    sim.clear_journal();
+    for (const auto &s : kSteps) {
+        c.write_hex(s.request);
+        if (*s.reply) {
+            EXPECT_EQ(c.read_frame(), interop::hex(interop::unhex(s.reply))) << s.what;
+        }
+    }
+    // A frame cut in two writes is answered once whole.
+    c.write_hex("01 0f00 00 00 00 | 00 0c");
+    c.write_hex("2200 0400 | 01 0100 11");
+    EXPECT_EQ(c.read_frame(), interop::hex(interop::unhex(
+                                  "01 1700 80 00 00 | 01 0c 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 01")));
+
+    // The journal has every CTL request and the one service request the
+    // modem accepted; not the ignored ones.
+    const auto j = sim.journal();
+    std::string services;
+    for (const auto &line : j)
+        services += line.substr(line.find("\"service\":"), 13) + "\n";
+    int uim = 0;
+    for (const auto &line : j)
+        uim += line.find("\"service\":11,") != std::string::npos;
+    EXPECT_EQ(uim, 1) << services;
+    EXPECT_NE(j.back().find(R"("service":0,"msg_id":34,"txn":12,"tlvs":[{"type":1,"hex":"11"}])"), std::string::npos)
+        << j.back();
+}
+
+// Client ids run out at 254 (0xFF is the broadcast id), per service.
+TEST(Qmux, ClientIdsRunOut)
+{
+    kvn_test::SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    RawQmux c(interop::pty_of(sim));
+    ASSERT_TRUE(c.ok());
+    std::string last;
+    for (int i = 0; i < 254; ++i) {
+        c.write_hex("01 0f00 00 00 00 | 00 01 2200 0400 | 01 0100 11");
+        last = c.read_frame();
+    }
+    EXPECT_EQ(last, interop::hex(interop::unhex(
+                        "01 1700 80 00 00 | 01 01 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 fe")));
+    c.write_hex("01 0f00 00 00 00 | 00 02 2200 0400 | 01 0100 11");
+    EXPECT_EQ(c.read_frame(), interop::hex(interop::unhex("01 1200 80 00 00 | 01 02 2200 0700 | 02 0400 0100 0500")));
+    c.write_hex("01 0f00 00 00 00 | 00 03 2200 0400 | 01 0100 0b"); // another service still has all of its own
+    EXPECT_EQ(c.read_frame(), interop::hex(interop::unhex(
+                                  "01 1700 80 00 00 | 01 03 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 01")));
+}
+
+} // namespace
