@@ -123,6 +123,9 @@ void Router::drop(Conn &c, const std::string &why)
     if (!why.empty() && !c.dead)
         h_.note(kLogWarn, "client " + std::to_string(c.id) + " dropped: " + why);
     c.dead = true;
+    // Closed now: what it was never sent no longer counts.
+    stats_.output_bytes -= c.pending();
+    c.out_off = c.out.size();
 }
 
 Router::Conn *Router::longest_idle()
