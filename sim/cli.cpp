@@ -311,6 +311,19 @@ int cmd_journal(const Client &c, const Options &o)
     return clear ? simple(c, {{"op", "journal_clear"}, {"upto", last}}) : 0;
 }
 
+int cmd_indicate(const Client &c, const Options &o)
+{
+    if (o.args.size() != 3)
+        throw Usage{"indicate SERVICE MSG HEX"};
+    uint64_t msg = need_number(o.args[1], 0xFFFF, "MSG");
+    std::string err;
+    auto r = c.call({{"op", "indicate"}, {"service", o.args[0]}, {"msg", msg}, {"hex", o.args[2]}}, &err);
+    if (!r)
+        return failed(err);
+    std::cout << "indication sent to " << (*r)["clients"].get<uint64_t>() << " client(s)\n";
+    return 0;
+}
+
 int cmd_logcat(const Client &c, const Options &o)
 {
     if (!o.args.empty())
@@ -445,6 +458,8 @@ const Command kCommands[] = {
      "misbehave on the next N requests: no-reply, delay=MS, qmi-error=N, drop, truncate", cmd_fault},
     {"journal", "journal [--clear]", "print the QMI requests received, as JSON lines (then clear)", cmd_journal},
     {"prop", "prop get KEY | prop set KEY VALUE | prop list", "the handset's properties", cmd_prop},
+    {"indicate", "indicate SERVICE MSG HEX",
+     "send one indication with the TLV area HEX to every client of SERVICE", cmd_indicate},
     {"logcat", "logcat", "print the handset's log buffer", cmd_logcat},
     {"nv", "nv get|set|rm SUB ID [HEX]", "NV items of subscription SUB", cmd_nv},
     {"efs", "efs ls|get|put|rm SUB PATH [FILE]", "EFS files of subscription SUB", cmd_efs},

@@ -158,6 +158,16 @@ const std::pair<const char *, Op> kOps[] = {
          c.h.faults.add(*f);
          return json::object();
      }},
+    {"indicate", [](Ctx &c) {
+         auto id = service_id_from_text(c.req.at("service").get<std::string>());
+         if (!id)
+             fail("no service " + c.req.at("service").get<std::string>());
+         auto tlvs = from_hex(c.req.at("hex").get<std::string>());
+         if (!tlvs || tlvs->size() > 0xFFFF)
+             fail("the TLV area is not hex, or longer than 65535 bytes");
+         size_t n = c.r.indicate(*id, c.req.at("msg").get<uint16_t>(), *tlvs);
+         return json{{"clients", n}};
+     }},
     {"fault_clear", [](Ctx &c) {
          c.h.faults.clear();
          return json::object();

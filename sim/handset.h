@@ -12,9 +12,11 @@
 #include "modem_store.h"
 #include "nvefs_command.h"
 #include "properties.h"
+#include "radio_state.h"
 #include "records.h"
 #include "service.h"
 #include "services/extend4.h"
+#include "uim_slots.h"
 
 namespace kvn_sim {
 
@@ -44,6 +46,8 @@ public:
     NvEfsCommand nvefs;
     std::map<uint32_t, CannedReply> extend_replies;
     Extend4Table extend4; // command 4 request and common-message types
+    UimSlots uim;         // SIM card slots (memory only: every start begins with the default slots)
+    RadioState radio;     // statistics values, feature switches, SAR DSI
     ServiceRegistry services;
 };
 

@@ -559,6 +559,7 @@ void Router::set_service(ServiceRegistry::Entry &e, bool up)
         return;
     e.up = up;
     h_.note(kLogInfo, "service " + e.name + (up ? " up" : " down"));
+    e.service->availability_changed(up);
     for (auto &[id, cp] : conns_) {
         Conn &c = *cp;
         if (c.dead || c.closing || c.service != e.id)
@@ -584,6 +585,23 @@ void Router::restart_modem(std::chrono::milliseconds down_for)
         for (auto &e : h_.services.entries())
             set_service(e, true);
     });
+}
+
+/* ---- indications ---- */
+
+size_t Router::indicate(uint32_t service, uint16_t msg_id, const std::vector<uint8_t> &tlvs)
+{
+    kvn_wire::QmiHeader qh{kvn_wire::kQmiIndication, 0, msg_id, static_cast<uint16_t>(tlvs.size())};
+    auto qmi = kvn_wire::encode_qmi(qh, tlvs.data(), tlvs.size());
+    size_t n = 0;
+    for (auto &[id, cp] : conns_) {
+        Conn &c = *cp;
+        if (c.dead || c.closing || c.role != Conn::Role::Bound || c.service != service)
+            continue;
+        send(c, Kind::Qmi, c.service, c.instance, c.client, 0, qmi);
+        ++n;
+    }
+    return n;
 }
 
 /* ---- loop ---- */

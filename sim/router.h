@@ -90,6 +90,9 @@ public:
     bool feed_local(uint64_t id, const uint8_t *p, size_t len);
     std::vector<uint8_t> take_output(uint64_t id);
     void close_local(uint64_t id);
+    // Sends one indication (flags 0x04, transaction 0) with the TLV area as
+    // given to every client bound to the service; returns how many it reached.
+    size_t indicate(uint32_t service, uint16_t msg_id, const std::vector<uint8_t> &tlvs);
     // Extra descriptors served by the loop (a pseudo-terminal of the handset,
     // say): `fn` runs on the loop's thread with the revents of `fd`. The
     // caller keeps owning `fd` and unwatches it before closing it.

@@ -254,6 +254,89 @@ void parse_faults(const json &v, const std::string &where, Plan &plan)
 
 void parse_description(const json &v, const std::string &where, Plan &) { string(v, where); }
 
+// One statistic: CONTENT (the data of the one record answered, 1..700 bytes),
+// or {"records": [{"sub": n, "id": n, "data": CONTENT}, ...]} (0..16 records
+// of 0..1000 bytes, sent as given, so that a misbehaving modem can be played).
+std::vector<VsRecord> vs_value(const json &v, const std::string &where, uint16_t sub, uint32_t id)
+{
+    if (!v.is_object() || !v.contains("records")) {
+        Bytes data = content(v, where, false);
+        if (data.empty() || data.size() > 700)
+            fail("\"" + where + "\" must hold 1 to 700 bytes");
+        return {VsRecord{sub, id, data}};
+    }
+    std::vector<VsRecord> out;
+    const KeyRow rows[] = {
+        {"records", [&](const json &list, const std::string &w, Plan &) {
+             if (!list.is_array() || list.size() > 16)
+                 fail("\"" + w + "\" must be an array of 0 to 16 records");
+             for (size_t i = 0; i < list.size(); ++i) {
+                 std::string wr = w + "[" + std::to_string(i) + "]";
+                 VsRecord r;
+                 bool has_sub = false, has_id = false, has_data = false;
+                 const KeyRow rec_rows[] = {
+                     {"sub", [&](const json &x, const std::string &wk, Plan &) {
+                          r.sub = static_cast<uint16_t>(number(x, wk, 0xFFFF));
+                          has_sub = true;
+                      }},
+                     {"id", [&](const json &x, const std::string &wk, Plan &) {
+                          r.id = static_cast<uint32_t>(number(x, wk, UINT32_MAX));
+                          has_id = true;
+                      }},
+                     {"data", [&](const json &x, const std::string &wk, Plan &) {
+                          r.data = content(x, wk, false);
+                          if (r.data.size() > 1000)
+                              fail("\"" + wk + "\" is longer than 1000 bytes");
+                          has_data = true;
+                      }},
+                 };
+                 Plan unused;
+                 parse_object(list[i], wr, rec_rows, unused);
+                 if (!has_sub || !has_id || !has_data)
+                     fail("\"" + wr + "\" needs sub, id and data");
+                 out.push_back(std::move(r));
+             }
+         }},
+    };
+    Plan unused;
+    parse_object(v, where, rows, unused);
+    return out;
+}
+
+void parse_vs_stats(const json &v, const std::string &where, Plan &plan)
+{
+    if (!v.is_object())
+        fail("\"" + where + "\" must be a JSON object");
+    for (auto &[sk, stats] : v.items()) {
+        unsigned sub = sub_key(sk, where);
+        std::string w = join(where, sk);
+        if (!stats.is_object())
+            fail("\"" + w + "\" must be a JSON object of statistic id: value");
+        for (auto &[ik, val] : stats.items()) {
+            bool decimal = !ik.empty() && ik.size() <= 10 && ik.find_first_not_of("0123456789") == std::string::npos;
+            auto id = decimal ? parse_number(ik, UINT32_MAX) : std::nullopt;
+            if (!id)
+                fail("unknown key \"" + join(w, ik) + "\" (statistic ids are decimal numbers)");
+            auto records = vs_value(val, join(w, ik), static_cast<uint16_t>(sub), static_cast<uint32_t>(*id));
+            plan.steps.push_back([sub, id = static_cast<uint32_t>(*id), records](Handset &h, std::string *) {
+                h.radio.vs_stats[sub][id] = records;
+                return true;
+            });
+        }
+    }
+}
+
+void parse_sar_dsi(const json &v, const std::string &where, Plan &plan)
+{
+    std::optional<uint32_t> dsi;
+    if (!v.is_null())
+        dsi = static_cast<uint32_t>(number(v, where, UINT32_MAX));
+    plan.steps.push_back([dsi](Handset &h, std::string *) {
+        h.radio.sar_dsi = dsi;
+        return true;
+    });
+}
+
 const KeyRow kTopLevel[] = {
     {"description", parse_description},
     {"properties", parse_properties},
@@ -262,6 +345,19 @@ const KeyRow kTopLevel[] = {
     {"efs_read_chunk", parse_read_chunk},
     {"extend_replies", parse_extend_replies},
     {"faults", parse_faults},
+    {"uim",
+     [](const json &v, const std::string &where, Plan &plan) {
+         std::string err;
+         auto change = parse_uim_scenario(v, where, &err);
+         if (!change)
+             fail(err);
+         plan.steps.push_back([change = std::move(*change)](Handset &h, std::string *) {
+             change(h.uim);
+             return true;
+         });
+     }},
+    {"vs_stats", parse_vs_stats},
+    {"sar_dsi", parse_sar_dsi},
 };
 
 } // namespace

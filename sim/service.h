@@ -29,6 +29,9 @@ public:
     virtual std::vector<uint8_t> error_reply(uint16_t msg_id, uint16_t error);
     // A client connection went away.
     virtual void connection_closed(uint64_t /*conn*/) {}
+    // The service went down (modem restart, `service NAME down`) or came
+    // back up; called after the registry entry changed.
+    virtual void availability_changed(bool /*up*/) {}
 };
 
 // A service that exists but supports no message yet: every request gets the

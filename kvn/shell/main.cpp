@@ -9,6 +9,7 @@
 #include "pelmox_extend_cmn.h"
 #include "pelmox_shell.h"
 #include "pelmox_test_mbn.h"
+#include "pelmox_test_modem_stats.h"
 #include "pelmox_test_nvefs.h"
 
 typedef int (*pelmox_group_handler)(int argc, char *argv[]);
@@ -36,6 +37,7 @@ static const pelmox_group k_groups[] = {
     {4, pelmox_test_nvefs_do},
     {5, pelmox_test_cmn_do},
     {6, pelmox_test_qmi_send_data_do},
+    {9, pelmox_test_qmi_modem_stats_do},
     {10, pelmox_test_mbn_do},
 };
 

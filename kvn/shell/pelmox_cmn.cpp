@@ -11,7 +11,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "pelmox_sar_dsi.h"
 #include "pelmox_trace.h"
+#include "pelmox_uim.h"
 
 #define PELMOX_CMN_GROUP 5
 
@@ -32,6 +34,13 @@ typedef struct {
  * ignored, 10 eSIM test).
  */
 static const pelmox_cmn_sub k_cmn_subs[] = {
+    {1, pelmox_cmn_card_status_query, 0},
+    {2, pelmox_cmn_card_status_get, 0},
+    {3, pelmox_cmn_card_status_set, 0},
+    {4, pelmox_cmn_card_type_query, 0},
+    {5, pelmox_cmn_test_get_sar_dsi, 1},
+    {6, pelmox_cmn_card_hotswap_test, 0},
+    {10, pelmox_cmn_esim_test, 0},
     {0, NULL, 0}, /* end of table */
 };
 

@@ -1,14 +1,60 @@
-// nas_service.cpp - the standard NAS service of the simulated modem. It is registered
-// and can be bound, listed, watched, taken down and brought up; its messages
-// are not implemented yet, so each request gets the modem's standard answer
-// for an unsupported message.
+// nas_service.cpp - the standard NAS service 3 of the simulated modem, as far
+// as a client's connect sequence needs it: bind subscription (0x0045, TLV
+// 0x01 one byte: 0, 1 or 2) and register indications (0x0003, optional
+// one-byte switches) are answered with success. Other messages get the
+// standard failure result.
 #include "services.h"
+#include "tlv.h"
 
 namespace kvn_sim {
+namespace {
 
-void register_nas_service(Handset &h)
-{
-    h.services.add("nas", kServiceNas, std::make_unique<UnsupportedService>());
-}
+constexpr uint16_t kMsgRegisterIndications = 0x0003;
+constexpr uint16_t kMsgBindSubscription = 0x0045;
+constexpr uint16_t kQmiErrMalformed = 0x01;
+constexpr uint16_t kQmiErrInvalidArg = 0x30;
+
+class NasService : public Service {
+public:
+    explicit NasService(Handset &h) : h_(h) {}
+
+    std::vector<uint8_t> handle(const QmiRequest &rq) override
+    {
+        auto tlvs = parse_tlvs(rq.tlvs);
+        switch (rq.msg_id) {
+        case kMsgBindSubscription: {
+            const Tlv *sub = tlvs ? find_tlv(*tlvs, 0x01) : nullptr;
+            if (!sub || sub->value.size() != 1) {
+                h_.note(kLogWarn, "nas: bind subscription without TLV 0x01 u8");
+                return error_reply(rq.msg_id, kQmiErrMalformed);
+            }
+            if (sub->value[0] > 2)
+                return error_reply(rq.msg_id, kQmiErrInvalidArg);
+            return success();
+        }
+        case kMsgRegisterIndications:
+            if (!tlvs) {
+                h_.note(kLogWarn, "nas: register indications with TLVs past the end");
+                return error_reply(rq.msg_id, kQmiErrMalformed);
+            }
+            return success();
+        default:
+            return error_reply(rq.msg_id, kQmiErrInvalidQmiCommand);
+        }
+    }
+
+private:
+    static std::vector<uint8_t> success()
+    {
+        TlvWriter w;
+        w.add_result(0, 0);
+        return w.take();
+    }
+    Handset &h_;
+};
+
+} // namespace
+
+void register_nas_service(Handset &h) { h.services.add("nas", kServiceNas, std::make_unique<NasService>(h)); }
 
 } // namespace kvn_sim

@@ -1,0 +1,491 @@
+// uim_e2e_test.cpp - the SIM card commands of group 5 run as kvn processes
+// against kvn-sim: the card commands over extend command 4 (sub-commands 1-4
+// and 6), the eSIM test (sub-command 10) in every option with and without
+// traces, the EID poll and file, a modem restart between requests, the
+// recovery after three failures, and the UIM requests' bytes on the wire.
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <fstream>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "sim_handset.h"
+
+using kvn_test::ProcessOptions;
+using kvn_test::ProcessResult;
+using kvn_test::SimHandset;
+
+namespace {
+
+/* ---- helpers ---- */
+
+// Trace line numbers, client handles and pointers differ between runs.
+std::string masked(const ProcessResult &r)
+{
+    static const std::regex handle(R"(handle = -?\d+, client_handle)");
+    static const std::regex ptr(R"((0x[0-9a-f]+|\(nil\)))");
+    std::string t = std::regex_replace(kvn_test::mask_trace_lines(r.out), handle, "handle = H, client_handle");
+    return std::regex_replace(t, ptr, "P");
+}
+
+ProcessOptions shell_flag(int on)
+{
+    ProcessOptions o;
+    o.env["PELMOX_SHELL_PRINT_FLAG"] = std::to_string(on);
+    return o;
+}
+
+bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+
+size_t occurrences(const std::string &text, const std::string &part)
+{
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++n;
+    return n;
+}
+
+// The UIM requests of the journal as "msg_id: type=hex type=hex ...".
+std::vector<std::string> uim_requests(const SimHandset &sim)
+{
+    std::vector<std::string> out;
+    for (const auto &line : sim.journal()) {
+        auto j = nlohmann::json::parse(line);
+        if (j["service"] != 11)
+            continue;
+        char head[16];
+        snprintf(head, sizeof(head), "%02x:", int(j["msg_id"]));
+        std::string s = head;
+        for (const auto &t : j["tlvs"]) {
+            char ty[8];
+            snprintf(ty, sizeof(ty), " %02x=", int(t["type"]));
+            s += ty + std::string(t["hex"]);
+        }
+        out.push_back(s);
+    }
+    return out;
+}
+
+size_t count_prefix(const std::vector<std::string> &v, const std::string &prefix)
+{
+    size_t n = 0;
+    for (const auto &s : v)
+        n += s.rfind(prefix, 0) == 0;
+    return n;
+}
+
+void fault(const SimHandset &sim, const std::string &msg, const std::string &kind, int count = 1)
+{
+    auto r = sim.ctl({"fault", "uim", msg, kind, "--count", std::to_string(count)});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+}
+
+std::string esim(const SimHandset &sim, int opt, int debug_on)
+{
+    return masked(sim.kvn({"5", "10", std::to_string(opt), std::to_string(debug_on)}));
+}
+
+const std::string kEid = "89049032123451234512345678901235";
+const char kEidFile[] = "/nv/item_files/modem/uim/uimdrv/esim_eid";
+
+// The extend transport's lines of the first send of a run, and of each send.
+const std::string kOpen = "PELMOX_QMI_NV: qmi_client_get_service_list() returned 0 num_services = 1\n"
+                          "qmi_client_get_service_list, err = 0, num_entries = 1, num_services = 1"
+                          "qmi_client_init, err = 0, handle = H, client_handle = 0QMI client inited\n";
+std::string send_ok(int len)
+{
+    return "pelmox_extend_qmi_send_sync resp_len:" + std::to_string(len) +
+           "\npelmox_extend_qmi_handle_req_cb result:0\n";
+}
+
+const std::string kBanner =
+    "\n=========== blew: kovrin(kvn) cmd help =======================================================\n";
+const std::string kFooter =
+    "=========== above: kovrin(kvn) cmd help =======================================================\n\n";
+
+/* ---- card commands (sub-commands 1-4, 6) ---- */
+
+// One sim, commands in order: each row sees what the rows before it did to
+// the card slots. "~" stands for the transport lines of the send.
+TEST(UimCardCommands, QueryGetSetTypeAndHotSwapInOrder)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    auto sent = [](const char *head, int t, int l, const std::string &tail, int resp) {
+        return std::string(head) + "pelmox_cmn_cmd_send, t: " + std::to_string(t) + ", l: " + std::to_string(l) +
+               "\n" + kOpen + send_ok(resp) + tail;
+    };
+    struct Row {
+        std::vector<std::string> args;
+        int flag;
+        std::string out;
+    } rows[] = {
+        {{"5", "1"}, 1,
+         sent("pelmox_cmn_card_status_query\nparam(cnt: 0):\n\n", 39, 0,
+              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 27 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
+        {{"5", "1"}, 0,
+         sent("param(cnt: 0):\n\n", 39, 0,
+              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 27 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
+        // set_val 5 is sent as 1, sub 1 as 1: slot 2's card in, then out.
+        {{"5", "3", "1", "0", "0"}, 1,
+         sent("pelmox_cmn_card_status_set\nparam(cnt: 3):\n 1 0 0\n", 57, 12,
+              "result = 0, rsp.result = 0\n\ndata len(8)\ndata: 39 00 00 00 00 00 00 00\n", 16)},
+        {{"5", "2", "1"}, 1,
+         sent("pelmox_cmn_card_status_get\nparam(cnt: 1):\n 1\n", 55, 4,
+              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 37 00 00 00 04 00 00 00 00 00 00 00\n", 20)},
+        {{"5", "3", "7", "0", "5"}, 0,
+         sent("param(cnt: 3):\n 1 0 1\n", 57, 12,
+              "result = 0, rsp.result = 0\n\ndata len(8)\ndata: 39 00 00 00 00 00 00 00\n", 16)},
+        {{"5", "2", "1"}, 0,
+         sent("param(cnt: 1):\n 1\n", 55, 4,
+              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 37 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
+        // "0x1" is 0 under atoi: slot 1, present.
+        {{"5", "2", "0x1"}, 0,
+         sent("param(cnt: 1):\n 0\n", 55, 4,
+              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 37 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
+        {{"5", "4"}, 1,
+         sent("pelmox_cmn_card_type_query\nparam(cnt: 0):\n\n", 56, 0,
+              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 38 00 00 00 04 00 00 00 02 00 00 00\n", 20)},
+        // Hot swap: the values go unchanged; the card is out at once.
+        {{"5", "6", "3", "100", "200", "2"}, 1,
+         sent("opt: 3\nparam(cnt: 4):\n 3 100 200 2\n", 80, 16,
+              "result = 0, rsp.result = 0\n\ndata len(8)\ndata: 50 00 00 00 00 00 00 00\n", 16)},
+        {{"5", "1"}, 0,
+         sent("param(cnt: 0):\n\n", 39, 0,
+              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 27 00 00 00 04 00 00 00 00 00 00 00\n", 20)},
+        // Stop: one 0, whatever follows; the card is back.
+        {{"5", "6", "0", "9"}, 1,
+         sent("opt: 0\n", 80, 4, "result = 0, rsp.result = 0\n\ndata len(8)\ndata: 50 00 00 00 00 00 00 00\n", 16)},
+        {{"5", "1"}, 0,
+         sent("param(cnt: 0):\n\n", 39, 0,
+              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 27 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
+        // Sub 2 is sent as 1.
+        {{"5", "2", "2"}, 0,
+         sent("param(cnt: 1):\n 1\n", 55, 4,
+              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 37 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
+    };
+    for (const auto &row : rows) {
+        auto r = sim.kvn(row.args, shell_flag(row.flag));
+        std::string joined;
+        for (const auto &a : row.args)
+            joined += a + " ";
+        EXPECT_EQ(masked(r), row.out) << joined << "flag " << row.flag;
+    }
+    // A one-slot handset: one slot by type, and slot 2 refused.
+    std::ofstream(sim.dir() + "/one.json") << R"({"uim": {"slots": {"1": {}}}})";
+    ASSERT_EQ(sim.ctl({"load", sim.dir() + "/one.json"}).exit_code, 0);
+    EXPECT_EQ(masked(sim.kvn({"5", "4"}, shell_flag(0))),
+              sent("param(cnt: 0):\n\n", 56, 0,
+                   "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 38 00 00 00 04 00 00 00 01 00 00 00\n", 20));
+    std::string out = masked(sim.kvn({"5", "2", "1"}, shell_flag(0)));
+    EXPECT_EQ(out.substr(0, out.find(kBanner)),
+              sent("param(cnt: 1):\n 1\n", 55, 4, "result = 0, rsp.result = 1\nrsp.result fail\n", 16));
+}
+
+// Wrong argument counts: the note (whatever the flag), nothing sent; the
+// dispatcher's error note follows the flag, the help does not.
+TEST(UimCardCommands, WrongCountsAndTransportFailure)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    const std::string help5_head = kBanner + "5: cmn option cmd: \n";
+    struct Row {
+        std::vector<std::string> args;
+        int flag;
+        std::string head; // output up to the help banner
+    } rows[] = {
+        {{"5", "2"}, 1,
+         "pelmox_cmn_card_status_get\n\nnote: need 4 inputs, Pls refer to the following cmd:\n"
+         "\nnote: Error happen! error_code(268431370)\n"},
+        {{"5", "3", "1", "0"}, 0, "\nnote: need 6 inputs, Pls refer to the following cmd:\n"},
+        {{"5", "1", "0"}, 0, "\nnote: need 3 inputs, Pls refer to the following cmd:\n"},
+        {{"5", "6"}, 1,
+         "\nnote: need 4 inputs at least, Pls refer to the following cmd:\n"
+         "\nnote: Error happen! error_code(268431370)\n"},
+        {{"5", "6", "1", "2"}, 0, "opt: 1\n\nnote: need 7 inputs, Pls refer to the following cmd:\n"},
+    };
+    for (const auto &row : rows) {
+        auto r = sim.kvn(row.args, shell_flag(row.flag));
+        std::string out = masked(r);
+        EXPECT_EQ(out.substr(0, out.find(kBanner)), row.head) << row.args.size();
+        EXPECT_TRUE(contains(out, help5_head)) << out;
+    }
+    sim.clear_journal();
+    EXPECT_TRUE(sim.journal().empty());
+
+    // The vendor service gone: the send fails, its result is the error code.
+    ASSERT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
+    std::string out = masked(sim.kvn({"5", "4"}, shell_flag(0)));
+    EXPECT_TRUE(contains(out, "result = -2, rsp.result = 0\npelmox_extend_qmi_send_sync fail\n")) << out;
+}
+
+/* ---- eSIM test: every option, traces off ---- */
+
+TEST(UimEsim, EveryOptionWithTracesOff)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    std::string save = "save eid efs result = 0\n";
+    struct Row {
+        int opt;
+        std::string out;
+    } rows[] = {
+        {4, "PRESENT,PRESENT\n"},
+        {3, "value=FAILED\n"}, // slot 2 runs on its physical card: no EID
+        {1, kOpen + send_ok(16) + send_ok(444) + send_ok(444) + "eID=" + kEid + "\n"},
+        {4, "PRESENT,PRESENT\n"},
+        {3, "eID=" + kEid + "\n"},
+        {5, "value=SUCCEED\n"},
+        {5, "value=SUCCEED\n"},
+        {2, kOpen + send_ok(16) + "value=SUCCEED\n"},
+        {3, "value=FAILED\n"},
+        {0, "value=FAILED\n"},
+        {6, "value=FAILED\n"},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(esim(sim, row.opt, 0), row.out) << "option " << row.opt;
+    // Too few arguments: nothing printed, the dispatcher's note and help.
+    std::string out = masked(sim.kvn({"5", "10", "1"}, shell_flag(0)));
+    EXPECT_EQ(out.substr(0, out.find(kBanner)), "");
+}
+
+/* ---- eSIM test: traces on ---- */
+
+TEST(UimEsim, CardStatesAndResetWithTraces)
+{
+    SimHandset sim(R"({"uim": {"slots": {"1": {"card": "absent"},
+        "2": {"selected": "euicc", "euicc": {"eid": ")" + kEid + R"(", "profiles": 0}}}}})");
+    ASSERT_TRUE(sim.started());
+    EXPECT_EQ(esim(sim, 4, 1),
+              "RIL[pelmox_cmn_esim_test:N]: try get simcard status\n"
+              "RIL[pelmox_uim_get_card_status:N]: function entry ------------->\n"
+              "RIL[init_uim_qmi_client:N]: init_uim_qmi_client P\n"
+              "RIL[pelmox_uim_get_card_status:N]: pelmox_uim_get_card_status try init_uim_qmi_client P\n"
+              "RIL[pelmox_uim_get_card_status:N]: pelmox_uim_get_card_status uim_qmi_client P\n"
+              "RIL[pelmox_uim_get_card_status:N]: pelmox_uim_get_card_status check response\n"
+              "RIL[pelmox_uim_get_card_status:N]: SIM[0] State = 0\n"
+              "RIL[pelmox_uim_get_card_status:N]: SIM[1] State = 1\n"
+              "RIL[pelmox_uim_get_card_status:N]: function exit <-------------\n"
+              "RIL[pelmox_cmn_esim_test:N]: card_status, [0, 1]\n"
+              "ABSENT,PRESENT\n");
+    EXPECT_EQ(esim(sim, 5, 1),
+              "RIL[pelmox_cmn_esim_test:N]: Start eUICC Reset\n"
+              "RIL[pelmox_uim_open_channel:N]: function entry ------------->\n"
+              "RIL[init_uim_qmi_client:N]: init_uim_qmi_client P\n"
+              "RIL[pelmox_uim_open_channel:N]: pelmox_uim_open_channel try init_uim_qmi_client P\n"
+              "RIL[pelmox_uim_open_channel:N]: pelmox_uim_open_channel uim_qmi_client P\n"
+              "RIL[pelmox_uim_open_channel:N]: pelmox_uim_open_channel successfully\n"
+              "RIL[pelmox_uim_open_channel:N]: function exit <-------------\n"
+              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_open_channel res = 0, channel_id = 1\n"
+              "RIL[pelmox_uim_send_apdu:N]: function entry ------------->\n"
+              "RIL[pelmox_uim_send_apdu:N]: pelmox_uim_close_channel uim_qmi_client P\n"
+              "RIL[pelmox_uim_send_apdu:N]: pelmox_uim_send_apdu apdu_len = 13\n"
+              "RIL[pelmox_uim_send_apdu:N]: pelmox_uim_send_apdu successfully\n"
+              "RIL[pelmox_uim_send_apdu:N]: function exit <-------------\n"
+              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_send_apdu res = 0\n"
+              "RIL[pelmox_cmn_esim_test:N]: apdu=08bf34038001019000\n"
+              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_send_apdu, nothing to delete.\n"
+              "RIL[pelmox_uim_close_channel:N]: function entry ------------->\n"
+              "RIL[pelmox_uim_close_channel:N]: pelmox_uim_close_channel uim_qmi_client P\n"
+              "RIL[pelmox_uim_close_channel:N]: pelmox_uim_close_channel successfully\n"
+              "RIL[pelmox_uim_close_channel:N]: function exit <-------------\n"
+              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_close_channel res = 0\n"
+              "value=SUCCEED\n");
+    // A close the card rejects still returns 0, without its success line.
+    fault(sim, "0x3f", "qmi-error=48");
+    std::string out = esim(sim, 5, 1);
+    EXPECT_FALSE(contains(out, "pelmox_uim_close_channel successfully")) << out;
+    EXPECT_TRUE(contains(out, "pelmox_uim_close_channel res = 0\nvalue=SUCCEED\n")) << out;
+    // Options 0 and 6.
+    EXPECT_EQ(esim(sim, 0, 1), "RIL[pelmox_cmn_esim_test:N]: invalid input skip\nvalue=FAILED\n");
+    EXPECT_EQ(esim(sim, 6, 1), "RIL[pelmox_cmn_esim_test:N]: invalid input skip\nvalue=FAILED\n");
+}
+
+// Option 1 with an eUICC that answers on the fifth attempt: five polls, one
+// check, one file write on a fresh handset and none on the next run.
+TEST(UimEsim, EidOnFifthAttemptStoredOnce)
+{
+    SimHandset sim(R"({"uim": {"slots": {"1": {}, "2": {"euicc": {"eid": ")" + kEid +
+                   R"(", "eid_ready_after": 4}}}}})");
+    ASSERT_TRUE(sim.started());
+    std::string out = esim(sim, 1, 1);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_TRUE(contains(out, "try get eid loop = " + std::to_string(i) + "\n")) << i;
+    EXPECT_FALSE(contains(out, "try get eid loop = 5"));
+    EXPECT_EQ(occurrences(out, "check whether eid valid"), 1u);
+    EXPECT_TRUE(contains(out, "RIL[save_eid_to_efs:N]: efs read failed and try save it. error_code : -2\n\n"
+                              "RIL[pelmox_efs_write:N]: function entry"))
+        << out;
+    EXPECT_TRUE(contains(out, "save eid efs result = 0\n"
+                              "RIL[save_eid_to_efs:N]: save eid successfully, set IS_EID_SAVE TRUE\n\n"
+                              "eID=" +
+                              kEid + "\n"))
+        << out;
+    auto reqs = uim_requests(sim);
+    EXPECT_EQ(count_prefix(reqs, "65:"), 5u);
+    auto file = sim.ctl({"efs", "get", "1", kEidFile});
+    EXPECT_EQ(file.exit_code, 0);
+    EXPECT_EQ(file.out, std::string("\x89\x04\x90\x32\x12\x34\x51\x23\x45\x12\x34\x56\x78\x90\x12\x35", 16));
+
+    // Next run: the file reads back, nothing is written; traces off leave
+    // only the transport lines and the result line.
+    out = esim(sim, 1, 0);
+    EXPECT_EQ(out, kOpen + send_ok(16) + send_ok(444) + "eID=" + kEid + "\n");
+}
+
+TEST(UimEsim, EidNeverReadyBadCheckAndOptionThreeAttempts)
+{
+    SimHandset sim(R"({"uim": {"slots": {"1": {}, "2": {"selected": "euicc",
+        "euicc": {"eid": "89049032123451234512345678901234", "eid_ready_after": 2}}}}})");
+    ASSERT_TRUE(sim.started());
+    // Option 3: two attempts, both not ready; nothing stored.
+    sim.clear_journal();
+    EXPECT_EQ(esim(sim, 3, 0), "value=FAILED\n");
+    EXPECT_EQ(count_prefix(uim_requests(sim), "65:"), 2u);
+    // The third request since power up is answered: remainder 0 fails the check.
+    EXPECT_EQ(esim(sim, 3, 0), "eID=89049032123451234512345678901234\n");
+    std::string out = esim(sim, 1, 0);
+    EXPECT_EQ(out.substr(out.rfind("\n", out.size() - 2) + 1),
+              "value=FAILED - 89049032123451234512345678901234\n");
+    EXPECT_NE(sim.ctl({"efs", "get", "1", kEidFile}).exit_code, 0);
+
+    // Never ready: 30 attempts, then the timeout.
+    std::string never = R"({"uim": {"slots": {"1": {}, "2": {"euicc": {"eid": ")" + kEid +
+                        R"(", "eid_ready_after": 1000}}}}})";
+    std::ofstream(sim.dir() + "/never.json") << never;
+    ASSERT_EQ(sim.ctl({"load", sim.dir() + "/never.json"}).exit_code, 0);
+    sim.clear_journal();
+    out = esim(sim, 1, 1);
+    EXPECT_TRUE(contains(out, "try get eid loop = 29\n"));
+    EXPECT_TRUE(contains(out, "RIL[pelmox_cmn_esim_test:N]: get eid timeout\nvalue=FAILED\n")) << out;
+    EXPECT_EQ(count_prefix(uim_requests(sim), "65:"), 30u);
+}
+
+// Card status: only TLV 0x13 counts; a refusal reads UNKNOWN, only a
+// transport failure fails; a powered-down slot reports an error.
+TEST(UimEsim, CardStatusSources)
+{
+    SimHandset sim(R"({"uim": {"slots": {"1": {"power": "down"}}, "extended_card_status": false}})");
+    ASSERT_TRUE(sim.started());
+    EXPECT_EQ(esim(sim, 4, 0), "UNKNOWN,UNKNOWN\n");
+    std::ofstream(sim.dir() + "/ext.json") << R"({"uim": {"extended_card_status": true}})";
+    ASSERT_EQ(sim.ctl({"load", sim.dir() + "/ext.json"}).exit_code, 0);
+    EXPECT_EQ(esim(sim, 4, 0), "ERROR,UNKNOWN\n");
+    fault(sim, "0x2f", "qmi-error=3");
+    EXPECT_EQ(esim(sim, 4, 0), "UNKNOWN,UNKNOWN\n");
+    fault(sim, "0x2f", "truncate");
+    EXPECT_EQ(esim(sim, 4, 0), "value=FAILED\n");
+}
+
+// A modem restart between requests closes the channels a failed reset left
+// open; the next run finds the service back and channel 1 free again.
+TEST(UimEsim, RestartClosesChannelsAndTheNextRequestRecovers)
+{
+    SimHandset sim(R"({"uim": {"slots": {"1": {}, "2": {"selected": "euicc",
+        "euicc": {"eid": ")" + kEid + R"("}}}}})");
+    ASSERT_TRUE(sim.started());
+    for (int channel = 1; channel <= 3; ++channel) {
+        fault(sim, "0x3b", "qmi-error=3");
+        std::string out = esim(sim, 5, 1);
+        EXPECT_TRUE(contains(out, "channel_id = " + std::to_string(channel) + "\n")) << out;
+        EXPECT_TRUE(contains(out, "pelmox_uim_send_apdu failed\n")) << out;
+    }
+    // All three open: the card refuses a fourth.
+    std::string out = esim(sim, 5, 1);
+    EXPECT_TRUE(contains(out, "pelmox_uim_open_channel failed\n")) << out;
+    EXPECT_TRUE(contains(out, "pelmox_uim_open_channel res = -1, channel_id = 255\nvalue=FAILED\n")) << out;
+
+    ASSERT_EQ(sim.ctl({"ssr", "300"}).exit_code, 0);
+    out = esim(sim, 5, 1);
+    EXPECT_TRUE(contains(out, "pelmox_uim_open_channel res = 0, channel_id = 1\n")) << out;
+    EXPECT_TRUE(contains(out, "delete profile successfully.\n")) << out;
+    EXPECT_TRUE(contains(out, "value=SUCCEED\n")) << out;
+
+    // `service uim down` does the same.
+    fault(sim, "0x3b", "qmi-error=3");
+    EXPECT_EQ(esim(sim, 5, 0), "value=FAILED\n");
+    ASSERT_EQ(sim.ctl({"service", "uim", "down"}).exit_code, 0);
+    ASSERT_EQ(sim.ctl({"service", "uim", "up"}).exit_code, 0);
+    out = esim(sim, 5, 1);
+    EXPECT_TRUE(contains(out, "channel_id = 1\n")) << out;
+}
+
+// Three failed EID requests: the third releases the client, the fourth
+// creates a new one and gets the EID.
+TEST(UimEsim, ThreeFailedRequestsThenRecovery)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    fault(sim, "0x65", "truncate", 3);
+    std::string out = esim(sim, 1, 1);
+    EXPECT_EQ(occurrences(out, "QMI error, try recovery"), 1u) << out;
+    size_t release = out.find("RIL[pelmox_uim_request_eid:N]: QMI error, try recovery\n"
+                              "RIL[uim_qmi_client_recovery:N]: uim_qmi_client_recovery qmi_client_release P\n"
+                              "RIL[uim_qmi_client_recovery:N]: function exit <-------------\n"
+                              "RIL[pelmox_uim_request_eid:N]: function exit <-------------\n");
+    ASSERT_NE(release, std::string::npos) << out;
+    EXPECT_LT(out.find("try get eid loop = 2"), release);
+    EXPECT_GT(out.find("try get eid loop = 3"), release);
+    EXPECT_TRUE(contains(out.substr(release), "pelmox_uim_request_eid try init_uim_qmi_client P\n"));
+    EXPECT_TRUE(contains(out, "eID=" + kEid + "\n"));
+}
+
+/* ---- the UIM requests on the wire ---- */
+
+TEST(UimWire, PowerChannelApduAndCloseBytes)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    sim.clear_journal();
+    esim(sim, 2, 0); // power down/up for the physical card
+    esim(sim, 1, 0); // and for the eUICC
+    esim(sim, 5, 0);
+    esim(sim, 4, 0);
+    auto reqs = uim_requests(sim);
+    std::vector<std::string> want = {
+        "30: 01=02",
+        "31: 01=02 10=00 11=00",
+        "30: 01=02",
+        "31: 01=02 10=01 11=00",
+        "65: 01=02",
+        "42: 01=02 10=10a0000005591010ffffffff8900000100 11=01",
+        "3b: 01=02 02=0d0080e2910007bf3404820205e000 10=01 11=01",
+        "3f: 01=02 11=01 13=00",
+        "2f: 10=01",
+    };
+    EXPECT_EQ(reqs, want);
+}
+
+/* ---- the scenario key ---- */
+
+TEST(UimScenario, BadDocumentsAreRefusedWithTheirPath)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    struct Row {
+        const char *doc;
+        const char *error;
+    } rows[] = {
+        {R"({"uim": {"slots": {"1": {"cardd": "present"}}}})", "unknown key \"uim.slots.1.cardd\""},
+        {R"({"uim": {"slot": {}}})", "unknown key \"uim.slot\""},
+        {R"({"uim": {"slots": {"2": {}}}})", "\"uim.slots\" needs slot \"1\""},
+        {R"({"uim": {"slots": {"1": {}, "3": {}}}})", "unknown key \"uim.slots.3\""},
+        {R"({"uim": {"slots": {"1": {"selected": "euicc"}}}})", "\"uim.slots.1.selected\" is \"euicc\""},
+        {R"({"uim": {"slots": {"1": {"euicc": {"eid": "89"}}}}})", "\"uim.slots.1.euicc.eid\" must be 32 hex"},
+        {R"({"uim": {"slots": {"1": {"euicc": {"profiles": 1}}}}})", "\"uim.slots.1.euicc\" needs \"eid\""},
+        {R"({"uim": {"slots": {"1": {"power": "off"}}}})", "\"uim.slots.1.power\" must be one of down, up"},
+        {R"({"uim": {"extended_card_status": 1}})", "\"uim.extended_card_status\" must be true or false"},
+    };
+    for (const auto &row : rows) {
+        std::ofstream(sim.dir() + "/bad.json") << row.doc;
+        auto r = sim.ctl({"load", sim.dir() + "/bad.json"});
+        EXPECT_NE(r.exit_code, 0) << row.doc;
+        EXPECT_TRUE(contains(r.err, row.error)) << row.doc << " -> " << r.err;
+    }
+    // Nothing changed: the default handset's two cards.
+    EXPECT_EQ(esim(sim, 4, 0), "PRESENT,PRESENT\n");
+}
+
+} // namespace

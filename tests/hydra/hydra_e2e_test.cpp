@@ -1,0 +1,287 @@
+// hydra_e2e_test.cpp - kvn run as a process against a kvn-sim: group 9 with
+// every option on both subscriptions and every way a statistic can be
+// refused, the statistics service absent, and the SAR DSI query of group 5,
+// compared on the whole output and on what went over the wire.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "../shell/help_text.h"
+#include "hydra_sim.h"
+
+using namespace hydra_test;
+using kvn_test::ProcessOptions;
+using kvn_test::SimHandset;
+
+namespace {
+
+/* ---- statistic records and their lines ---- */
+
+std::string f4g()
+{
+    Pack p;
+    p.u8(1).u8(2).u32(39150).u16(65535).u8(1).u16(32769);
+    for (int rx = 0; rx < 4; ++rx)
+        p.f32(-90.5f - rx).f32(-10.25f).f32(-60.75f - rx).f32(3.5f + rx);
+    return p.u8(0xEE).hex(); // a byte past the layout, ignored
+}
+const char k4gLine[] =
+    "ASDIV DATA: earfcn: 39150, pci: 65535, rx_valid: 32769, rsrp_rx0: -90.50, rsrq_rx0: -10.25, rssi_rx0: -60.75, "
+    "snr_rx0: 3.50, rsrp_rx1: -91.50, rsrq_rx1: -10.25, rssi_rx1: -61.75, snr_rx1: 4.50, rsrp_rx2: -92.50, "
+    "rsrq_rx2: -10.25, rssi_rx2: -62.75, snr_rx2: 5.50, rsrp_rx3: -93.50, rsrq_rx3: -10.25, rssi_rx3: -63.75, "
+    "snr_rx3: 6.50\n";
+std::string f5g_rsrp() { return Pack().u32(7).f32(-88.5f).f32(-89.25f).f32(-91).f32(-92.75f).f32(-11.5f).hex(); }
+const char k5gRsrpLine[] = "ASDIV DATA: rsrp_rx0: -88.50, rsrp_rx1: -89.25, rsrp_rx2: -91.00, rsrp_rx3: -92.75, rsrq: -11.50\n";
+
+struct Option {
+    int opt;
+    uint32_t id;
+    std::string data;
+    std::string line;
+};
+
+std::vector<Option> options()
+{
+    std::vector<Option> v;
+    const uint32_t ids4g[] = {82, 103, 104, 105, 106, 107, 108};
+    for (int o = 0; o < 7; ++o)
+        v.push_back({o, ids4g[o], f4g(), k4gLine});
+    v.push_back({7, 94, Pack().u32(7).f32(-60.25f).f32(-61.5f).f32(-63.75f).f32(-64).hex(),
+                 "ASDIV DATA: rssi_rx0: -60.25, rssi_rx1: -61.50, rssi_rx2: -63.75, rssi_rx3: -64.00\n"});
+    v.push_back({8, 112, Pack().u32(7).f32(18.5f).f32(17.25f).f32(-1).f32(0.25f).hex(),
+                 "ASDIV DATA: snr_rx0: 18.50, snr_rx1: 17.25, snr_rx2: -1.00, snr_rx3: 0.25\n"});
+    Pack ant;
+    ant.u32(7);
+    for (uint8_t i = 0; i < 11; ++i)
+        ant.u8(i);
+    v.push_back({9, 113, ant.u8(255).hex(),
+                 "ASDIV DATA: ant_rx_0_old = 0, ant_rx_0_new = 1, ant_rx_1_old = 2, ant_rx_1_new = 3, ant_rx_2_old = 4, "
+                 "ant_rx_2_new = 5, ant_rx_3_old = 6, ant_rx_3_new = 7, ant_tx_0_old = 8, ant_tx_0_new = 9, "
+                 "ant_tx_1_old = 10, ant_tx_1_new = 255\n"});
+    v.push_back({10, 135, f5g_rsrp(), k5gRsrpLine});
+    v.push_back({11, 6, f5g_rsrp(), k5gRsrpLine});
+    v.push_back({12, 7, f5g_rsrp(), k5gRsrpLine});
+    v.push_back({20, 110, Pack().u8(1).f32(-70.5f).f32(-72.25f).hex(), "ASDIV DATA: rx_agc_0: -70.50, rx_agc_1: -72.25\n"});
+    v.push_back({21, 111, Pack().u8(1).f32(-75).f32(-77.5f).hex(), "ASDIV DATA: rx_prx: -75.00, rx_drx: -77.50\n"});
+    v.push_back({30, 100, Pack().u8(1).u8(4).u16(513).u16(65535).u8(0).u8(200).hex(),
+                 "ANT INFO: ant_num: 4, ant_path: 513, sig_path: 65535, old_config: 0, new_config: 200\n"});
+    return v;
+}
+
+std::string le_hex(uint32_t v, int bytes)
+{
+    Pack p;
+    for (int i = 0; i < bytes; ++i)
+        p.u8(uint8_t(v >> (8 * i)));
+    return p.hex();
+}
+
+std::string start_line(const std::string &opt, const std::string &sub, int id = 0)
+{
+    return "opt = " + opt + ", sub = " + sub + ", g_hydra_client_id = " + std::to_string(id) + "\n";
+}
+
+std::string success(int sub, uint32_t id, size_t len)
+{
+    return "Success to get data, number = 1, sub = " + std::to_string(sub) + ", ret id_num = 1, id = " +
+           std::to_string(id) + ", data_len = " + std::to_string(len) + "\n";
+}
+
+/* ---- group 9 ---- */
+
+// Every option on both subscriptions: the whole output, the feature switch
+// (TLV 0x01 = 2, 0x02 = 1, 0x10 = 1) and one statistics request with request
+// number 1; option 30 asks subscription 0 whatever was given.
+TEST(Group9, EveryOptionOnBothSubscriptions)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    std::string stats;
+    for (const auto &o : options())
+        stats += (stats.empty() ? "\"" : ", \"") + std::to_string(o.id) + "\": \"" + o.data + "\"";
+    load(sim, R"({"vs_stats": {"0": {)" + stats + R"(}, "1": {)" + stats + "}}}");
+    const std::map<int, std::string> feature{{1, "02000000"}, {2, "01"}, {0x10, "01"}};
+    for (const auto &o : options()) {
+        for (int sub : {0, 1}) {
+            sim.clear_journal();
+            auto r = sim.kvn({"9", std::to_string(o.opt), std::to_string(sub)});
+            int asked = o.opt == 30 ? 0 : sub;
+            EXPECT_EQ(r.out, start_line(std::to_string(o.opt), std::to_string(sub)) +
+                                 success(asked, o.id, o.data.size() / 2) + o.line)
+                << "option " << o.opt << " sub " << sub;
+            auto reqs = requests(sim, 0xE4);
+            ASSERT_EQ(reqs.size(), 2u);
+            EXPECT_EQ(reqs[0].msg_id, 0x0003);
+            EXPECT_EQ(reqs[0].tlvs, feature);
+            const std::map<int, std::string> stat{{1, le_hex(asked, 2)}, {2, "0100"}, {3, "01" + le_hex(o.id, 4)}};
+            EXPECT_EQ(reqs[1].msg_id, 0x0207);
+            EXPECT_EQ(reqs[1].tlvs, stat) << "option " << o.opt << " sub " << sub;
+        }
+    }
+}
+
+// Statistics the tool refuses or cannot read to the end, modem refusals, and
+// arguments refused before the request: the output after the start line.
+TEST(Group9, RefusedStatistics)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    auto rec = [](int sub, int id, const std::string &hex) {
+        return R"({"sub": )" + std::to_string(sub) + R"(, "id": )" + std::to_string(id) + R"(, "data": ")" + hex + "\"}";
+    };
+    auto records = [](const std::string &list) { return R"({"records": [)" + list + "]}"; };
+    std::string short4g = f4g().substr(0, 2 * 74);
+    const struct {
+        const char *what;
+        std::string value; // vs_stats value of the asked id on subscription 0
+        std::vector<std::string> args;
+        std::vector<std::string> fault; // kvn-sim fault arguments, if any
+        std::string out;
+    } cases[] = {
+        {"12-byte 5G RSSI", "\"" + Pack().u32(1).f32(1).f32(2).hex() + "\"", {"9", "7", "0"}, {},
+         success(0, 94, 12) + "g_hydra_data_left(0) is not enough for rssi2, id(0x5e)\n"},
+        {"74-byte 4G record", "\"" + short4g + "\"", {"9", "0", "0"}, {},
+         success(0, 82, 74) + "g_hydra_data_left(3) is not enough for snr_rx3, id(0x52)\n"},
+        {"1-byte antenna information", "\"01\"", {"9", "30", "0"}, {},
+         success(0, 100, 1) + "g_hydra_data_left(0) is not enough for ant_number, id(0x64)\n"},
+        {"empty data", records(rec(0, 82, "")), {"9", "0", "0"}, {},
+         "Fail to get data, data_len(0) is invalid, should be in (0, 700], number = 1, sub = 0, ret id_num = 1, "
+         "id = 82\n"},
+        {"701 bytes", records(rec(0, 82, std::string(1402, '1'))), {"9", "0", "0"}, {},
+         "Fail to get data fail, number = 1, ret = 1, sub = 0, id = 82\n"},
+        {"another id", records(rec(0, 83, "01")), {"9", "0", "0"}, {},
+         "Fail to get data, ret_id(83) is invalid, number = 1, sub = 0, ret id_num = 1, id = 82\n"},
+        {"another subscription", records(rec(1, 82, "01")), {"9", "0", "0"}, {},
+         "Fail to get data, ret_sub(1) is invalid, number = 1, sub = 0, ret id_num = 1, id = 82\n"},
+        {"two records", records(rec(0, 82, "01") + "," + rec(0, 82, "02")), {"9", "0", "0"}, {},
+         "Fail to get data, id num error, number = 1, sub = 0, ret id_num = 2, id = 82\n"},
+        {"no record", records(""), {"9", "0", "0"}, {},
+         "Fail to get data, empty, number = 1, sub = 0, ret id_num = 0, id = 82\n"},
+        {"modem not ready", "\"" + f4g() + "\"", {"9", "0", "0"}, {"fault", "vs", "0x0207", "qmi-error=52"},
+         "Fail to get data fail, number = 1, ret = 8, sub = 0, id = 82\n"},
+        {"subscription 2", "\"01\"", {"9", "0", "2"}, {}, "modem_api_get_stats_parameter, sub(2) is invalid\n"},
+        {"subscription -1", "\"01\"", {"9", "0", "-1"}, {}, "modem_api_get_stats_parameter, sub(-1) is invalid\n"},
+        {"option 13", "\"01\"", {"9", "13", "1"}, {}, "pelmox_test_qmi_modem_stats_hdl: Unknown opt(13), sub(1)\n"},
+    };
+    for (const auto &c : cases) {
+        const char *id = c.args[1] == "7" ? "94" : c.args[1] == "30" ? "100" : "82";
+        load(sim, R"({"vs_stats": {"0": {")" + std::string(id) + "\": " + c.value + "}}}");
+        if (!c.fault.empty()) {
+            ASSERT_EQ(sim.ctl(c.fault).exit_code, 0);
+        }
+        sim.clear_journal();
+        auto r = sim.kvn(c.args);
+        EXPECT_EQ(r.out, start_line(c.args[1], c.args[2]) + c.out) << c.what;
+        // The feature switch always goes out; the statistics request only when
+        // the subscription and option pass.
+        size_t want = c.args[2] == "0" && c.args[1] != "13" ? 2 : 1;
+        EXPECT_EQ(requests(sim, 0xE4).size(), want) << c.what;
+    }
+    // The client was freed after the unknown option as after every run.
+    auto log = hydra_log(sim);
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(log.back(), "modem_api_operational_status_cb: client type 0, client id 0, operational_status 0");
+}
+
+// A refused feature switch is reported and the run goes on; too few
+// arguments print the note under the shell flag, and the help always.
+TEST(Group9, FeatureRefusalAndUsage)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    load(sim, R"({"vs_stats": {"1": {"94": ")" + Pack().u32(1).f32(1).f32(2).f32(3).f32(4).hex() + "\"}}}");
+    ASSERT_EQ(sim.ctl({"fault", "vs", "3", "qmi-error=94"}).exit_code, 0);
+    auto r = sim.kvn({"9", "7", "1"});
+    EXPECT_EQ(r.out, "modem_api_set_hydra_feature_status, start fail, result = 4\n" + start_line("7", "1") +
+                         success(1, 94, 20) +
+                         "ASDIV DATA: rssi_rx0: 1.00, rssi_rx1: 2.00, rssi_rx2: 3.00, rssi_rx3: 4.00\n");
+
+    const std::string help = help_text::for_group(9);
+    EXPECT_EQ(sim.kvn({"9", "0"}).out, "\nnote: Too few parameters, Pls refer to the following cmd:\n" + help);
+    ProcessOptions quiet;
+    quiet.env["PELMOX_SHELL_PRINT_FLAG"] = "0";
+    EXPECT_EQ(sim.kvn({"9"}, quiet).out, help);
+}
+
+// With the statistics service absent the client is tried 10 times a second
+// apart, reported failed, and the request is refused for want of a client.
+TEST(Group9, StatisticsServiceAbsent)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    ASSERT_EQ(sim.ctl({"service", "vs", "down"}).exit_code, 0);
+    auto r = sim.kvn({"9", "0", "0"});
+    EXPECT_EQ(r.out, "modem_api_set_hydra_feature_status, start fail, result = 7\n" + start_line("0", "0", -1) +
+                         "hydra qmi is not yet inited\n");
+    auto log = hydra_log(sim);
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(count_lines(log, "vs_client_init_client_handles: Trying qmi_client_init_instance() try # " +
+                                       std::to_string(i) + " port[65535]"),
+                  1u)
+            << i;
+    EXPECT_EQ(count_lines(log, "vs_client_init_client_handles: Trying qmi_client_init_instance() try # 10 port[65535]"),
+              0u);
+    EXPECT_EQ(count_lines(log, "vs_client_init_client_handles: qmi_client_init_instance returned failure(-3)"), 1u);
+    EXPECT_EQ(count_lines(log, "modem_api_operational_status_cb: client type 0, client id 0, operational_status 2"), 1u);
+    // Levels 2, 3 and 4 reach the log as INFO, DEBUG and ERROR.
+    const std::string logcat = sim.ctl({"logcat"}).out;
+    for (const char *line : {" I HYDRA: vs_client_init_client_handles: Trying qmi_client_init_instance() try # 9",
+                             " D HYDRA: vs_client_init_client_handles: qmi_client_init_instance returned (-3)",
+                             " E HYDRA: vs_client_init_client_handles: qmi_client_init_instance returned failure(-3)"})
+        EXPECT_NE(logcat.find(line), std::string::npos) << line;
+}
+
+/* ---- SAR DSI (group 5, sub-command 5) ---- */
+
+// With the shell flag off nothing is sent or printed; on, the query traces in
+// the vendor QMI style (to the log as well when the log flag is 1) and
+// prints the value, also when the modem leaves the state out; with the SAR
+// service absent it prints -1 without an exit trace.
+TEST(SarDsi, QueryAsTheShellFlagSays)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    ProcessOptions quiet;
+    quiet.env["PELMOX_SHELL_PRINT_FLAG"] = "0";
+    sim.clear_journal();
+    EXPECT_EQ(sim.kvn({"5", "5"}, quiet).out, "");
+    EXPECT_TRUE(sim.journal().empty());
+
+    const std::string entry = "RIL[pelmox_get_sar_dsi:N]: function entry ------------->\n";
+    const std::string exit = "RIL[pelmox_get_sar_dsi:N]: function exit <-------------\n";
+    const struct {
+        const char *scenario;
+        bool down;
+        std::string out;
+    } cases[] = {
+        {R"({"sar_dsi": 7})", false, entry + "RIL[pelmox_get_sar_dsi:N]: dsi vailid = 1 , dsi value = 7\n" + exit +
+                                         "SAR DSI: 7\n"},
+        {R"({"sar_dsi": null})", false, entry + "RIL[pelmox_get_sar_dsi:N]: dsi vailid = 0 , dsi value = 0\n" + exit +
+                                            "SAR DSI: 0\n"},
+        {R"({"sar_dsi": 0})", true, entry +
+                                        "RIL[pelmox_get_sar_dsi:N]: qmi_client_init_instance failed, "
+                                        "qmi_client_error = -3\nSAR DSI: -1\n"},
+    };
+    for (const auto &c : cases) {
+        load(sim, c.scenario);
+        ASSERT_EQ(sim.ctl({"service", "sar", c.down ? "down" : "up"}).exit_code, 0);
+        sim.clear_journal();
+        ProcessOptions logged;
+        logged.env["PELMOX_PRINT_FLAG"] = "1";
+        EXPECT_EQ(kvn_test::mask_trace_lines(sim.kvn({"5", "5"}, logged).out), c.out) << c.scenario;
+        auto sar = requests(sim, 0x11);
+        ASSERT_EQ(sar.size(), c.down ? 0u : 1u) << c.scenario;
+        if (!c.down) {
+            EXPECT_EQ(sar[0].msg_id, 2);
+            EXPECT_TRUE(sar[0].tlvs.empty());
+        }
+    }
+    auto log = hydra_log(sim, "pelmox");
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(kvn_test::mask_trace_lines(log.back()),
+              "SUB[shell][pelmox_extend_cmn:N] pelmox_get_sar_dsi: qmi_client_init_instance failed, "
+              "qmi_client_error = -3");
+}
+
+} // namespace

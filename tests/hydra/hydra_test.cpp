@@ -1,0 +1,468 @@
+// hydra_test.cpp - the hydra modem API and its service clients in-process
+// against a kvn-sim: the error map, the log formatter, the vs service
+// object, opening and refusing clients, statistics fetches the codec refuses,
+// indications turned into events (and the clamps of the event builder), and
+// the SAR/NAS clients across a modem restart and repeated service-down
+// events.
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "hydra_clients.h"
+#include "hydra_log.h"
+#include "hydra_sim.h"
+#include "modem_api.h"
+#include "specific_absorption_rate_v01.h"
+#include "vs_client.h"
+#include "vs_service_v01.h"
+
+using namespace hydra_test;
+
+namespace {
+
+class SimEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        sim_ = std::make_unique<kvn_test::SimHandset>();
+        setenv("KVN_SIM_SOCKET", sim_->socket().c_str(), 1);
+    }
+    void TearDown() override { sim_.reset(); }
+    static inline std::unique_ptr<kvn_test::SimHandset> sim_;
+};
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new SimEnvironment);
+kvn_test::SimHandset &sim() { return *SimEnvironment::sim_; }
+
+/* ---- what the callbacks saw ---- */
+
+struct Seen {
+    std::mutex mu;
+    std::vector<std::pair<uint32_t, std::vector<uint8_t>>> events;
+    std::vector<std::pair<int, int>> statuses; // (code, client type)
+};
+Seen g_seen;
+
+void record_event(uint32_t id, void *rec, uint32_t len)
+{
+    std::lock_guard<std::mutex> l(g_seen.mu);
+    auto *p = static_cast<uint8_t *>(rec);
+    g_seen.events.push_back({id, std::vector<uint8_t>(p, p + len)});
+}
+
+void record_status(int code, int type)
+{
+    std::lock_guard<std::mutex> l(g_seen.mu);
+    g_seen.statuses.push_back({code, type});
+}
+
+// HYDRA log lines since the current test began (tests share one handset
+// when the program runs them all).
+size_t g_log_base = 0;
+std::vector<std::string> fresh_log()
+{
+    auto all = hydra_log(sim());
+    return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(std::min(g_log_base, all.size())),
+                                    all.end());
+}
+
+size_t events_seen()
+{
+    std::lock_guard<std::mutex> l(g_seen.mu);
+    return g_seen.events.size();
+}
+
+class HydraSimTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(sim().started());
+        ASSERT_EQ(sim().ctl({"service", "all", "up"}).exit_code, 0);
+        g_log_base = hydra_log(sim()).size();
+        {
+            std::lock_guard<std::mutex> l(g_seen.mu);
+            g_seen.events.clear();
+            g_seen.statuses.clear();
+        }
+        modem_api_init();
+    }
+    void TearDown() override
+    {
+        for (int id = 0; id < MODEM_API_MAX_CLIENTS; ++id)
+            modem_api_free_client(id);
+        modem_api_release();
+    }
+    uint32_t open(uint32_t type)
+    {
+        uint32_t id = 0xFFFF;
+        EXPECT_EQ(modem_api_init_client(type, record_event, record_status, &id), 0u) << "type " << type;
+        return id;
+    }
+};
+
+/* ---- pure functions ---- */
+
+// Every transport error and QMI error of the map, and its edges.
+TEST(ModemApiErrorMap, TransportAndQmiErrors)
+{
+    const struct {
+        int32_t transport;
+        uint32_t result, error, code;
+    } cases[] = {
+        {0, 0, 0, 0},       {-2, 0, 0, 0},     {0, 0, 0x34, 0},  {0, 2, 0, 1},      {1, 0, 0, 1},
+        {-6, 0, 0, 1},      {-51, 0, 0, 1},    {-5, 0, 0, 12},   {-4, 0, 0, 1},     {-3, 0, 0, 11},
+        {-1, 0, 0, 12},     {0, 1, 0, 0},      {0, 1, 26, 0},    {0, 1, 4, 10},     {0, 1, 17, 5},
+        {0, 1, 19, 5},      {-2, 1, 48, 5},    {0, 1, 49, 5},    {0, 1, 24, 4},     {0, 1, 42, 4},
+        {0, 1, 77, 4},      {0, 1, 94, 4},     {0, 1, 52, 8},    {0, 1, 1, 1},      {0, 1, 71, 1},
+        {0, 1, 95, 1},      {0, 1, 0x10000, 1},
+    };
+    for (const auto &c : cases) {
+        qmi_response_type_v01 resp{static_cast<qmi_result_type_v01>(c.result), static_cast<qmi_error_type_v01>(c.error)};
+        EXPECT_EQ(modem_api_map_qmi_error_to_modem_api(c.transport, &resp), c.code)
+            << c.transport << " " << c.result << " " << c.error;
+    }
+}
+
+// The formatter writes vsnprintf's way: cut to the buffer, the whole length
+// returned; nothing at all for a null buffer or a size below 1.
+TEST(HydraLog, FormatTruncatesAndRefusesEmptyBuffers)
+{
+    char buf[8];
+    memset(buf, 'x', sizeof(buf));
+    EXPECT_EQ(hydra_log_format_log_msg(buf, 6, "%s-%d", "abcdef", 42), 9);
+    EXPECT_STREQ(buf, "abcde");
+    EXPECT_EQ(buf[6], 'x');
+    memset(buf, 'x', sizeof(buf));
+    EXPECT_EQ(hydra_log_format_log_msg(buf, 0, "%d", 1), 0);
+    EXPECT_EQ(hydra_log_format_log_msg(buf, -3, "%d", 1), 0);
+    EXPECT_EQ(buf[0], 'x');
+    EXPECT_EQ(hydra_log_format_log_msg(nullptr, 8, "%d", 1), 0);
+}
+
+// Only the exact versions give the object; the messages the program uses,
+// filled to their fullest, encode within their declared largest lengths.
+TEST(VsServiceObject, FullestMessagesEncodeWithinTheirLargestLengths)
+{
+    EXPECT_EQ(vs_get_service_object_internal_v01(1, 1, 6), nullptr);
+    EXPECT_EQ(vs_get_service_object_internal_v01(1, 2, 5), nullptr);
+    auto *obj = vs_get_service_object_internal_v01(1, 2, 6);
+    ASSERT_NE(obj, nullptr);
+    EXPECT_EQ(obj->service_id, 0xE4u);
+    EXPECT_EQ(obj->max_msg_len, 10672u);
+    EXPECT_EQ(obj->n_msgs[QMI_IDL_REQUEST], 24);
+    EXPECT_EQ(obj->n_msgs[QMI_IDL_INDICATION], 4);
+
+    vs_set_feature_status_req_msg_v01 feat{0xFFFFFFFF, 0xFF, 1, 0xFF};
+    vs_get_stats_param_req_msg_v01 req{};
+    req.id_num = 10;
+    auto resp = std::make_unique<vs_get_stats_param_resp_msg_v01>();
+    resp->records_valid = 1;
+    resp->records_len = 10;
+    for (auto &r : resp->records)
+        r.data_len = 700;
+    auto report = std::make_unique<vs_stats_report_ind_msg_v01>();
+    report->records_len = 10;
+    report->extra_valid = 1;
+    report->extra_len = 5;
+    report->tail_valid = 1;
+    for (auto &r : report->records)
+        r.data_len = 700;
+    for (auto &r : report->extra)
+        r.data_len = 700;
+    vs_stats_values_ind_msg_v01 values{};
+    values.values_len = 100;
+    vs_feature_status_ind_msg_v01 fs{};
+    vs_state_ind_msg_v01 st{};
+    const struct {
+        qmi_idl_type_of_message_type kind;
+        uint16_t id;
+        const void *rec;
+        uint32_t len, encoded;
+    } cases[] = {
+        {QMI_IDL_REQUEST, 0x0003, &feat, sizeof(feat), 15},
+        {QMI_IDL_REQUEST, 0x0207, &req, sizeof(req), 54},
+        {QMI_IDL_RESPONSE, 0x0207, resp.get(), sizeof(*resp), 7111},
+        {QMI_IDL_INDICATION, 0x0004, &fs, sizeof(fs), 15},
+        {QMI_IDL_INDICATION, 0x0203, report.get(), sizeof(*report), 10672},
+        {QMI_IDL_INDICATION, 0x0204, &values, sizeof(values), 121},
+        {QMI_IDL_INDICATION, 0x0601, &st, sizeof(st), 4},
+    };
+    std::vector<uint8_t> wire(20000);
+    for (const auto &c : cases) {
+        uint32_t n = 0;
+        ASSERT_EQ(qmi_idl_message_encode(obj, c.kind, c.id, c.rec, c.len, wire.data(), uint32_t(wire.size()), &n), 0)
+            << std::hex << c.id;
+        EXPECT_EQ(n, c.encoded) << std::hex << c.id;
+    }
+}
+
+// Counts and lengths beyond the event records' arrays are clamped; flags
+// become 0 or 1; a report without TLV 0x11 says 0xFFFFFFFF.
+TEST(VsEvents, BuilderClampsCountsAndLengths)
+{
+    auto report = std::make_unique<vs_stats_report_ind_msg_v01>();
+    report->value = 7;
+    report->records_len = 12;
+    report->records[9].data_len = 1000;
+    report->records[9].data[699] = 0x5A;
+    report->records[9].sub = 1;
+    report->records[9].id = 82;
+    report->extra_valid = 1;
+    report->extra_len = 9;
+    auto out = std::make_unique<vs_event_stats_report>();
+    uint32_t len = 0;
+    ASSERT_EQ(vs_client_build_event(0x0203, report.get(), out.get(), &len), 3u);
+    EXPECT_EQ(len, 10696u);
+    EXPECT_EQ(out->records_num, 10u);
+    EXPECT_EQ(out->records[9].data_len, 700u);
+    EXPECT_EQ(out->records[9].data[699], 0x5A);
+    EXPECT_EQ(out->records[9].sub, 1);
+    EXPECT_EQ(out->records[9].id, 82u);
+    EXPECT_EQ(out->extra_num, 5u);
+    EXPECT_EQ(out->tail, 0xFFFFFFFFu);
+    report->extra_valid = 0;
+    report->tail_valid = 1;
+    report->tail = 9;
+    vs_client_build_event(0x0203, report.get(), out.get(), &len);
+    EXPECT_EQ(out->extra_num, 0u);
+    EXPECT_EQ(out->tail, 9u);
+
+    vs_stats_values_ind_msg_v01 values{};
+    values.values_len = 150;
+    values.values[99] = 200;
+    values.first = 3;
+    vs_event_stats_values ev{};
+    ASSERT_EQ(vs_client_build_event(0x0204, &values, &ev, &len), 4u);
+    EXPECT_EQ(len, 412u);
+    EXPECT_EQ(ev.values_num, 100u);
+    EXPECT_EQ(ev.values[99], 200u);
+    EXPECT_EQ(ev.first, 3);
+
+    vs_feature_status_ind_msg_v01 fs{5, 9, 0};
+    vs_event_feature_status fe{};
+    ASSERT_EQ(vs_client_build_event(0x0004, &fs, &fe, &len), 2u);
+    EXPECT_EQ(len, 8u);
+    EXPECT_EQ(fe.value, 5u);
+    EXPECT_EQ(fe.flag_1, 1);
+    EXPECT_EQ(fe.flag_2, 0);
+    EXPECT_EQ(vs_client_build_event(0x0005, &fs, &fe, &len), 0u);
+}
+
+/* ---- against the simulated handset ---- */
+
+// A second vs client is refused without disturbing the first; bad arguments
+// and bad ids are refused before anything is sent; freeing an empty slot
+// only logs.
+TEST_F(HydraSimTest, RefusalsLeaveTheOpenClientWorking)
+{
+    uint32_t id = open(MODEM_API_CLIENT_VS);
+    EXPECT_EQ(id, 0u);
+    uint32_t other = 77;
+    EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &other), 15u);
+    EXPECT_EQ(other, 77u);
+    EXPECT_EQ(modem_api_init_client(4, nullptr, nullptr, &other), 4u);
+    uint32_t ids[11] = {82};
+    modem_stats_param_result result{};
+    sim().clear_journal();
+    EXPECT_EQ(modem_api_get_stats_parameter(0, 0, 1, 0, ids, &result), 5u);
+    EXPECT_EQ(modem_api_get_stats_parameter(0, 0, 1, 11, ids, &result), 5u);
+    EXPECT_EQ(modem_api_get_stats_parameter(0, 0, 1, 1, nullptr, &result), 5u);
+    EXPECT_EQ(modem_api_get_stats_parameter(0, 0, 1, 1, ids, nullptr), 5u);
+    EXPECT_EQ(modem_api_get_stats_parameter(-1, 0, 1, 1, ids, &result), 7u);
+    EXPECT_EQ(modem_api_get_stats_parameter(3, 0, 1, 1, ids, &result), 7u);
+    EXPECT_EQ(modem_api_set_hydra_feature_status(3, 2, 1, 1, 1), 7u);
+    EXPECT_TRUE(requests(sim(), 0xE4).empty());
+    EXPECT_EQ(modem_api_free_client(-1), 7u);
+    EXPECT_EQ(modem_api_free_client(5), 0u);
+    EXPECT_TRUE(wait_for([] { return count_lines(fresh_log(), "modem_api_free_client: client already freed"); }));
+
+    ASSERT_EQ(modem_api_get_stats_parameter(0, 1, 9, 2, (const uint32_t[]){82, 94}, &result), 0u);
+    ASSERT_EQ(result.id_num, 2u);
+    EXPECT_EQ(result.entries[0].id, 82u);
+    EXPECT_EQ(result.entries[0].sub, 1u);
+    EXPECT_EQ(result.entries[0].data_len, 75u);
+    EXPECT_EQ(result.entries[1].id, 94u);
+    auto reqs = requests(sim(), 0xE4);
+    ASSERT_EQ(reqs.size(), 1u);
+    EXPECT_EQ(reqs[0].tlvs[1], "0100");
+    EXPECT_EQ(reqs[0].tlvs[2], "0900");
+    EXPECT_EQ(reqs[0].tlvs[3], "02520000005e000000");
+
+    // A SAR client is not a statistics client.
+    uint32_t sar = open(MODEM_API_CLIENT_SAR);
+    EXPECT_EQ(modem_api_get_stats_parameter(int32_t(sar), 0, 1, 1, ids, &result), 7u);
+}
+
+// Replies the codec cannot take (more than 10 records, data over 700 bytes)
+// come back as code 1, and the caller's result is left as it was. The
+// modem's refusals go through the error map.
+TEST_F(HydraSimTest, UndecodableRepliesAndModemRefusals)
+{
+    std::string twelve, big = std::string(2000, 'a');
+    for (int i = 0; i < 12; ++i)
+        twelve += std::string(i ? "," : "") + R"({"sub": 0, "id": 82, "data": "01"})";
+    load(sim(), R"({"vs_stats": {"0": {"82": {"records": [)" + twelve + R"(]},
+                   "94": {"records": [{"sub": 0, "id": 94, "data": ")" + big + R"("}]}}}})");
+    uint32_t id = open(MODEM_API_CLIENT_VS);
+    auto result = std::make_unique<modem_stats_param_result>();
+    memset(result.get(), 0xAB, sizeof(*result));
+    for (uint32_t stat : {82u, 94u}) {
+        EXPECT_EQ(modem_api_get_stats_parameter(int32_t(id), 0, 1, 1, &stat, result.get()), 1u) << stat;
+        EXPECT_EQ(result->id_num, 0xABABABABu);
+    }
+
+    const struct {
+        const char *fault;
+        uint32_t code;
+    } refusals[] = {{"qmi-error=26", 0}, {"qmi-error=4", 10}, {"qmi-error=52", 8}, {"qmi-error=94", 4},
+                    {"qmi-error=48", 5}, {"qmi-error=71", 1}, {"truncate", 1}};
+    for (const auto &r : refusals) {
+        ASSERT_EQ(sim().ctl({"fault", "vs", "3", r.fault}).exit_code, 0);
+        EXPECT_EQ(modem_api_set_hydra_feature_status(int32_t(id), 2, 1, 1, 1), r.code) << r.fault;
+    }
+}
+
+// Indications sent by the handset reach the event callback as event records;
+// one the codec refuses (150 values) is dropped with its log line.
+TEST_F(HydraSimTest, IndicationsBecomeEvents)
+{
+    open(MODEM_API_CLIENT_VS);
+    auto indicate = [](const char *msg, const std::string &hex) {
+        auto r = sim().ctl({"indicate", "vs", msg, hex});
+        EXPECT_EQ(r.out, "indication sent to 1 client(s)\n") << r.err;
+    };
+    std::string values150 = "0104000100000002970096" + std::string(300, '1') + "03020003000402000400";
+    indicate("0x0204", values150);
+    indicate("0x0004", "010400785634120201000503010000");
+    indicate("0x0601", "01010007");
+    // TLV 0x01 = 9; TLV 0x02 one record {sub 1, id 82, 2 bytes}; no TLV 0x11.
+    indicate("0x0203", "01040009000000" "020d00" "01" "0100" "0000" "52000000" "0200" "aabb");
+    ASSERT_TRUE(wait_for([] { return events_seen() >= 3; })) << sim().ctl({"logcat"}).out;
+    std::lock_guard<std::mutex> l(g_seen.mu);
+    ASSERT_EQ(g_seen.events.size(), 3u);
+    EXPECT_EQ(g_seen.events[0].first, 2u);
+    EXPECT_EQ(g_seen.events[0].second, (std::vector<uint8_t>{0x78, 0x56, 0x34, 0x12, 1, 0, 0, 0}));
+    EXPECT_EQ(g_seen.events[1].first, 5u);
+    EXPECT_EQ(g_seen.events[1].second, std::vector<uint8_t>{7});
+    ASSERT_EQ(g_seen.events[2].first, 3u);
+    ASSERT_EQ(g_seen.events[2].second.size(), sizeof(vs_event_stats_report));
+    const auto *rep = reinterpret_cast<const vs_event_stats_report *>(g_seen.events[2].second.data());
+    EXPECT_EQ(rep->value, 9u);
+    EXPECT_EQ(rep->records_num, 1u);
+    EXPECT_EQ(rep->records[0].id, 82u);
+    EXPECT_EQ(rep->records[0].sub, 1);
+    EXPECT_EQ(rep->records[0].data_len, 2u);
+    EXPECT_EQ(rep->records[0].data[1], 0xBB);
+    EXPECT_EQ(rep->tail, 0xFFFFFFFFu);
+    EXPECT_EQ(count_lines(fresh_log(), "vs_client_unsol_ind_cb: Indication decode failed for msg 0x204 with error -51"),
+              1u);
+}
+
+// The status codes of one client type as the log shows them, in order.
+std::vector<int> statuses_logged(int type)
+{
+    std::vector<int> out;
+    std::string key = "modem_api_operational_status_cb: client type " + std::to_string(type) + ", client id ";
+    for (const auto &l : fresh_log())
+        if (l.rfind(key, 0) == 0)
+            out.push_back(std::stoi(l.substr(l.rfind(' ') + 1)));
+    return out;
+}
+
+// SAR and both NAS clients connect (NAS binding its subscription with a
+// one-byte TLV and registering only TLV 0x13), go through 4, 5, 6 and 3 when
+// the modem restarts, and bind again.
+TEST_F(HydraSimTest, SarAndNasSurviveAModemRestart)
+{
+    sim().clear_journal();
+    uint32_t ids[3] = {open(MODEM_API_CLIENT_SAR), open(MODEM_API_CLIENT_NAS_0), open(MODEM_API_CLIENT_NAS_1)};
+    auto nas = requests(sim(), 3);
+    // Per client: bind, the connect's registration, the API's registration.
+    ASSERT_EQ(nas.size(), 6u);
+    const std::map<int, std::string> bind0{{1, "00"}}, bind1{{1, "01"}}, reg{{0x13, "00"}};
+    const std::pair<uint16_t, std::map<int, std::string>> want[] = {{0x45, bind0}, {0x03, reg}, {0x03, reg},
+                                                                    {0x45, bind1}, {0x03, reg}, {0x03, reg}};
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(nas[i].msg_id, want[i].first) << i;
+        EXPECT_EQ(nas[i].tlvs, want[i].second) << i;
+    }
+    for (uint32_t id : ids)
+        EXPECT_EQ(modem_api_client_status(int32_t(id)), 3);
+
+    ASSERT_EQ(sim().ctl({"ssr", "300"}).exit_code, 0);
+    ASSERT_TRUE(wait_for([&] {
+        std::lock_guard<std::mutex> l(g_seen.mu);
+        return g_seen.statuses.size() >= 9;
+    }));
+    for (uint32_t id : ids)
+        EXPECT_TRUE(wait_for([id] { return modem_api_client_status(int32_t(id)) == 3; }));
+    for (int type = 1; type <= 3; ++type) {
+        EXPECT_TRUE(wait_for([type] { return statuses_logged(type).size() >= 6; }));
+        EXPECT_EQ(statuses_logged(type), (std::vector<int>{1, 3, 4, 5, 6, 3})) << "type " << type;
+    }
+    {
+        std::lock_guard<std::mutex> l(g_seen.mu);
+        for (int type = 1; type <= 3; ++type) {
+            std::vector<int> codes;
+            for (auto &[code, t] : g_seen.statuses)
+                if (t == type)
+                    codes.push_back(code);
+            EXPECT_EQ(codes, (std::vector<int>{0x10002, 0x10001, 0x10002})) << "type " << type;
+        }
+    }
+    size_t binds = 0;
+    for (const auto &r : requests(sim(), 3))
+        binds += r.msg_id == 0x45;
+    EXPECT_EQ(binds, 4u);
+}
+
+// A second service-down event while suspended finds the notifier armed and
+// only registers the up callback again; an up event other than "count
+// increased" changes nothing; the service coming back reconnects.
+TEST_F(HydraSimTest, TwoDownEventsArmOneNotifier)
+{
+    uint32_t id = open(MODEM_API_CLIENT_SAR);
+    const std::string armed = "sar_client_release_qmi_client_thread: qmi_client_register_notify_cb 0";
+    ASSERT_EQ(sim().ctl({"service", "sar", "down"}).exit_code, 0);
+    ASSERT_TRUE(wait_for([&] { return count_lines(fresh_log(), armed) == 1; }));
+    sar_client_service_down_event(nullptr, QMI_SERVICE_ERR, nullptr);
+    ASSERT_TRUE(wait_for([&] { return count_lines(fresh_log(), armed) == 2; }));
+    auto log = fresh_log();
+    EXPECT_EQ(count_lines(log, "sar_client_release_qmi_client_thread: qmi_client_notifier_init return 0"), 1u);
+    EXPECT_EQ(modem_api_client_status(int32_t(id)), 5);
+
+    sar_client_service_up_event(nullptr, nullptr, QMI_CLIENT_SERVICE_COUNT_DEC, nullptr);
+    EXPECT_EQ(modem_api_client_status(int32_t(id)), 5);
+    EXPECT_EQ(count_lines(fresh_log(), "sar_client_enter_resume: function entry"), 0u);
+
+    ASSERT_EQ(sim().ctl({"service", "sar", "up"}).exit_code, 0);
+    EXPECT_TRUE(wait_for([id] { return modem_api_client_status(int32_t(id)) == 3; }));
+    EXPECT_EQ(count_lines(fresh_log(), "sar_client_enter_resume: function entry"), 1u);
+}
+
+// The handset's SAR service: set state stores the DSI, get state answers it,
+// and a scenario can make it answer without the state TLV.
+TEST_F(HydraSimTest, SarServiceSetsAndReportsTheDsi)
+{
+    qmi_client_type c = nullptr;
+    qmi_client_os_params os{};
+    ASSERT_EQ(qmi_client_init_instance(sar_get_service_object_v01(), QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr, &os,
+                                       1000, &c),
+              0);
+    sar_rf_set_state_req_msg_v01 set{QMI_SAR_RF_STATE_5_V01};
+    sar_rf_set_state_resp_msg_v01 set_resp{};
+    ASSERT_EQ(qmi_client_send_msg_sync(c, 1, &set, sizeof(set), &set_resp, sizeof(set_resp), 5000), 0);
+    EXPECT_EQ(set_resp.resp.result, 0);
+    sar_rf_get_state_resp_msg_v01 get{};
+    ASSERT_EQ(qmi_client_send_msg_sync(c, 2, nullptr, 0, &get, sizeof(get), 5000), 0);
+    EXPECT_EQ(get.sar_rf_state_valid, 1);
+    EXPECT_EQ(get.sar_rf_state, 5);
+    load(sim(), R"({"sar_dsi": null})");
+    memset(&get, 0xEE, sizeof(get));
+    ASSERT_EQ(qmi_client_send_msg_sync(c, 2, nullptr, 0, &get, sizeof(get), 5000), 0);
+    EXPECT_EQ(get.sar_rf_state_valid, 0);
+    qmi_client_release(c);
+}
+
+} // namespace

@@ -1,0 +1,147 @@
+// sim_radio_test.cpp - kvn-sim's radio side in-process: the vs_stats and
+// sar_dsi scenario keys (what they refuse, that a load replaces only what it
+// names), and the vendor statistics, SAR and NAS services' answers to good
+// and malformed requests.
+#include <gtest/gtest.h>
+
+#include "handset.h"
+#include "process.h"
+#include "scenario.h"
+#include "services/services.h"
+#include "tlv.h"
+
+using namespace kvn_sim;
+
+namespace {
+
+class RadioTest : public ::testing::Test {
+protected:
+    kvn_test::TempDir dir;
+    Handset h{dir.path()};
+
+    void SetUp() override
+    {
+        std::string err;
+        ASSERT_TRUE(h.init(&err)) << err;
+        register_all_services(h);
+    }
+    // The response TLVs of one request to a service.
+    std::vector<Tlv> ask(uint32_t service, uint16_t msg, const std::string &hex)
+    {
+        last_ = *from_hex(hex);
+        reply_ = h.services.find(service)->service->handle(QmiRequest{1, msg, 1, last_});
+        auto t = parse_tlvs(reply_);
+        EXPECT_TRUE(t);
+        return t ? *t : std::vector<Tlv>{};
+    }
+    static std::string result(const std::vector<Tlv> &t)
+    {
+        const Tlv *r = find_tlv(t, 0x02);
+        return r ? to_hex(Bytes(r->value.begin(), r->value.end())) : "none";
+    }
+    Bytes last_, reply_;
+};
+
+// Each bad document names its key and changes nothing (the good pair
+// beside it included).
+TEST_F(RadioTest, ScenarioRefusals)
+{
+    std::string big(1402, 'a'), huge(2002, 'a'), seventeen;
+    for (int i = 0; i < 17; ++i)
+        seventeen += std::string(i ? "," : "") + R"({"sub": 0, "id": 1, "data": "01"})";
+    const std::pair<std::string, const char *> cases[] = {
+        {R"({"vs_stats": {"2": {"82": "01"}}})", "\"vs_stats.2\""},
+        {R"({"vs_stats": {"0": {"0x52": "01"}}})", "\"vs_stats.0.0x52\""},
+        {R"({"vs_stats": {"0": {"82": ""}}})", "\"vs_stats.0.82\""},
+        {R"({"vs_stats": {"0": {"82": ")" + big + R"("}}})", "\"vs_stats.0.82\""},
+        {R"({"vs_stats": {"0": {"82": {"records": [)" + seventeen + "]}}}}", "\"vs_stats.0.82.records\""},
+        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "id": 1, "data": ")" + huge + R"("}]}}}})",
+         "\"vs_stats.0.82.records[0].data\""},
+        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "data": "01"}]}}}})", "\"vs_stats.0.82.records[0]\""},
+        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "id": 1, "data": "", "x": 1}]}}}})",
+         "\"vs_stats.0.82.records[0].x\""},
+        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 65536, "id": 1, "data": ""}]}}}})",
+         "\"vs_stats.0.82.records[0].sub\""},
+        {R"({"sar_dsi": "seven"})", "\"sar_dsi\""},
+        {R"({"sar_dsi": -1})", "\"sar_dsi\""},
+    };
+    const auto before = h.radio.vs_stats[0].at(82);
+    for (const auto &[text, names] : cases) {
+        auto doc = nlohmann::json::parse(text);
+        doc["vs_stats"]["1"]["94"] = "01";
+        std::string err;
+        EXPECT_FALSE(apply_scenario(h, doc, &err)) << text;
+        EXPECT_NE(err.find(names), std::string::npos) << text << " -> " << err;
+        EXPECT_EQ(h.radio.vs_stats[0].at(82)[0].data, before[0].data) << text;
+        EXPECT_EQ(h.radio.vs_stats[1].at(94)[0].data.size(), 20u) << text;
+        EXPECT_EQ(h.radio.sar_dsi, 0u) << text;
+    }
+}
+
+// The statistics service answers the records of each asked id it holds, in
+// the order asked, as the scenario gave them; a load replaces only the
+// pairs it names; malformed requests are refused.
+TEST_F(RadioTest, StatisticsAnswers)
+{
+    std::string err;
+    ASSERT_TRUE(apply_scenario(h, nlohmann::json::parse(R"({"vs_stats": {"1": {
+        "82": "a1a2", "7": {"records": [{"sub": 0, "id": 9, "data": ""}, {"sub": 5, "id": 7, "data": "ff"}]}}}})"),
+                               &err))
+        << err;
+    EXPECT_EQ(h.radio.vs_stats[0].at(82)[0].data.size(), 75u); // the other subscription kept its default
+    // Subscription 1, ids 7, 4242 (unknown), 82.
+    auto t = ask(0xE4, 0x0207, "01 0200 0100" "02 0200 0500" "03 0d00 03 07000000 92100000 52000000");
+    EXPECT_EQ(result(t), "00000000");
+    const Tlv *recs = find_tlv(t, 0x10);
+    ASSERT_TRUE(recs);
+    EXPECT_EQ(to_hex(Bytes(recs->value.begin(), recs->value.end())),
+              "03" "0000" "0000" "09000000" "0000"
+              "0500" "0000" "07000000" "0100" "ff"
+              "0100" "0000" "52000000" "0200" "a1a2");
+    // A subscription the handset does not have: no records.
+    t = ask(0xE4, 0x0207, "01 0200 0200" "02 0200 0500" "03 0500 01 52000000");
+    EXPECT_EQ(to_hex(Bytes(find_tlv(t, 0x10)->value.begin(), find_tlv(t, 0x10)->value.end())), "00");
+
+    t = ask(0xE4, 0x0003, "01 0400 02000000" "02 0100 01" "10 0100 00");
+    EXPECT_EQ(result(t), "00000000");
+    ASSERT_TRUE(h.radio.vs_features.count(2));
+    EXPECT_EQ(h.radio.vs_features[2].enable, 1);
+    EXPECT_EQ(h.radio.vs_features[2].extra, 0);
+
+    const std::pair<uint16_t, const char *> malformed[] = {
+        {0x0207, "01 0200 0000" "02 0200 0100" "03 0500 02 52000000"}, // count says 2, one id
+        {0x0207, "01 0200 0000" "03 0500 01 52000000"},                // no request number
+        {0x0207, "01 0100 00" "02 0200 0100" "03 0500 01 52000000"},   // one-byte subscription
+        {0x0003, "01 0400 02000000"},                                  // no TLV 0x02
+        {0x0003, "01 0400 02000000" "02 0200 0101"},                   // two-byte TLV 0x02
+        {0x0207, "01 0900 00"},                                        // TLV runs past the end
+    };
+    for (const auto &[msg, hex] : malformed)
+        EXPECT_EQ(result(ask(0xE4, msg, hex)), "01000100") << hex;
+    EXPECT_EQ(result(ask(0xE4, 0x0100, "")), "01004700");
+}
+
+// SAR sets and reports the DSI (u32 on the wire), or leaves TLV 0x10 out when
+// the scenario says null; NAS answers binding and registration, and refuses
+// a bind that is not one byte.
+TEST_F(RadioTest, SarAndNasAnswers)
+{
+    EXPECT_EQ(result(ask(0x11, 0x0001, "01 0400 08000000")), "00000000");
+    auto t = ask(0x11, 0x0002, "");
+    ASSERT_TRUE(find_tlv(t, 0x10));
+    EXPECT_EQ(to_hex(Bytes(find_tlv(t, 0x10)->value.begin(), find_tlv(t, 0x10)->value.end())), "08000000");
+    EXPECT_EQ(result(ask(0x11, 0x0001, "01 0100 08")), "01000100");
+    std::string err;
+    ASSERT_TRUE(apply_scenario(h, nlohmann::json::parse(R"({"sar_dsi": null})"), &err));
+    t = ask(0x11, 0x0002, "");
+    EXPECT_EQ(result(t), "00000000");
+    EXPECT_FALSE(find_tlv(t, 0x10));
+
+    EXPECT_EQ(result(ask(3, 0x0045, "01 0100 01")), "00000000");
+    EXPECT_EQ(result(ask(3, 0x0045, "01 0400 01000000")), "01000100");
+    EXPECT_EQ(result(ask(3, 0x0045, "01 0100 03")), "01003000");
+    EXPECT_EQ(result(ask(3, 0x0003, "13 0100 00")), "00000000");
+    EXPECT_EQ(result(ask(3, 0x0020, "")), "01004700");
+}
+
+} // namespace
