@@ -62,7 +62,15 @@ public:
     {
         kvn_wire::Header h;
         h.kind = kvn_wire::Kind::Control;
-        std::string text = req.dump();
+        // JSON carries only UTF-8: an argument with other bytes is refused
+        // here with a message instead of aborting the program.
+        std::string text;
+        try {
+            text = req.dump();
+        } catch (const json::type_error &) {
+            *err = "an argument is not valid UTF-8";
+            return std::nullopt;
+        }
         auto reply = kvn_wire::exchange(socket_, h, std::vector<uint8_t>(text.begin(), text.end()), 30000);
         if (!reply || reply->hdr.kind != kvn_wire::Kind::ControlReply) {
             *err = "no kvn-sim answers on " + socket_;

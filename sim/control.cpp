@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <optional>
 
 #include "scenario.h"
 
@@ -20,34 +21,73 @@ struct Failure {
 };
 [[noreturn]] void fail(const std::string &t) { throw Failure{t}; }
 
+// The request and the handset an op works on. Every field is read through a
+// typed accessor: a missing field, a field of the wrong type or a number out
+// of range fails the request with an error naming the field.
 struct Ctx {
     Handset &h;
     Router &r;
     const DaemonInfo &info;
     const json &req;
 
-    unsigned sub() const
+    const json *find(const char *name, bool required) const
     {
-        unsigned s = req.at("sub").get<unsigned>();
-        if (s >= ModemStore::kSubs)
-            fail("subscription must be 0 or 1");
-        return s;
+        auto it = req.find(name);
+        if (it == req.end()) {
+            if (required)
+                fail(std::string("missing field \"") + name + "\"");
+            return nullptr;
+        }
+        return &*it;
     }
-    uint16_t nv_id() const
+    std::string str(const char *name) const { return str_or(name, nullptr); }
+    std::string str_or(const char *name, const char *dflt) const
     {
-        auto id = req.at("id").get<uint32_t>();
-        if (id > 0xFFFF)
-            fail("NV id must be 0 to 65535");
-        return static_cast<uint16_t>(id);
+        const json *j = find(name, dflt == nullptr);
+        if (!j)
+            return dflt;
+        if (!j->is_string())
+            fail(std::string("field \"") + name + "\" must be a string");
+        return j->get<std::string>();
     }
+    // An integer from min to max; a fraction, a huge float or a negative
+    // number for an unsigned field is refused rather than converted.
+    uint64_t num_or(const char *name, std::optional<uint64_t> dflt, uint64_t min, uint64_t max) const
+    {
+        const json *j = find(name, !dflt);
+        if (!j)
+            return *dflt;
+        bool in_range = j->is_number_unsigned() && j->get<uint64_t>() >= min && j->get<uint64_t>() <= max;
+        if (!in_range && j->is_number_integer() && !j->is_number_unsigned() && j->get<int64_t>() >= 0)
+            in_range = static_cast<uint64_t>(j->get<int64_t>()) >= min &&
+                       static_cast<uint64_t>(j->get<int64_t>()) <= max;
+        if (!in_range)
+            fail(std::string("field \"") + name + "\" must be an integer from " + std::to_string(min) + " to " +
+                 std::to_string(max));
+        return j->is_number_unsigned() ? j->get<uint64_t>() : static_cast<uint64_t>(j->get<int64_t>());
+    }
+    uint64_t num(const char *name, uint64_t min, uint64_t max) const { return num_or(name, std::nullopt, min, max); }
+    bool flag(const char *name) const
+    {
+        const json *j = find(name, true);
+        if (!j->is_boolean())
+            fail(std::string("field \"") + name + "\" must be true or false");
+        return j->get<bool>();
+    }
+
+    unsigned sub() const { return static_cast<unsigned>(num("sub", 0, ModemStore::kSubs - 1)); }
+    uint16_t nv_id() const { return static_cast<uint16_t>(num("id", 0, 0xFFFF)); }
     std::string path() const
     {
-        std::string p = req.at("path").get<std::string>(), why;
+        std::string p = str("path"), why;
         if (!ModemStore::efs_path_ok(p, &why))
             fail(p + ": " + why);
         return p;
     }
 };
+
+// The longest modem restart `ssr` accepts (one hour).
+constexpr uint64_t kMaxRestartMs = 3600000;
 
 using Op = std::function<json(Ctx &)>;
 
@@ -79,6 +119,11 @@ const std::pair<const char *, Op> kOps[] = {
                      {"clients", c.r.client_count() - 1},
                      {"journal", c.h.journal.ring().size()},
                      {"faults", c.h.faults.all().size()},
+                     {"accept_errors", c.r.stats().accept_errors},
+                     {"refused", c.r.stats().refused},
+                     {"evicted", c.r.stats().evicted},
+                     {"backlog_drops", c.r.stats().backlog_drops},
+                     {"output_bytes", c.r.stats().output_bytes},
                      {"services", services},
                      {"devices", devices_of(c.h)},
                      {"restarts", c.h.counters.restarts},
@@ -91,17 +136,17 @@ const std::pair<const char *, Op> kOps[] = {
      }},
     {"load", [](Ctx &c) {
          std::string err;
-         if (!apply_scenario_file(c.h, c.req.at("file").get<std::string>(), &err))
+         if (!apply_scenario_file(c.h, c.str("file"), &err))
              fail(err);
          return json::object();
      }},
     {"ssr", [](Ctx &c) {
-         c.r.restart_modem(std::chrono::milliseconds(c.req.at("ms").get<uint32_t>()));
+         c.r.restart_modem(std::chrono::milliseconds(c.num("ms", 0, kMaxRestartMs)));
          return json::object();
      }},
     {"service", [](Ctx &c) {
-         std::string name = c.req.at("name").get<std::string>();
-         bool up = c.req.at("up").get<bool>();
+         std::string name = c.str("name");
+         bool up = c.flag("up");
          bool found = false;
          if (auto d = c.h.devices.find(name); d != c.h.devices.end()) {
              d->second->set_up(up);
@@ -117,45 +162,45 @@ const std::pair<const char *, Op> kOps[] = {
          return json::object();
      }},
     {"fault", [](Ctx &c) {
-         auto id = service_id_from_text(c.req.at("service").get<std::string>());
-         auto f = parse_fault_kind(c.req.at("kind").get<std::string>());
+         auto service = c.str("service"), kind = c.str("kind");
+         auto id = service_id_from_text(service);
+         auto f = parse_fault_kind(kind);
          if (!id)
-             fail("no service " + c.req.at("service").get<std::string>());
+             fail("no service " + service);
          if (!f)
-             fail("bad fault kind " + c.req.at("kind").get<std::string>());
+             fail("bad fault kind " + kind);
          if (*id == kServiceDiag && f->kind != FaultKind::NoReply && f->kind != FaultKind::Delay)
              fail("diag faults are no-reply or delay=MS");
          f->service = *id;
-         f->msg_id = c.req.at("msg").get<uint16_t>();
-         f->count = c.req.value("count", 1u);
-         f->after = c.req.value("after", 0u);
-         if (f->count == 0)
-             fail("count must be at least 1");
+         f->msg_id = static_cast<uint16_t>(c.num("msg", 0, 0xFFFF));
+         f->count = static_cast<uint32_t>(c.num_or("count", 1, 1, UINT32_MAX));
+         f->after = static_cast<uint32_t>(c.num_or("after", 0, 0, UINT32_MAX));
          c.h.faults.add(*f);
          return json::object();
      }},
     {"indicate", [](Ctx &c) {
-         auto id = service_id_from_text(c.req.at("service").get<std::string>());
+         auto service = c.str("service");
+         auto id = service_id_from_text(service);
          if (!id)
-             fail("no service " + c.req.at("service").get<std::string>());
-         auto tlvs = from_hex(c.req.at("hex").get<std::string>());
+             fail("no service " + service);
+         auto tlvs = from_hex(c.str("hex"));
          if (!tlvs || tlvs->size() > 0xFFFF)
              fail("the TLV area is not hex, or longer than 65535 bytes");
-         size_t n = c.r.indicate(*id, c.req.at("msg").get<uint16_t>(), *tlvs);
+         size_t n = c.r.indicate(*id, static_cast<uint16_t>(c.num("msg", 0, 0xFFFF)), *tlvs);
          return json{{"clients", n}};
      }},
     {"fault_clear", [](Ctx &c) {
          c.h.faults.clear();
          return json::object();
      }},
-    {"journal", [](Ctx &c) { return page_of(c.h.journal.ring(), c.req.value("after", uint64_t{0})); }},
+    {"journal", [](Ctx &c) { return page_of(c.h.journal.ring(), c.num_or("after", 0, 0, UINT64_MAX)); }},
     {"journal_clear", [](Ctx &c) {
-         c.h.journal.ring().clear_upto(c.req.value("upto", UINT64_MAX));
+         c.h.journal.ring().clear_upto(c.num_or("upto", UINT64_MAX, 0, UINT64_MAX));
          return json::object();
      }},
-    {"logcat", [](Ctx &c) { return page_of(c.h.log.ring(), c.req.value("after", uint64_t{0})); }},
+    {"logcat", [](Ctx &c) { return page_of(c.h.log.ring(), c.num_or("after", 0, 0, UINT64_MAX)); }},
     {"prop_get", [](Ctx &c) {
-         auto key = c.req.at("key").get<std::string>();
+         auto key = c.str("key");
          auto v = c.h.props.get(key);
          if (!v)
              fail("property " + key + " is not set");
@@ -163,8 +208,10 @@ const std::pair<const char *, Op> kOps[] = {
      }},
     {"prop_set", [](Ctx &c) {
          std::string err;
-         if (!c.h.props.set(c.req.at("key").get<std::string>(), c.req.at("value").get<std::string>(), &err))
+         if (!c.h.props.set(c.str("key"), c.str("value"), &err)) {
+             c.h.note(kLogInfo, "property refused: " + err);
              fail(err);
+         }
          return json::object();
      }},
     {"prop_list", [](Ctx &c) { return json{{"props", c.h.props.all()}}; }},
@@ -176,7 +223,7 @@ const std::pair<const char *, Op> kOps[] = {
          return json{{"hex", to_hex(*v)}};
      }},
     {"nv_set", [](Ctx &c) {
-         auto data = from_hex(c.req.at("hex").get<std::string>());
+         auto data = from_hex(c.str("hex"));
          std::string err;
          if (!data)
              fail("NV data is not hex");
@@ -190,7 +237,7 @@ const std::pair<const char *, Op> kOps[] = {
          return json::object();
      }},
     {"efs_ls", [](Ctx &c) {
-         std::string p = c.req.value("path", std::string("/"));
+         std::string p = c.str_or("path", "/");
          if (p != "/")
              p = c.path();
          json files = json::array();
@@ -201,7 +248,7 @@ const std::pair<const char *, Op> kOps[] = {
     {"efs_get", [](Ctx &c) {
          auto sub = c.sub();
          auto p = c.path();
-         auto offset = c.req.value("offset", uint64_t{0});
+         auto offset = c.num_or("offset", 0, 0, ModemStore::kMaxEfsFile);
          auto size = c.h.store.efs_size(sub, p);
          if (!size)
              fail(p + ": no such file");
@@ -214,8 +261,8 @@ const std::pair<const char *, Op> kOps[] = {
          std::optional<Bytes> data;
          std::string err;
          if (c.req.contains("file"))
-             data = read_file(c.req.at("file").get<std::string>(), ModemStore::kMaxEfsFile, &err);
-         else if (!(data = from_hex(c.req.at("hex").get<std::string>())))
+             data = read_file(c.str("file"), ModemStore::kMaxEfsFile, &err);
+         else if (!(data = from_hex(c.str("hex"))))
              err = "file data is not hex";
          if (!data || !c.h.store.efs_put(c.sub(), c.path(), *data, &err))
              fail(err);
@@ -223,7 +270,7 @@ const std::pair<const char *, Op> kOps[] = {
      }},
     {"efs_rm", [](Ctx &c) {
          if (!c.h.store.efs_rm(c.sub(), c.path()))
-             fail(c.req.at("path").get<std::string>() + ": no such file");
+             fail(c.str("path") + ": no such file");
          return json::object();
      }},
 };
@@ -234,7 +281,10 @@ Router::ControlHandler make_control_handler(Handset &h, Router &r, DaemonInfo in
 {
     return [&h, &r, info](const json &req, bool *ok) -> json {
         *ok = false;
-        std::string op = req.value("op", std::string());
+        auto op_field = req.find("op");
+        if (op_field == req.end() || !op_field->is_string())
+            return {{"error", "field \"op\" must be a string"}};
+        const std::string &op = op_field->get_ref<const std::string &>();
         for (const auto &[name, fn] : kOps) {
             if (op != name)
                 continue;

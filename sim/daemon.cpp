@@ -1,8 +1,11 @@
 // daemon.cpp - bringing up and tearing down a kvn-sim daemon. The state
 // directory is locked for the daemon's lifetime (one handset per directory);
 // the default scenario is applied once, to a new directory started without a
-// scenario; a scenario named at start is applied on every start. The socket file is removed when
-// the daemon stops.
+// scenario; a scenario named at start is applied on every start. The socket
+// path is claimed by a lock file beside it ("<socket>.lock"), so of two
+// daemons started at once on one socket only one serves; the socket and its
+// lock file are removed when the daemon stops. A stale socket is removed only
+// when it is a socket: any other file in its place is left alone.
 #include "daemon.h"
 
 #include <fcntl.h>
@@ -10,6 +13,7 @@
 #include <sys/file.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -26,6 +30,7 @@
 #include "router.h"
 #include "scenario.h"
 #include "services/services.h"
+#include "util.h"
 
 namespace kvn_sim {
 namespace fs = std::filesystem;
@@ -84,6 +89,47 @@ int listen_unix(const std::string &path, std::string *err)
     return fd;
 }
 
+// Claims `socket` for this daemon: an exclusive lock on "<socket>.lock",
+// held for the daemon's life. A daemon that was just told to stop may still
+// hold it for a moment, hence the short wait. The lock file is checked to be
+// the one at the path after locking, since a stopping daemon removes it.
+UniqueFd claim_socket(const std::string &socket, std::string *err)
+{
+    std::string path = socket + ".lock";
+    for (int i = 0; i < 100; ++i) {
+        UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!fd) {
+            *err = "cannot claim socket " + socket + ": " + path + ": " + strerror(errno);
+            return UniqueFd();
+        }
+        if (flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
+            struct stat held, named;
+            if (fstat(fd.get(), &held) == 0 && stat(path.c_str(), &named) == 0 && held.st_dev == named.st_dev &&
+                held.st_ino == named.st_ino)
+                return fd;
+            continue; // removed by a daemon that stopped meanwhile: take the new one
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    *err = "socket " + socket + " is claimed by another kvn-sim";
+    return UniqueFd();
+}
+
+// Removes a socket file left by a daemon that died. False (err set) when
+// something other than a socket is in its place: that is not kvn-sim's.
+bool remove_stale_socket(const std::string &socket, std::string *err)
+{
+    struct stat st;
+    if (lstat(socket.c_str(), &st) != 0)
+        return true;
+    if (!S_ISSOCK(st.st_mode)) {
+        *err = socket + " exists and is not a socket; not replaced";
+        return false;
+    }
+    unlink(socket.c_str());
+    return true;
+}
+
 } // namespace
 
 bool daemon_answers(const std::string &socket)
@@ -100,6 +146,11 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
     signal(SIGPIPE, SIG_IGN);
     std::string err;
     std::error_code ec;
+    UniqueFd socket_claim = claim_socket(opt.socket, &err);
+    if (!socket_claim) {
+        report(ready_fd, "ERR " + err);
+        return 1;
+    }
     if (daemon_answers(opt.socket)) {
         report(ready_fd, "ERR a kvn-sim already answers on " + opt.socket);
         return 1;
@@ -136,7 +187,10 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
         return 1;
     }
 
-    unlink(opt.socket.c_str()); // a stale socket file of a daemon that died
+    if (!remove_stale_socket(opt.socket, &err)) {
+        report(ready_fd, "ERR " + err);
+        return 1;
+    }
     Fd listener(listen_unix(opt.socket, &err));
     if (listener.get() < 0) {
         report(ready_fd, "ERR " + err);
@@ -168,7 +222,10 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
     h.note(kLogInfo, "kvn-sim stopped");
     listener.reset();
     lock.reset();
+    // The lock file goes first: once the socket is gone a new daemon may start.
+    unlink((opt.socket + ".lock").c_str());
     unlink(opt.socket.c_str());
+    socket_claim.reset();
     return 0;
 }
 

@@ -4,7 +4,7 @@
 namespace kvn_sim {
 
 Handset::Handset(const std::filesystem::path &dir)
-    : state_dir(dir), store(dir), props(dir / "properties.json", dir / "tmp"), log(dir / "logcat.txt"),
+    : state_dir(dir), store(dir), props(dir / "properties.json", dir / ModemStore::kTempDir), log(dir / "logcat.txt"),
       nvefs(store, [this](const std::string &t) { note(kLogWarn, t); })
 {
 }

@@ -1,48 +1,97 @@
 // modem_store.cpp - NV items and EFS files of the simulated modem on disk.
 // Layout under the state directory: nv/sub<N>/<id> (one file per item),
-// efs/sub<N>/<path> (the EFS tree as directories), tmp/ (files being written).
+// efs/sub<N>/<path> (the EFS tree as directories), kvn-sim-tmp/ (files being
+// written). Directories are opened with openat(O_NOFOLLOW) component by
+// component and files with O_NOFOLLOW, so a link planted anywhere in the
+// store is refused instead of followed.
 #include "modem_store.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace kvn_sim {
 namespace fs = std::filesystem;
 
-ModemStore::ModemStore(fs::path root) : root_(std::move(root)), tmp_(root_ / "tmp") {}
+namespace {
+
+// Names in the directory `fd` (not "." or "..").
+std::vector<std::string> names_in(int fd)
+{
+    std::vector<std::string> out;
+    int dup_fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    DIR *d = dup_fd >= 0 ? fdopendir(dup_fd) : nullptr;
+    if (!d) {
+        if (dup_fd >= 0)
+            close(dup_fd);
+        return out;
+    }
+    while (dirent *e = readdir(d)) {
+        std::string n = e->d_name;
+        if (n != "." && n != "..")
+            out.push_back(std::move(n));
+    }
+    closedir(d);
+    return out;
+}
+
+// lstat of `name` in `dir`: the file itself, never what a link points at.
+bool stat_at(int dir, const std::string &name, struct stat *st)
+{
+    return fstatat(dir, name.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+constexpr int kMaxEfsDepth = 40; // deeper trees were not made by EFS writes
+
+} // namespace
+
+ModemStore::ModemStore(fs::path root) : root_(std::move(root)), tmp_(root_ / kTempDir) {}
 
 bool ModemStore::init(std::string *err)
 {
-    std::error_code ec;
-    for (unsigned s = 0; s < kSubs; ++s) {
-        fs::create_directories(root_ / "nv" / ("sub" + std::to_string(s)), ec);
-        if (!ec)
-            fs::create_directories(root_ / "efs" / ("sub" + std::to_string(s)), ec);
-        if (ec)
-            break;
+    auto fail = [&](const std::string &what) {
+        if (err)
+            *err = (root_ / what).string() + ": " + strerror(errno);
+        return false;
+    };
+    root_fd_.reset(open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!root_fd_)
+        return fail("");
+    for (unsigned s = 0; s < kSubs; ++s)
+        for (const std::string &rel : {nv_dir(s), "efs/sub" + std::to_string(s)})
+            if (!dir(rel, true))
+                return fail(rel);
+    tmp_fd_ = dir(kTempDir, true);
+    if (!tmp_fd_)
+        return fail(kTempDir);
+    // Leftovers of writes cut short by a crash never became visible; drop
+    // them. Only kvn-sim's own temp files: nothing else there is touched.
+    for (const auto &name : names_in(tmp_fd_.get())) {
+        struct stat st;
+        if (name.rfind(kTempPrefix, 0) == 0 && stat_at(tmp_fd_.get(), name, &st) && S_ISREG(st.st_mode))
+            unlinkat(tmp_fd_.get(), name.c_str(), 0);
     }
-    // Leftovers of writes cut short by a crash never became visible; drop them.
-    if (!ec) {
-        fs::remove_all(tmp_, ec);
-        fs::create_directories(tmp_, ec);
-    }
-    if (ec && err)
-        *err = root_.string() + ": " + ec.message();
-    return !ec;
+    return true;
 }
 
-fs::path ModemStore::nv_file(unsigned sub, uint16_t id) const
+UniqueFd ModemStore::dir(const std::string &rel, bool create) const
 {
-    return root_ / "nv" / ("sub" + std::to_string(sub)) / std::to_string(id);
+    return open_dir_beneath(root_fd_.get(), rel, create);
 }
 
 std::optional<Bytes> ModemStore::nv_get(unsigned sub, uint16_t id) const
 {
     if (sub >= kSubs)
         return std::nullopt;
-    return read_file(nv_file(sub, id), kMaxNvItem);
+    auto d = dir(nv_dir(sub), false);
+    if (!d)
+        return std::nullopt;
+    return read_file_at(d.get(), std::to_string(id), kMaxNvItem);
 }
 
 bool ModemStore::nv_set(unsigned sub, uint16_t id, const Bytes &data, std::string *err)
@@ -52,23 +101,31 @@ bool ModemStore::nv_set(unsigned sub, uint16_t id, const Bytes &data, std::strin
             *err = "NV item must be 1 to 424 bytes on subscription 0 or 1";
         return false;
     }
-    return write_file_atomic(nv_file(sub, id), tmp_, data.data(), data.size(), err);
+    auto d = dir(nv_dir(sub), true);
+    if (!d) {
+        if (err)
+            *err = nv_dir(sub) + ": " + strerror(errno);
+        return false;
+    }
+    return write_file_atomic_at(d.get(), std::to_string(id), tmp_fd_.get(), data.data(), data.size(), err);
 }
 
 bool ModemStore::nv_rm(unsigned sub, uint16_t id)
 {
     if (sub >= kSubs)
         return false;
-    std::error_code ec;
-    return fs::remove(nv_file(sub, id), ec);
+    auto d = dir(nv_dir(sub), false);
+    return d && unlinkat(d.get(), std::to_string(id).c_str(), 0) == 0;
 }
 
 std::vector<uint16_t> ModemStore::nv_list(unsigned sub) const
 {
     std::vector<uint16_t> out;
-    std::error_code ec;
-    for (const auto &e : fs::directory_iterator(root_ / "nv" / ("sub" + std::to_string(sub)), ec))
-        if (auto n = parse_number(e.path().filename().string(), 0xFFFF))
+    auto d = sub < kSubs ? dir(nv_dir(sub), false) : UniqueFd();
+    if (!d)
+        return out;
+    for (const auto &name : names_in(d.get()))
+        if (auto n = parse_number(name, 0xFFFF))
             out.push_back(static_cast<uint16_t>(*n));
     std::sort(out.begin(), out.end());
     return out;
@@ -105,57 +162,45 @@ bool ModemStore::efs_path_ok(const std::string &path, std::string *why)
     return true;
 }
 
-fs::path ModemStore::efs_file(unsigned sub, const std::string &path) const
+std::pair<std::string, std::string> ModemStore::efs_split(unsigned sub, const std::string &path)
 {
-    fs::path p = root_ / "efs" / ("sub" + std::to_string(sub));
-    size_t pos = 1;
-    while (pos <= path.size()) {
-        size_t end = path.find('/', pos);
-        if (end == std::string::npos)
-            end = path.size();
-        if (end > pos)
-            p /= path.substr(pos, end - pos);
-        pos = end + 1;
-    }
-    return p;
+    size_t end = path.find_last_not_of('/');
+    size_t slash = path.rfind('/', end);
+    return {"efs/sub" + std::to_string(sub) + path.substr(0, slash), path.substr(slash + 1, end - slash)};
 }
 
 std::optional<uint64_t> ModemStore::efs_size(unsigned sub, const std::string &path) const
 {
     if (sub >= kSubs || !efs_path_ok(path))
         return std::nullopt;
-    std::error_code ec;
-    auto p = efs_file(sub, path);
-    if (!fs::is_regular_file(p, ec))
+    auto [rel, name] = efs_split(sub, path);
+    auto d = dir(rel, false);
+    struct stat st;
+    if (!d || !stat_at(d.get(), name, &st) || !S_ISREG(st.st_mode))
         return std::nullopt;
-    auto n = fs::file_size(p, ec);
-    if (ec)
-        return std::nullopt;
-    return n;
+    return static_cast<uint64_t>(st.st_size);
 }
 
 std::optional<Bytes> ModemStore::efs_read(unsigned sub, const std::string &path, uint64_t offset, size_t len) const
 {
     if (sub >= kSubs || !efs_path_ok(path))
         return std::nullopt;
-    auto p = efs_file(sub, path);
-    std::error_code ec;
-    if (!fs::is_regular_file(p, ec))
-        return std::nullopt;
-    int fd = open(p.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    auto [rel, name] = efs_split(sub, path);
+    auto d = dir(rel, false);
+    UniqueFd fd(d ? openat(d.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC) : -1);
+    struct stat st;
+    if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
         return std::nullopt;
     Bytes out(len);
     size_t got = 0;
-    while (got < len) {
-        ssize_t n = pread(fd, out.data() + got, len - got, static_cast<off_t>(offset + got));
+    while (got < len && offset + got < static_cast<uint64_t>(st.st_size)) {
+        ssize_t n = pread(fd.get(), out.data() + got, len - got, static_cast<off_t>(offset + got));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             break;
         got += static_cast<size_t>(n);
     }
-    close(fd);
     out.resize(got);
     return out;
 }
@@ -170,15 +215,15 @@ bool ModemStore::efs_put(unsigned sub, const std::string &path, const Bytes &dat
                                  : why;
         return false;
     }
-    auto p = efs_file(sub, path);
-    std::error_code ec;
-    fs::create_directories(p.parent_path(), ec);
-    if (ec || fs::is_directory(p, ec)) {
+    auto [rel, name] = efs_split(sub, path);
+    auto d = dir(rel, true);
+    struct stat st;
+    if (!d || (stat_at(d.get(), name, &st) && S_ISDIR(st.st_mode))) {
         if (err)
-            *err = path + ": " + (ec ? ec.message() : "is a directory");
+            *err = path + ": " + (d ? "is a directory" : errno == ELOOP ? "a directory on the way is a link" : strerror(errno));
         return false;
     }
-    bool ok = write_file_atomic(p, tmp_, data.data(), data.size(), err);
+    bool ok = write_file_atomic_at(d.get(), name, tmp_fd_.get(), data.data(), data.size(), err);
     if (ok && on_efs_change)
         on_efs_change(sub, path, &data);
     return ok;
@@ -188,11 +233,12 @@ bool ModemStore::efs_rm(unsigned sub, const std::string &path)
 {
     if (sub >= kSubs || !efs_path_ok(path))
         return false;
-    auto p = efs_file(sub, path);
-    std::error_code ec;
-    if (!fs::is_regular_file(p, ec))
+    auto [rel, name] = efs_split(sub, path);
+    auto d = dir(rel, false);
+    struct stat st;
+    if (!d || !stat_at(d.get(), name, &st) || !S_ISREG(st.st_mode))
         return false;
-    bool ok = fs::remove(p, ec);
+    bool ok = unlinkat(d.get(), name.c_str(), 0) == 0;
     if (ok && on_efs_change)
         on_efs_change(sub, path, nullptr);
     return ok;
@@ -201,25 +247,42 @@ bool ModemStore::efs_rm(unsigned sub, const std::string &path)
 std::vector<std::pair<std::string, uint64_t>> ModemStore::efs_ls(unsigned sub, const std::string &path) const
 {
     std::vector<std::pair<std::string, uint64_t>> out;
-    if (sub >= kSubs)
+    bool whole = path == "/" || path.empty();
+    if (sub >= kSubs || (!whole && !efs_path_ok(path)))
         return out;
-    fs::path base = root_ / "efs" / ("sub" + std::to_string(sub));
-    fs::path start = path == "/" || path.empty() ? base : efs_file(sub, path);
-    std::error_code ec;
-    auto add = [&](const fs::path &p) {
-        std::error_code e2;
-        out.emplace_back("/" + fs::relative(p, base, e2).generic_string(), fs::file_size(p, e2));
-    };
-    if (path != "/" && !path.empty() && !efs_path_ok(path))
-        return out;
-    if (fs::is_regular_file(start, ec)) {
-        add(start);
-        return out;
+    std::string base = "/";
+    if (!whole) {
+        auto [rel, name] = efs_split(sub, path);
+        auto d = dir(rel, false);
+        struct stat st;
+        if (!d || !stat_at(d.get(), name, &st))
+            return out;
+        base = path.substr(0, path.find_last_not_of('/') + 1);
+        if (S_ISREG(st.st_mode)) {
+            out.emplace_back(base, static_cast<uint64_t>(st.st_size));
+            return out;
+        }
+        base += "/";
     }
-    for (auto it = fs::recursive_directory_iterator(start, ec); !ec && it != fs::recursive_directory_iterator();
-         it.increment(ec))
-        if (it->is_regular_file(ec))
-            add(it->path());
+    // Walks the tree without following links: links and other non-regular
+    // files are not listed, directories are entered through O_NOFOLLOW.
+    auto walk = [&](auto &self, int fd, const std::string &prefix, int depth) -> void {
+        for (const auto &name : names_in(fd)) {
+            struct stat st;
+            if (!stat_at(fd, name, &st))
+                continue;
+            if (S_ISREG(st.st_mode)) {
+                out.emplace_back(prefix + name, static_cast<uint64_t>(st.st_size));
+            } else if (S_ISDIR(st.st_mode) && depth < kMaxEfsDepth) {
+                UniqueFd sub_fd(openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+                if (sub_fd)
+                    self(self, sub_fd.get(), prefix + name + "/", depth + 1);
+            }
+        }
+    };
+    auto start = dir("efs/sub" + std::to_string(sub) + (whole ? "" : path), false);
+    if (start)
+        walk(walk, start.get(), base, 0);
     std::sort(out.begin(), out.end());
     return out;
 }

@@ -1,6 +1,8 @@
 // modem_store.h - the modem's non-volatile memory as kept in the state
 // directory: NV items and an EFS tree per subscription (0 and 1). Every write
-// replaces the old content atomically, so a crash never leaves a mix.
+// replaces the old content atomically, so a crash never leaves a mix. Every
+// path is resolved beneath the state directory one component at a time
+// without following symbolic links, so nothing planted there leads outside.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +23,11 @@ public:
     static constexpr size_t kMaxEfsFile = 102410;
     static constexpr size_t kMaxEfsPath = 71;
 
-    // root: the state directory; creates nv/, efs/ and tmp/ under it.
+    // The temp area beneath the state directory (a name of kvn-sim's own).
+    static constexpr const char *kTempDir = "kvn-sim-tmp";
+
+    // root: the state directory; init() creates nv/, efs/ and kvn-sim-tmp/
+    // under it and clears kvn-sim's leftover temp files there.
     explicit ModemStore(std::filesystem::path root);
     bool init(std::string *err);
 
@@ -48,9 +54,15 @@ public:
     std::function<void(unsigned sub, const std::string &path, const Bytes *data)> on_efs_change;
 
 private:
-    std::filesystem::path nv_file(unsigned sub, uint16_t id) const;
-    std::filesystem::path efs_file(unsigned sub, const std::string &path) const;
+    // The directory `rel` beneath the state directory (no links); invalid
+    // when it is missing and `create` is false.
+    UniqueFd dir(const std::string &rel, bool create) const;
+    static std::string nv_dir(unsigned sub) { return "nv/sub" + std::to_string(sub); }
+    // The directory part of an EFS path (beneath the state directory) and its file name.
+    static std::pair<std::string, std::string> efs_split(unsigned sub, const std::string &path);
+
     std::filesystem::path root_, tmp_;
+    UniqueFd root_fd_, tmp_fd_;
 };
 
 } // namespace kvn_sim

@@ -160,9 +160,11 @@ int NvEfsCommand::next_instance()
 
 void NvEfsCommand::efs_write(const Request &rq, Bytes &reply, uint64_t conn, Clock::time_point now)
 {
-    if (rq.chunk > kMaxChunk || rq.total > ModemStore::kMaxEfsFile || rq.chunk > rq.total) {
-        if (rq.id != 255)
-            transfers_.erase(rq.id);
+    // The modem has no empty EFS write: a file of 0 bytes is refused like kvn refuses it.
+    if (rq.chunk > kMaxChunk || rq.total == 0 || rq.total > ModemStore::kMaxEfsFile || rq.chunk > rq.total) {
+        // Another connection's transfer is never touched by a bad chunk naming it.
+        if (auto it = transfers_.find(rq.id); it != transfers_.end() && it->second.conn == conn)
+            transfers_.erase(it);
         set_result(reply, refuse("EFS write chunk " + std::to_string(rq.chunk) + " of " + std::to_string(rq.total)));
         return;
     }
@@ -177,6 +179,14 @@ void NvEfsCommand::efs_write(const Request &rq, Bytes &reply, uint64_t conn, Clo
             it = it->second.conn == conn && it->second.path == rq.path && it->second.sub == rq.sub
                      ? transfers_.erase(it)
                      : std::next(it);
+        size_t mine = 0;
+        for (const auto &[id, t] : transfers_)
+            mine += t.conn == conn;
+        if (mine >= kMaxTransfersPerConnection) {
+            log_("EFS write: connection already has " + std::to_string(mine) + " open transfers");
+            set_result(reply, kBusy);
+            return;
+        }
         instance = next_instance();
         if (instance < 0) {
             set_result(reply, kBusy);
@@ -192,7 +202,12 @@ void NvEfsCommand::efs_write(const Request &rq, Bytes &reply, uint64_t conn, Clo
             return;
         }
         const Transfer &t = it->second;
-        if (t.sub != rq.sub || t.path != rq.path || t.total != rq.total || t.conn != conn) {
+        if (t.conn != conn) {
+            log_("EFS write: transfer " + std::to_string(instance) + " belongs to another connection");
+            set_result(reply, kBadTransfer);
+            return;
+        }
+        if (t.sub != rq.sub || t.path != rq.path || t.total != rq.total) {
             log_("EFS write: transfer " + std::to_string(instance) + " does not match its first chunk");
             transfers_.erase(it);
             set_result(reply, kBadTransfer);

@@ -1,7 +1,8 @@
 // nvefs_command.h - the modem side of extend command 2: NV item and EFS file
 // operations carried in the 512-byte request payload, answered with the
 // 444-byte reply record. EFS writes of several chunks run as transfers
-// numbered 0..254; a file appears only when its last chunk arrives.
+// numbered 0..254, each owned by the connection that started it; a file
+// appears only when its last chunk arrives.
 #pragma once
 
 #include <chrono>
@@ -21,6 +22,9 @@ public:
     static constexpr size_t kReplyLen = 444;
     static constexpr size_t kMaxChunk = 424;
     static constexpr std::chrono::seconds kTransferIdle{30};
+    // Open EFS write transfers one connection may hold; the 255 instances are
+    // shared, so one client cannot take them all.
+    static constexpr size_t kMaxTransfersPerConnection = 8;
 
     // Result codes of the reply record (offset 16).
     static constexpr int32_t kNotActive = 5;   // NV item never written
@@ -29,7 +33,7 @@ public:
     static constexpr int32_t kBadPosition = -29; // read past the end, write out of order
     static constexpr int32_t kBadTransfer = -9;  // unknown transfer instance or mismatch
     static constexpr int32_t kIoError = -5;      // the store could not be written
-    static constexpr int32_t kBusy = -16;        // every transfer instance in use
+    static constexpr int32_t kBusy = -16;        // every transfer instance, or the connection's share, in use
 
     // log(text): a line for the handset's log when a request is refused.
     NvEfsCommand(ModemStore &store, std::function<void(const std::string &)> log);

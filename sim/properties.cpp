@@ -1,4 +1,6 @@
-// properties.cpp - the property service of kvn-sim.
+// properties.cpp - the property service of kvn-sim. The file is a JSON
+// object of key → value; a property whose key or value is not UTF-8 (JSON
+// cannot carry those bytes) is kept faithfully as hex under "#hex".
 #include "properties.h"
 
 #include <nlohmann/json.hpp>
@@ -8,6 +10,10 @@
 namespace kvn_sim {
 
 static bool is_persistent(const std::string &key) { return key.rfind("persist.", 0) == 0; }
+
+// Member of the file holding the properties that are not UTF-8, hex-encoded;
+// it cannot clash with a saved property, which starts with "persist.".
+static constexpr const char *kHexMember = "#hex";
 
 Properties::Properties(std::filesystem::path file, std::filesystem::path tmp_dir)
     : file_(std::move(file)), tmp_dir_(std::move(tmp_dir))
@@ -19,7 +25,7 @@ bool Properties::load(std::string *err)
     std::error_code ec;
     if (!std::filesystem::exists(file_, ec))
         return true;
-    auto data = read_file(file_, 1 << 20, err);
+    auto data = read_file(file_, 1 << 20, err, true);
     if (!data)
         return false;
     auto j = nlohmann::json::parse(data->begin(), data->end(), nullptr, false);
@@ -27,9 +33,20 @@ bool Properties::load(std::string *err)
         *err = file_.string() + ": not a JSON object";
         return false;
     }
+    auto take = [&](const std::string &k, const std::string &v) {
+        if (valid(k, v, nullptr) && is_persistent(k))
+            props_[k] = v;
+    };
     for (auto &[k, v] : j.items())
-        if (v.is_string() && valid(k, v.get<std::string>(), nullptr) && is_persistent(k))
-            props_[k] = v.get<std::string>();
+        if (v.is_string())
+            take(k, v.get<std::string>());
+    if (auto hex = j.find(kHexMember); hex != j.end() && hex->is_object())
+        for (auto &[k, v] : hex->items()) {
+            auto key = from_hex(k);
+            auto value = v.is_string() ? from_hex(v.get<std::string>()) : std::nullopt;
+            if (key && value)
+                take(std::string(key->begin(), key->end()), std::string(value->begin(), value->end()));
+        }
     return true;
 }
 
@@ -74,9 +91,15 @@ bool Properties::set(const std::string &key, const std::string &value, std::stri
 bool Properties::save(const std::map<std::string, std::string> &props, std::string *err) const
 {
     nlohmann::json j = nlohmann::json::object();
-    for (const auto &[k, v] : props)
-        if (is_persistent(k))
+    for (const auto &[k, v] : props) {
+        if (!is_persistent(k))
+            continue;
+        if (is_utf8(k) && is_utf8(v))
             j[k] = v;
+        else
+            j[kHexMember][to_hex(reinterpret_cast<const uint8_t *>(k.data()), k.size())] =
+                to_hex(reinterpret_cast<const uint8_t *>(v.data()), v.size());
+    }
     std::string text = j.dump(1) + "\n";
     return write_file_atomic(file_, tmp_dir_, reinterpret_cast<const uint8_t *>(text.data()), text.size(), err);
 }

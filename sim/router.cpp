@@ -1,6 +1,7 @@
 // router.cpp - the poll() loop and packet routing of kvn-sim.
 #include "router.h"
 
+#include <malloc.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -15,10 +16,11 @@ using kvn_wire::Header;
 using kvn_wire::Kind;
 
 namespace {
-constexpr size_t kMaxConnections = 512;
-constexpr size_t kMaxPendingOutput = 16u << 20; // a client that stops reading is dropped beyond this
 constexpr size_t kReadChunk = 65536;
+constexpr size_t kKeepBuffer = 64u << 10; // buffers larger than this are freed once empty
+constexpr size_t kTrimAfter = 4u << 20;   // freed bytes after which memory is handed back
 constexpr int kAndroidLogVerbose = 2, kAndroidLogSilent = 8;
+using Clock = std::chrono::steady_clock;
 } // namespace
 
 /* ---- timers ---- */
@@ -51,7 +53,8 @@ void TimerQueue::run_due()
 struct Router::Conn {
     enum class Role { Fresh, Bound, Watcher };
     uint64_t id = 0;
-    int fd = -1;
+    int fd = -1;   // -1 for an in-process connection
+    pid_t pid = 0; // the peer process, 0 when unknown
     Role role = Role::Fresh;
     uint32_t service = 0; // bound or watched service
     uint16_t instance = 0;
@@ -59,9 +62,14 @@ struct Router::Conn {
     std::vector<uint8_t> in;
     std::vector<uint8_t> out;
     size_t out_off = 0;
-    bool closing = false; // no more input; closed once `out` is written
-    bool dead = false;    // close now
+    bool closing = false;     // no more input; closed once `out` is written
+    bool dead = false;        // close now
+    bool got_packet = false;  // a whole packet has arrived
+    Clock::time_point opened; // accepted
+    Clock::time_point active; // last byte read or written
 
+    size_t pending() const { return out.size() - out_off; }
+    size_t buffered() const { return in.capacity() + out.capacity(); }
     ~Conn()
     {
         if (fd >= 0)
@@ -69,7 +77,10 @@ struct Router::Conn {
     }
 };
 
-Router::Router(Handset &h, int listen_fd, int signal_fd) : h_(h), listen_fd_(listen_fd), signal_fd_(signal_fd) {}
+Router::Router(Handset &h, int listen_fd, int signal_fd, RouterLimits limits)
+    : h_(h), listen_fd_(listen_fd), signal_fd_(signal_fd), limits_(limits)
+{
+}
 
 Router::~Router() = default;
 
@@ -78,8 +89,21 @@ void Router::queue_bytes(Conn &c, const std::vector<uint8_t> &bytes)
     if (c.dead)
         return;
     c.out.insert(c.out.end(), bytes.begin(), bytes.end());
-    if (c.out.size() - c.out_off > kMaxPendingOutput)
+    stats_.output_bytes += bytes.size();
+    if (c.pending() > limits_.output_max) {
+        ++stats_.backlog_drops;
         drop(c, "client does not read its replies");
+        return;
+    }
+    if (stats_.output_bytes <= limits_.output_total)
+        return;
+    // Over the total: the connection holding the most unsent bytes goes.
+    Conn *worst = &c;
+    for (auto &[id, o] : conns_)
+        if (!o->dead && o->pending() > worst->pending())
+            worst = o.get();
+    ++stats_.backlog_drops;
+    drop(*worst, "too many unsent replies held for all clients");
 }
 
 void Router::send(Conn &c, Kind kind, uint32_t service, uint16_t instance, uint16_t client, uint16_t status,
@@ -96,27 +120,80 @@ void Router::send(Conn &c, Kind kind, uint32_t service, uint16_t instance, uint1
 
 void Router::drop(Conn &c, const std::string &why)
 {
-    if (!why.empty())
+    if (!why.empty() && !c.dead)
         h_.note(kLogWarn, "client " + std::to_string(c.id) + " dropped: " + why);
     c.dead = true;
+    // Closed now: what it was never sent no longer counts.
+    stats_.output_bytes -= c.pending();
+    c.out_off = c.out.size();
+}
+
+Router::Conn *Router::longest_idle()
+{
+    Conn *oldest = nullptr;
+    for (auto &[id, c] : conns_)
+        if (!c->dead && c->fd >= 0 && (!oldest || c->active < oldest->active))
+            oldest = c.get();
+    return oldest;
 }
 
 void Router::accept_clients()
 {
     for (int i = 0; i < 64; ++i) {
         int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd < 0)
-            return;
-        if (conns_.size() >= kMaxConnections) {
-            close(fd);
-            h_.note(kLogWarn, "too many clients, connection refused");
+        if (fd >= 0) {
+            admit(fd);
             continue;
         }
-        auto c = std::make_unique<Conn>();
-        c->id = next_conn_id_++;
-        c->fd = fd;
-        conns_.emplace(c->id, std::move(c));
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            // Out of descriptors: the listener stays readable, so polling it
+            // now would spin. Pause it; closed connections make room meanwhile.
+            if (stats_.accept_errors++ == 0 || Clock::now() >= accept_paused_until_ + std::chrono::seconds(10))
+                h_.note(kLogWarn, std::string("cannot accept clients: ") + strerror(errno));
+            accept_paused_until_ = Clock::now() + limits_.accept_backoff;
+        }
+        return;
     }
+}
+
+void Router::admit(int fd)
+{
+    auto c = std::make_unique<Conn>();
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0)
+        c->pid = cred.pid;
+    if (c->pid > 0) {
+        size_t same = 0;
+        for (auto &[id, o] : conns_)
+            same += !o->dead && o->pid == c->pid;
+        if (same >= limits_.max_per_process) {
+            close(fd);
+            if (stats_.refused++ % 1000 == 0)
+                h_.note(kLogWarn, "process " + std::to_string(c->pid) + " has " + std::to_string(same) +
+                                      " connections; more refused");
+            return;
+        }
+    }
+    size_t live = 0;
+    for (auto &[id, o] : conns_)
+        live += !o->dead;
+    if (live >= limits_.max_connections) {
+        if (Conn *victim = longest_idle()) {
+            ++stats_.evicted;
+            drop(*victim, "longest idle while the connection table is full");
+        }
+    }
+    c->id = next_conn_id_++;
+    c->fd = fd;
+    c->opened = c->active = Clock::now();
+    conns_.emplace(c->id, std::move(c));
+}
+
+bool Router::wants_input(const Conn &c) const
+{
+    return !c.dead && !c.closing && c.pending() < limits_.output_high &&
+           c.in.size() < kvn_wire::kHeaderSize + kvn_wire::kMaxPayload;
 }
 
 void Router::read_from(Conn &c)
@@ -136,8 +213,14 @@ void Router::read_from(Conn &c)
         c.dead = true;
         return;
     }
+    c.active = Clock::now();
+    process_input(c);
+}
+
+void Router::process_input(Conn &c)
+{
     size_t pos = 0;
-    while (!c.dead && !c.closing && c.in.size() - pos >= kvn_wire::kHeaderSize) {
+    while (!c.dead && !c.closing && c.pending() < limits_.output_high && c.in.size() - pos >= kvn_wire::kHeaderSize) {
         auto hd = kvn_wire::decode_header(c.in.data() + pos);
         if (!hd) {
             drop(c, "bad packet header (version, kind or length)");
@@ -145,16 +228,28 @@ void Router::read_from(Conn &c)
         }
         if (c.in.size() - pos - kvn_wire::kHeaderSize < hd->length)
             break;
+        c.got_packet = true;
         on_packet(c, *hd, c.in.data() + pos + kvn_wire::kHeaderSize, hd->length);
         pos += kvn_wire::kHeaderSize + hd->length;
     }
     c.in.erase(c.in.begin(), c.in.begin() + static_cast<std::ptrdiff_t>(std::min(pos, c.in.size())));
+    if (c.in.empty() && c.in.capacity() > kKeepBuffer) {
+        released_since_trim_ += c.in.capacity();
+        std::vector<uint8_t>().swap(c.in);
+    }
+}
+
+void Router::note_written(Conn &c, size_t n)
+{
+    c.out_off += n;
+    stats_.output_bytes -= n;
+    c.active = Clock::now();
 }
 
 void Router::flush(Conn &c)
 {
-    while (c.out_off < c.out.size()) {
-        ssize_t n = ::send(c.fd, c.out.data() + c.out_off, c.out.size() - c.out_off, MSG_NOSIGNAL);
+    while (c.fd >= 0 && c.pending() > 0) {
+        ssize_t n = ::send(c.fd, c.out.data() + c.out_off, c.pending(), MSG_NOSIGNAL);
         if (n < 0) {
             if (errno == EINTR)
                 continue;
@@ -162,12 +257,36 @@ void Router::flush(Conn &c)
                 c.dead = true;
             return;
         }
-        c.out_off += static_cast<size_t>(n);
+        note_written(c, static_cast<size_t>(n));
+    }
+    if (c.pending() > 0)
+        return;
+    if (c.out.capacity() > kKeepBuffer) {
+        released_since_trim_ += c.out.capacity();
+        std::vector<uint8_t>().swap(c.out);
     }
     c.out.clear();
     c.out_off = 0;
     if (c.closing)
         c.dead = true;
+}
+
+void Router::expire_idle()
+{
+    auto now = Clock::now();
+    for (auto &[id, cp] : conns_) {
+        Conn &c = *cp;
+        if (c.dead || c.fd < 0)
+            continue;
+        if (!c.got_packet && now - c.opened > limits_.handshake) {
+            ++stats_.evicted;
+            drop(c, "no request within " + std::to_string(limits_.handshake.count()) + " ms");
+        } else if ((c.role == Conn::Role::Fresh && now - c.active > limits_.fresh_idle) ||
+                   (c.role == Conn::Role::Bound && now - c.active > limits_.bound_idle)) {
+            ++stats_.evicted;
+            drop(c, "idle too long");
+        }
+    }
 }
 
 void Router::reap()
@@ -181,8 +300,62 @@ void Router::reap()
         if (c.role == Conn::Role::Bound)
             if (auto *e = h_.services.find(c.service))
                 e->service->connection_closed(c.id);
+        stats_.output_bytes -= c.pending();
+        released_since_trim_ += c.buffered();
         it = conns_.erase(it);
     }
+    // Freed buffers of a burst stay with the allocator unless handed back.
+    if (released_since_trim_ >= kTrimAfter) {
+        malloc_trim(0);
+        released_since_trim_ = 0;
+    }
+}
+
+/* ---- in-process connections ---- */
+
+uint64_t Router::open_local()
+{
+    auto c = std::make_unique<Conn>();
+    c->id = next_conn_id_++;
+    c->opened = c->active = Clock::now();
+    uint64_t id = c->id;
+    conns_.emplace(id, std::move(c));
+    return id;
+}
+
+bool Router::feed_local(uint64_t id, const uint8_t *p, size_t len)
+{
+    auto it = conns_.find(id);
+    if (it == conns_.end())
+        return false;
+    Conn &c = *it->second;
+    if (!c.dead && !c.closing)
+        c.in.insert(c.in.end(), p, p + len);
+    process_input(c);
+    bool alive = !c.dead;
+    reap();
+    return alive;
+}
+
+std::vector<uint8_t> Router::take_output(uint64_t id)
+{
+    auto it = conns_.find(id);
+    if (it == conns_.end())
+        return {};
+    Conn &c = *it->second;
+    std::vector<uint8_t> out(c.out.begin() + static_cast<std::ptrdiff_t>(c.out_off), c.out.end());
+    note_written(c, out.size());
+    c.out.clear();
+    c.out_off = 0;
+    process_input(c); // input held back by a full output goes on
+    return out;
+}
+
+void Router::close_local(uint64_t id)
+{
+    if (auto it = conns_.find(id); it != conns_.end())
+        it->second->dead = true;
+    reap();
 }
 
 /* ---- packets ---- */
@@ -327,6 +500,10 @@ void Router::on_qmi(Conn &c, const Header &hd, const uint8_t *p, size_t len)
         drop(c, "malformed QMI message");
         return;
     }
+    if (q->txn == 0) {
+        drop(c, "QMI request with transaction id 0");
+        return;
+    }
     std::span<const uint8_t> tlvs(p + kvn_wire::kQmiHeaderSize, q->tlv_len);
     h_.journal.record(c.service, q->msg_id, q->txn, tlvs);
     auto *e = h_.services.find(c.service);
@@ -468,11 +645,15 @@ void Router::run()
     while (!stopping_) {
         fds.clear();
         order.clear();
-        fds.push_back({listen_fd_, POLLIN, 0});
+        bool accepting = Clock::now() >= accept_paused_until_;
+        fds.push_back({listen_fd_, static_cast<short>(accepting ? POLLIN : 0), 0});
         fds.push_back({signal_fd_, POLLIN, 0});
         for (auto &[id, c] : conns_) {
-            short ev = c->closing ? 0 : POLLIN;
-            if (c->out.size() > c->out_off)
+            if (c->fd < 0)
+                continue;
+            // A connection whose replies back up is not read (back-pressure).
+            short ev = wants_input(*c) ? POLLIN : 0;
+            if (c->pending() > 0)
                 ev |= POLLOUT;
             fds.push_back({c->fd, ev, 0});
             order.push_back(c.get());
@@ -480,12 +661,23 @@ void Router::run()
         size_t first_watched = fds.size();
         for (auto &[fd, w] : watched_)
             fds.push_back({fd, w.events, 0});
-        int n = poll(fds.data(), fds.size(), timers_.timeout_ms());
+        // Wake at least once a second while clients are connected (idle
+        // timeouts), and when a paused listener may accept again.
+        int timeout = timers_.timeout_ms();
+        auto cap = [&](int ms) { timeout = timeout < 0 ? ms : std::min(timeout, ms); };
+        if (!order.empty())
+            cap(1000);
+        if (!accepting)
+            cap(static_cast<int>(limits_.accept_backoff.count()) + 1);
+        int n = poll(fds.data(), fds.size(), timeout);
         if (n < 0 && errno != EINTR)
             break;
         timers_.run_due();
-        if (n <= 0)
+        expire_idle();
+        if (n <= 0) {
+            reap();
             continue;
+        }
         if (fds[1].revents & POLLIN) {
             signalfd_siginfo si;
             if (read(signal_fd_, &si, sizeof si) > 0) {
@@ -500,10 +692,14 @@ void Router::run()
                 read_from(c);
             else if (!c.dead && (re & (POLLHUP | POLLERR)) && !(re & POLLOUT))
                 c.dead = true;
-            if (!c.dead && c.out.size() > c.out_off)
+            if (!c.dead && c.pending() > 0) {
                 flush(c);
-            else if (c.closing && c.out.size() == c.out_off)
+                // Input held back while the output was full goes on now.
+                if (!c.dead && !c.in.empty())
+                    process_input(c);
+            } else if (c.closing && c.pending() == 0) {
                 c.dead = true;
+            }
         }
         for (size_t i = first_watched; i < fds.size(); ++i) {
             // A handler may unwatch any descriptor, so look each one up again.

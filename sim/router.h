@@ -4,6 +4,9 @@
 // requests (service list, watch, properties, log, control), and tells bound
 // clients and watchers when services go down or come up. Single-threaded:
 // sockets are non-blocking, so a slow or hostile client never holds up others.
+// Connections are bounded (RouterLimits): a total and a per-process count,
+// the longest-idle one evicted when full, a deadline for the first packet,
+// idle timeouts, and back-pressure on clients that do not read their replies.
 #pragma once
 
 #include <chrono>
@@ -32,6 +35,19 @@ private:
     std::multimap<Clock::time_point, std::function<void()>> q_;
 };
 
+// The bounds a Router keeps. The defaults are the daemon's; tests shrink them.
+struct RouterLimits {
+    size_t max_connections = 512; // when full, the longest-idle connection is evicted for a new one
+    size_t max_per_process = 64;  // connections of one peer process (SO_PEERCRED); more are refused
+    std::chrono::milliseconds handshake{5000};       // a connection's first whole packet must come by then
+    std::chrono::milliseconds fresh_idle{60000};     // a connection neither bound nor watching, quiet this long
+    std::chrono::milliseconds bound_idle{3600000};   // a bound client, quiet this long (watchers never time out)
+    size_t output_high = 64u << 10;  // unsent bytes at which a connection's input stops being read
+    size_t output_max = 1u << 20;    // unsent bytes at which it is closed (delayed replies, notifications)
+    size_t output_total = 32u << 20; // all connections' unsent bytes; beyond, the largest backlog is closed
+    std::chrono::milliseconds accept_backoff{100}; // pause of the listener when accept runs out of descriptors
+};
+
 class Router {
 public:
     // Returns the reply object; sets *ok false for a failed command.
@@ -39,7 +55,7 @@ public:
 
     // listen_fd: a listening Unix socket; signal_fd: readable when the daemon
     // is asked to stop (signalfd), or -1. Both stay owned by the caller.
-    Router(Handset &h, int listen_fd, int signal_fd);
+    Router(Handset &h, int listen_fd, int signal_fd, RouterLimits limits = {});
     ~Router();
     Router(const Router &) = delete;
     Router &operator=(const Router &) = delete;
@@ -60,6 +76,25 @@ public:
     // Modem restart: every service down, back up after `down_for`.
     void restart_modem(std::chrono::milliseconds down_for);
     size_t client_count() const { return conns_.size(); }
+
+    // What the loop has had to do to keep its bounds, for `status` and tests.
+    struct Stats {
+        uint64_t accept_errors = 0; // accept() failures (descriptors ran out...)
+        uint64_t refused = 0;       // connections refused: too many of one process
+        uint64_t evicted = 0;       // closed to make room, or idle past a timeout
+        uint64_t backlog_drops = 0; // closed for holding too many unsent bytes
+        size_t output_bytes = 0;    // unsent bytes of all connections now
+    };
+    const Stats &stats() const { return stats_; }
+
+    // Connections without a socket, driven in-process (fuzzing, tests): bytes
+    // fed are handled as if read from a client, and replies collect until
+    // taken. Their input stops being handled while the output is backed up.
+    uint64_t open_local();
+    // False when the connection is gone (closed by what it sent).
+    bool feed_local(uint64_t id, const uint8_t *p, size_t len);
+    std::vector<uint8_t> take_output(uint64_t id);
+    void close_local(uint64_t id);
     // Sends one indication (flags 0x04, transaction 0) with the TLV area as
     // given to every client bound to the service; returns how many it reached.
     size_t indicate(uint32_t service, uint16_t msg_id, const std::vector<uint8_t> &tlvs);
@@ -74,8 +109,15 @@ public:
 private:
     struct Conn;
     void accept_clients();
+    void admit(int fd);
     void read_from(Conn &c);
+    // Handles the whole packets buffered, while the output is not backed up.
+    void process_input(Conn &c);
+    bool wants_input(const Conn &c) const;
     void flush(Conn &c);
+    void note_written(Conn &c, size_t n);
+    void expire_idle();
+    Conn *longest_idle();
     void on_packet(Conn &c, const kvn_wire::Header &h, const uint8_t *payload, size_t len);
     void on_qmi(Conn &c, const kvn_wire::Header &h, const uint8_t *payload, size_t len);
     void on_control(Conn &c, const uint8_t *payload, size_t len);
@@ -89,6 +131,10 @@ private:
     Handset &h_;
     int listen_fd_;
     int signal_fd_;
+    RouterLimits limits_;
+    Stats stats_;
+    std::chrono::steady_clock::time_point accept_paused_until_{};
+    size_t released_since_trim_ = 0; // freed buffer bytes not yet handed back to the system
     bool stopping_ = false;
     uint64_t next_conn_id_ = 1;
     uint16_t next_client_id_ = 1;

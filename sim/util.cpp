@@ -1,11 +1,16 @@
-// util.cpp - hex text, numbers and crash-safe file replacement for kvn-sim.
+// util.cpp - hex text, numbers, UTF-8 checks, descriptors, link-free paths
+// beneath a root and crash-safe file replacement for kvn-sim.
 #include "util.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 namespace kvn_sim {
@@ -84,87 +89,188 @@ std::optional<uint64_t> parse_number(std::string_view text, uint64_t max)
     return v;
 }
 
-std::optional<Bytes> read_file(const fs::path &p, size_t max_size, std::string *err)
+bool is_utf8(std::string_view text)
 {
-    int fd = open(p.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        if (err)
-            *err = p.string() + ": " + strerror(errno);
-        return std::nullopt;
+    size_t i = 0;
+    while (i < text.size()) {
+        auto b = static_cast<uint8_t>(text[i]);
+        size_t n = b < 0x80 ? 0 : (b & 0xE0) == 0xC0 ? 1 : (b & 0xF0) == 0xE0 ? 2 : (b & 0xF8) == 0xF0 ? 3 : 4;
+        if (n == 4 || text.size() - i - 1 < n)
+            return false; // not a lead byte, or the sequence is cut short
+        uint32_t cp = n == 0 ? b : b & (0x3F >> n);
+        for (size_t k = 1; k <= n; ++k) {
+            auto c = static_cast<uint8_t>(text[i + k]);
+            if ((c & 0xC0) != 0x80)
+                return false;
+            cp = cp << 6 | (c & 0x3F);
+        }
+        static const uint32_t kMin[] = {0, 0x80, 0x800, 0x10000};
+        if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
+            return false; // overlong, out of range, or a surrogate
+        i += n + 1;
     }
+    return true;
+}
+
+/* ---- descriptors ---- */
+
+UniqueFd &UniqueFd::operator=(UniqueFd &&o) noexcept
+{
+    if (this != &o) {
+        reset(o.fd_);
+        o.fd_ = -1;
+    }
+    return *this;
+}
+
+void UniqueFd::reset(int fd)
+{
+    if (fd_ >= 0)
+        close(fd_);
+    fd_ = fd;
+}
+
+/* ---- reading ---- */
+
+namespace {
+
+std::optional<Bytes> read_open_file(int fd, const std::string &name, size_t max_size, std::string *err)
+{
+    UniqueFd owned(fd);
+    auto fail = [&](const std::string &why) -> std::optional<Bytes> {
+        if (err)
+            *err = name + ": " + why;
+        return std::nullopt;
+    };
+    if (fd < 0)
+        return fail(errno == ELOOP ? "is a symbolic link" : strerror(errno));
+    struct stat st;
+    if (fstat(fd, &st) != 0)
+        return fail(strerror(errno));
+    if (!S_ISREG(st.st_mode))
+        return fail("not a regular file");
+    if (static_cast<uint64_t>(st.st_size) > max_size)
+        return fail("larger than " + std::to_string(max_size) + " bytes");
     Bytes out;
     uint8_t buf[65536];
     for (;;) {
         ssize_t n = read(fd, buf, sizeof buf);
         if (n < 0 && errno == EINTR)
             continue;
-        if (n < 0) {
-            if (err)
-                *err = p.string() + ": " + strerror(errno);
-            close(fd);
-            return std::nullopt;
-        }
+        if (n < 0)
+            return fail(strerror(errno));
         if (n == 0)
             break;
-        if (out.size() + static_cast<size_t>(n) > max_size) {
-            if (err)
-                *err = p.string() + ": larger than " + std::to_string(max_size) + " bytes";
-            close(fd);
-            return std::nullopt;
-        }
+        if (out.size() + static_cast<size_t>(n) > max_size)
+            return fail("larger than " + std::to_string(max_size) + " bytes");
         out.insert(out.end(), buf, buf + n);
     }
-    close(fd);
     return out;
 }
 
-static bool fsync_dir(const fs::path &dir)
+constexpr int kReadFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+} // namespace
+
+std::optional<Bytes> read_file(const fs::path &p, size_t max_size, std::string *err, bool nofollow)
 {
-    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    bool ok = fsync(fd) == 0;
-    close(fd);
-    return ok;
+    return read_open_file(open(p.c_str(), kReadFlags | (nofollow ? O_NOFOLLOW : 0)), p.string(), max_size, err);
 }
 
-bool write_file_atomic(const fs::path &target, const fs::path &tmp_dir, const uint8_t *data, size_t len,
-                       std::string *err)
+std::optional<Bytes> read_file_at(int dir, const std::string &name, size_t max_size, std::string *err)
 {
-    static std::atomic<unsigned> counter{0};
+    return read_open_file(openat(dir, name.c_str(), kReadFlags | O_NOFOLLOW), name, max_size, err);
+}
+
+UniqueFd open_dir_beneath(int base, std::string_view rel, bool create)
+{
+    UniqueFd cur(fcntl(base, F_DUPFD_CLOEXEC, 0));
+    size_t pos = 0;
+    while (cur && pos < rel.size()) {
+        size_t end = std::min(rel.find('/', pos), rel.size());
+        std::string name(rel.substr(pos, end - pos));
+        pos = end + 1;
+        if (name.empty())
+            continue;
+        if (name == "." || name == "..") {
+            errno = EINVAL;
+            return UniqueFd();
+        }
+        const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+        int fd = openat(cur.get(), name.c_str(), flags);
+        if (fd < 0 && errno == ENOENT && create) {
+            if (mkdirat(cur.get(), name.c_str(), 0755) != 0 && errno != EEXIST)
+                return UniqueFd();
+            fd = openat(cur.get(), name.c_str(), flags);
+        }
+        cur.reset(fd);
+    }
+    return cur;
+}
+
+/* ---- crash-safe replacement ---- */
+
+// A temp name nobody can guess ahead of time.
+static std::string temp_name()
+{
+    uint8_t r[12];
+    if (getrandom(r, sizeof r, 0) != static_cast<ssize_t>(sizeof r)) {
+        static std::atomic<uint64_t> counter{0};
+        uint64_t v = static_cast<uint64_t>(getpid()) << 40 ^ counter++ ^
+                     static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+        std::memcpy(r, &v, sizeof v);
+    }
+    return std::string(kTempPrefix) + to_hex(r, sizeof r);
+}
+
+bool write_file_atomic_at(int dir, const std::string &name, int tmp_dir, const uint8_t *data, size_t len,
+                          std::string *err)
+{
     auto fail = [&](const std::string &what) {
         if (err)
             *err = what + ": " + strerror(errno);
         return false;
     };
-    fs::path tmp = tmp_dir / ("w" + std::to_string(getpid()) + "-" + std::to_string(counter++));
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return fail(tmp.string());
+    std::string tmp = temp_name();
+    UniqueFd fd(openat(tmp_dir, tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!fd)
+        return fail("temp file " + tmp);
+    auto discard = [&](const std::string &what) {
+        int saved = errno;
+        unlinkat(tmp_dir, tmp.c_str(), 0);
+        errno = saved;
+        return fail(what);
+    };
     size_t done = 0;
     while (done < len) {
-        ssize_t n = write(fd, data + done, len - done);
+        ssize_t n = write(fd.get(), data + done, len - done);
         if (n < 0 && errno == EINTR)
             continue;
-        if (n <= 0) {
-            close(fd);
-            unlink(tmp.c_str());
-            return fail(tmp.string());
-        }
+        if (n <= 0)
+            return discard("temp file " + tmp);
         done += static_cast<size_t>(n);
     }
-    if (fsync(fd) != 0) {
-        close(fd);
-        unlink(tmp.c_str());
-        return fail(tmp.string());
-    }
-    close(fd);
-    if (rename(tmp.c_str(), target.c_str()) != 0) {
-        unlink(tmp.c_str());
-        return fail(target.string());
-    }
-    fsync_dir(target.parent_path());
+    if (fsync(fd.get()) != 0)
+        return discard("temp file " + tmp);
+    fd.reset();
+    if (renameat(tmp_dir, tmp.c_str(), dir, name.c_str()) != 0)
+        return discard(name);
+    fsync(dir);
     return true;
+}
+
+bool write_file_atomic(const fs::path &target, const fs::path &tmp_dir, const uint8_t *data, size_t len,
+                       std::string *err)
+{
+    fs::path parent = target.parent_path().empty() ? fs::path(".") : target.parent_path();
+    UniqueFd dir(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd tmp(open(tmp_dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!dir || !tmp) {
+        if (err)
+            *err = (dir ? tmp_dir : parent).string() + ": " + strerror(errno);
+        return false;
+    }
+    return write_file_atomic_at(dir.get(), target.filename().string(), tmp.get(), data, len, err);
 }
 
 } // namespace kvn_sim

@@ -195,20 +195,37 @@ TEST_F(NvEfsTest, TransferMistakesAndAbandonedTransfersDropTheTransfer)
     EXPECT_LT(write_chunk(path, a, 900, 400, next).result, 0);
     EXPECT_EQ(cmd.open_transfers(), 0u);
     EXPECT_FALSE(h.store.efs_size(0, path)) << "no abandoned transfer may produce the file";
-    EXPECT_LT(write_chunk(path, start(7), 900, 400, next, 8).result, 0) << "another connection's chunk";
-
-    // Instance 255 means "open one": 255 transfers at once get distinct
-    // instances below 255, the next is refused.
+    // A transfer belongs to its connection: another connection's chunks
+    // naming it, good or bad, are refused and leave it as it was.
+    a = start(7);
+    EXPECT_EQ(write_chunk(path, a, 900, 400, next, 8).result, NvEfsCommand::kBadTransfer);
+    EXPECT_LT(write_chunk(path, a, 900, 400, Bytes(500, 1), 8).result, 0) << "an oversized chunk";
+    EXPECT_LT(write_chunk(path, a, 0, 0, {}, 8).result, 0) << "a zero total";
+    EXPECT_EQ(write_chunk(path, a, 900, 400, next, 7).result, a) << "the owner's transfer survived";
     cmd.connection_closed(7);
+
+    // An EFS write of 0 bytes is refused, as kvn refuses it: no empty file.
+    EXPECT_EQ(write_chunk("/empty", 255, 0, 0, {}).result, NvEfsCommand::kBadRequest);
+    EXPECT_FALSE(h.store.efs_size(0, "/empty"));
+
+    // Instance 255 means "open one". One connection holds at most 8 open
+    // transfers; 255 at once over several connections get distinct
+    // instances below 255, the next is refused.
+    const size_t per = NvEfsCommand::kMaxTransfersPerConnection;
     std::set<int> seen;
-    for (int i = 0; i < 255; ++i) {
-        auto r = write_chunk("/f" + std::to_string(i), 255, 10, 0, pattern(4, 1));
+    for (size_t i = 0; i < 255; ++i) {
+        auto r = write_chunk("/f" + std::to_string(i), 255, 10, 0, pattern(4, 1), 100 + i / per);
         ASSERT_GE(r.result, 0);
         ASSERT_LT(r.result, 255);
         seen.insert(r.result);
     }
     EXPECT_EQ(seen.size(), 255u);
-    EXPECT_LT(write_chunk("/full", 255, 10, 0, pattern(4, 1)).result, 0) << "every instance is in use";
+    EXPECT_EQ(write_chunk("/mine", 255, 10, 0, pattern(4, 1), 100).result, NvEfsCommand::kBusy)
+        << "the connection's share is used up";
+    EXPECT_EQ(write_chunk("/full", 255, 10, 0, pattern(4, 1), 999).result, NvEfsCommand::kBusy)
+        << "every instance is in use";
+    cmd.connection_closed(100);
+    EXPECT_GE(write_chunk("/mine", 255, 10, 0, pattern(4, 1), 999).result, 0) << "freed by its connection";
 }
 
 /* ---- scenario ---- */

@@ -1,0 +1,384 @@
+// sim_hardening_test.cpp - kvn-sim against hostile input, in-process: control
+// fields of the wrong type or out of range, properties that are not UTF-8,
+// links planted in the state directory, files that are not regular, and the
+// router's bounds (transaction id 0, back-pressure, the total of unsent
+// bytes, per-process and total connection limits, the first-packet deadline).
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "control.h"
+#include "handset.h"
+#include "kvn_wire.h"
+#include "process.h"
+#include "router.h"
+#include "services/services.h"
+
+using namespace kvn_sim;
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace {
+
+std::string slurp(const fs::path &p)
+{
+    std::ifstream in(p, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// A handset on a fresh state directory, with a Router that is never run
+// (control ops and in-process connections only).
+struct Bench {
+    kvn_test::TempDir dir;
+    Handset h{dir.path() + "/state"};
+    std::unique_ptr<Router> router;
+
+    explicit Bench(RouterLimits limits = {})
+    {
+        std::string err;
+        EXPECT_TRUE(h.init(&err)) << err;
+        register_all_services(h);
+        router = std::make_unique<Router>(h, -1, -1, limits);
+        router->set_control(make_control_handler(h, *router, DaemonInfo{"sock", "state"}));
+    }
+    fs::path state() const { return dir.path() + "/state"; }
+};
+
+Bytes packet(kvn_wire::Kind kind, uint32_t service = 0, const Bytes &payload = {})
+{
+    kvn_wire::Header hd;
+    hd.kind = kind;
+    hd.service = service;
+    return kvn_wire::encode_packet(hd, payload);
+}
+
+Bytes qmi_request(uint16_t txn)
+{
+    Bytes q = {0, static_cast<uint8_t>(txn), static_cast<uint8_t>(txn >> 8), 2, 0, 0, 0};
+    return packet(kvn_wire::Kind::Qmi, 0xFFE4, q);
+}
+
+} // namespace
+
+/* ---- control requests ---- */
+
+TEST(Hardening, ControlFieldsAreTypeAndRangeChecked)
+{
+    Bench b;
+    auto ctl = make_control_handler(b.h, *b.router, DaemonInfo{"sock", "state"});
+    const std::pair<const char *, const char *> cases[] = {
+        {R"({"op":5})", "\"op\""},
+        {R"({"id":1})", "\"op\""},
+        {R"({"op":"nv_get","sub":0,"id":1e300})", "\"id\""},
+        {R"({"op":"nv_get","sub":0,"id":1.5})", "\"id\""},
+        {R"({"op":"nv_get","sub":0,"id":-1})", "\"id\""},
+        {R"({"op":"nv_get","sub":0,"id":65536})", "\"id\""},
+        {R"({"op":"nv_get","sub":"0","id":1})", "\"sub\""},
+        {R"({"op":"nv_get","sub":2,"id":1})", "\"sub\""},
+        {R"({"op":"nv_get","sub":0})", "missing field \"id\""},
+        {R"({"op":"fault","service":"extend","kind":"drop","msg":70000})", "\"msg\""},
+        {R"({"op":"fault","service":"extend","kind":"drop","msg":2,"count":-1})", "\"count\""},
+        {R"({"op":"fault","service":"extend","kind":"drop","msg":2,"count":0})", "\"count\""},
+        {R"({"op":"fault","service":5,"kind":"drop","msg":2})", "\"service\""},
+        {R"({"op":"ssr","ms":-1})", "\"ms\""},
+        {R"({"op":"ssr","ms":3600001})", "\"ms\""},
+        {R"({"op":"service","name":"all","up":"no"})", "\"up\""},
+        {R"({"op":"journal","after":-5})", "\"after\""},
+        {R"({"op":"prop_set","key":"a","value":7})", "\"value\""},
+        {R"({"op":"efs_get","sub":0,"path":"/a","offset":1e20})", "\"offset\""},
+        {R"({"op":"efs_ls","sub":0,"path":["/"]})", "\"path\""},
+        {R"({"op":"load"})", "\"file\""},
+    };
+    for (const auto &[text, names] : cases) {
+        bool ok = true;
+        json reply = ctl(json::parse(text), &ok);
+        EXPECT_FALSE(ok) << text;
+        EXPECT_NE(reply.value("error", std::string()).find(names), std::string::npos) << text << " → " << reply;
+    }
+    EXPECT_TRUE(b.h.faults.all().empty()) << "no refused fault was added";
+    for (auto &e : b.h.services.entries())
+        EXPECT_TRUE(e.up) << "the refused ssr took nothing down";
+
+    // In range, the same ops work, and the numbers arrive unchanged.
+    bool ok = false;
+    ctl(json::parse(R"({"op":"fault","service":"extend","kind":"drop","msg":65535,"count":4294967295})"), &ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(b.h.faults.all().at(0).msg_id, 65535);
+    EXPECT_EQ(b.h.faults.all().at(0).count, 4294967295u);
+
+    // A request that is not JSON, or whose op is not a string, through the router.
+    uint64_t c = b.router->open_local();
+    for (std::string body : {"{\"op\":5}", "[1]", "{\"op\":"}) {
+        ASSERT_TRUE(b.router->feed_local(c, packet(kvn_wire::Kind::Control, 0, Bytes(body.begin(), body.end())).data(),
+                                         16 + body.size()));
+        auto out = b.router->take_output(c);
+        ASSERT_GE(out.size(), 16u);
+        EXPECT_EQ(kvn_wire::decode_header(out.data())->status, 1) << body;
+    }
+}
+
+/* ---- properties ---- */
+
+TEST(Hardening, PropertiesThatAreNotUtf8AreKeptFaithfully)
+{
+    kvn_test::TempDir dir;
+    const std::pair<std::string, std::string> props[] = {
+        {"persist.\xff\xfe", "v\x80"},       // neither is UTF-8
+        {"persist.ok", "caf\xc3\xa9"},       // both are
+        {"persist.half", "\xc3"},             // a value cut inside a character
+        {"persist.surrogate", "\xed\xa0\x80"}, // an encoded surrogate
+    };
+    {
+        Handset h(dir.path());
+        std::string err;
+        ASSERT_TRUE(h.init(&err));
+        for (const auto &[k, v] : props)
+            EXPECT_TRUE(h.props.set(k, v, &err)) << err;
+    }
+    Handset again(dir.path());
+    std::string err;
+    ASSERT_TRUE(again.init(&err)) << err;
+    for (const auto &[k, v] : props)
+        EXPECT_EQ(again.props.get(k), v);
+    EXPECT_FALSE(is_utf8("\xf4\x90\x80\x80")) << "beyond U+10FFFF";
+    EXPECT_FALSE(is_utf8("\xc0\xaf")) << "overlong";
+    EXPECT_TRUE(is_utf8("\xf0\x9f\x93\xb1"));
+}
+
+/* ---- the state directory ---- */
+
+// Links planted in the state directory lead nowhere: nothing outside it is
+// read, written or deleted through them.
+TEST(Hardening, LinksPlantedInTheStoreAreNotFollowed)
+{
+    Bench b;
+    kvn_test::TempDir outside;
+    const fs::path o = outside.path();
+    std::ofstream(o / "secret") << "keep";
+    fs::create_directory_symlink(o, b.state() / "efs/sub0/dirlink");
+    fs::create_symlink(o / "secret", b.state() / "efs/sub0/filelink");
+    fs::create_symlink(o / "secret", b.state() / "nv/sub0/550");
+    fs::remove_all(b.state() / "nv/sub1");
+    fs::create_directory_symlink(o, b.state() / "nv/sub1");
+    ModemStore &s = b.h.store;
+    std::string err;
+    const Bytes data = {1, 2, 3};
+
+    EXPECT_FALSE(s.efs_put(0, "/dirlink/new", data, &err)) << "a directory link on the way";
+    EXPECT_FALSE(s.efs_size(0, "/dirlink/secret"));
+    EXPECT_FALSE(s.efs_read(0, "/dirlink/secret", 0, 10));
+    EXPECT_FALSE(s.efs_rm(0, "/dirlink/secret"));
+    EXPECT_FALSE(s.efs_size(0, "/filelink"));
+    EXPECT_FALSE(s.efs_read(0, "/filelink", 0, 10));
+    EXPECT_FALSE(s.efs_rm(0, "/filelink"));
+    EXPECT_TRUE(s.efs_ls(0, "/").empty()) << "links are not listed";
+    EXPECT_TRUE(s.efs_ls(0, "/dirlink").empty());
+    EXPECT_FALSE(s.nv_get(0, 550));
+    EXPECT_FALSE(s.nv_get(1, 1));
+    EXPECT_FALSE(s.nv_set(1, 7, data, &err));
+    // Writing over a link replaces the link, never what it points at.
+    EXPECT_TRUE(s.efs_put(0, "/filelink", data, &err)) << err;
+    EXPECT_TRUE(s.nv_set(0, 550, data, &err)) << err;
+    EXPECT_EQ(s.nv_get(0, 550), data);
+    EXPECT_EQ(slurp(o / "secret"), "keep");
+    EXPECT_EQ(std::distance(fs::directory_iterator(o), fs::directory_iterator()), 1) << "nothing created outside";
+}
+
+// The temp area has a name of kvn-sim's own; only kvn-sim's temp files in it
+// are cleared at start. Files that are not regular are refused, not waited on.
+TEST(Hardening, TempAreaAndNonRegularFiles)
+{
+    kvn_test::TempDir dir;
+    const fs::path st = dir.path();
+    fs::create_directories(st / "tmp/keep");
+    fs::create_directories(st / ModemStore::kTempDir);
+    std::ofstream(st / "tmp/keep/file") << "mine";
+    std::ofstream(st / ModemStore::kTempDir / "foreign") << "x";
+    std::ofstream(st / ModemStore::kTempDir / (std::string(kTempPrefix) + "0011")) << "half-written";
+    Handset h(st);
+    std::string err;
+    ASSERT_TRUE(h.init(&err)) << err;
+    EXPECT_EQ(slurp(st / "tmp/keep/file"), "mine");
+    EXPECT_TRUE(fs::exists(st / ModemStore::kTempDir / "foreign"));
+    EXPECT_FALSE(fs::exists(st / ModemStore::kTempDir / (std::string(kTempPrefix) + "0011")));
+
+    // A FIFO with no writer would block open() for good; a directory is no file either.
+    ASSERT_EQ(mkfifo((st / "fifo").c_str(), 0600), 0);
+    for (const char *name : {"fifo", "tmp"}) {
+        EXPECT_FALSE(read_file(st / name, 1000, &err)) << name;
+        EXPECT_NE(err.find("not a regular file"), std::string::npos) << err;
+    }
+    std::ofstream(st / "big") << std::string(1001, 'x');
+    EXPECT_FALSE(read_file(st / "big", 1000, &err));
+    Router r(h, -1, -1);
+    auto ctl = make_control_handler(h, r, DaemonInfo{});
+    for (json req : {json{{"op", "load"}, {"file", (st / "fifo").string()}},
+                     json{{"op", "efs_put"}, {"sub", 0}, {"path", "/f"}, {"file", (st / "fifo").string()}}}) {
+        bool ok = true;
+        ctl(req, &ok);
+        EXPECT_FALSE(ok) << req;
+    }
+}
+
+/* ---- the router's bounds, in-process ---- */
+
+TEST(Hardening, RouterRefusesTxnZeroAndHoldsBackInputWhileOutputIsFull)
+{
+    RouterLimits lim;
+    lim.output_high = 1000;
+    lim.output_total = 1500;
+    Bench b(lim);
+    Router &r = *b.router;
+
+    // A request with transaction id 0 is malformed: the connection is closed.
+    uint64_t c = r.open_local();
+    Bytes bind = packet(kvn_wire::Kind::Connect, 0xFFE4);
+    ASSERT_TRUE(r.feed_local(c, bind.data(), bind.size()));
+    EXPECT_FALSE(r.feed_local(c, qmi_request(0).data(), qmi_request(0).size()));
+    c = r.open_local();
+    ASSERT_TRUE(r.feed_local(c, bind.data(), bind.size()));
+    EXPECT_TRUE(r.feed_local(c, qmi_request(1).data(), qmi_request(1).size()));
+    EXPECT_FALSE(r.take_output(c).empty());
+    r.close_local(c);
+
+    // 200 LIST requests at once: replies pile up only to the high mark, the
+    // rest of the input waits, and goes on as the output is taken.
+    Bytes many;
+    for (int i = 0; i < 200; ++i) {
+        Bytes p = packet(kvn_wire::Kind::List, 0xFFE4);
+        many.insert(many.end(), p.begin(), p.end());
+    }
+    uint64_t a = r.open_local();
+    ASSERT_TRUE(r.feed_local(a, many.data(), many.size()));
+    EXPECT_LE(r.stats().output_bytes, lim.output_high + 100);
+    size_t replies = 0;
+    for (Bytes out; !(out = r.take_output(a)).empty();)
+        replies += out.size() / 28; // a LIST_REPLY with one service record
+    EXPECT_EQ(replies, 200u);
+
+    // Two connections that never read: past the total, the one holding the
+    // most unsent bytes is closed.
+    uint64_t big = r.open_local(), small = r.open_local();
+    ASSERT_TRUE(r.feed_local(big, many.data(), many.size()));
+    EXPECT_TRUE(r.feed_local(small, many.data(), many.size() / 2));
+    EXPECT_TRUE(r.feed_local(small, many.data() + many.size() / 2, many.size() / 2));
+    EXPECT_FALSE(r.feed_local(big, many.data(), 16)) << "the largest backlog was closed";
+    EXPECT_EQ(r.stats().backlog_drops, 1u);
+    EXPECT_LE(r.stats().output_bytes, lim.output_total);
+}
+
+namespace {
+
+// A Router serving a listening socket on a thread of its own; stopped and
+// joined when the object goes away.
+class LiveRouter {
+public:
+    explicit LiveRouter(RouterLimits lim) : bench_(lim)
+    {
+        path_ = dir_.path() + "/s.sock";
+        listen_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path_.c_str());
+        EXPECT_EQ(bind(listen_, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+        EXPECT_EQ(listen(listen_, 64), 0);
+        EXPECT_EQ(pipe2(stop_, O_CLOEXEC | O_NONBLOCK), 0);
+        router_ = std::make_unique<Router>(bench_.h, listen_, stop_[0], lim);
+        thread_ = std::thread([this] { router_->run(); });
+    }
+    ~LiveRouter()
+    {
+        char buf[128] = {};
+        (void)!write(stop_[1], buf, sizeof buf); // read as a stop signal
+        thread_.join();
+        close(listen_);
+        close(stop_[0]);
+        close(stop_[1]);
+    }
+    // A new connection; with `ask`, one LIST exchanged on it first.
+    int client(bool ask = true) const
+    {
+        int fd = kvn_wire::connect_unix(path_);
+        if (ask && !answers(fd))
+            ADD_FAILURE() << "no LIST_REPLY";
+        return fd;
+    }
+    static bool answers(int fd)
+    {
+        Bytes p = packet(kvn_wire::Kind::List, 0xFFE4);
+        if (send(fd, p.data(), p.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(p.size()))
+            return false;
+        auto r = kvn_wire::read_packet(fd, 10000);
+        return r && r->hdr.kind == kvn_wire::Kind::ListReply;
+    }
+    // True once the router has closed fd (waits up to 10 s).
+    static bool closed_by_router(int fd)
+    {
+        pollfd p{fd, POLLIN, 0};
+        char c;
+        return poll(&p, 1, 10000) == 1 && recv(fd, &c, 1, 0) == 0;
+    }
+
+private:
+    Bench bench_;
+    kvn_test::TempDir dir_;
+    std::string path_;
+    int listen_ = -1;
+    int stop_[2] = {-1, -1};
+    std::unique_ptr<Router> router_;
+    std::thread thread_;
+};
+
+} // namespace
+
+TEST(Hardening, RouterConnectionLimits)
+{
+    struct Case {
+        const char *what;
+        size_t total, per_process;
+        std::chrono::milliseconds handshake;
+    };
+    const Case cases[] = {
+        {"per process", 100, 3, std::chrono::milliseconds(60000)},
+        {"longest idle evicted when full", 3, 100, std::chrono::milliseconds(60000)},
+        {"first packet deadline", 100, 100, std::chrono::milliseconds(200)},
+    };
+    for (const auto &tc : cases) {
+        SCOPED_TRACE(tc.what);
+        RouterLimits lim;
+        lim.max_connections = tc.total;
+        lim.max_per_process = tc.per_process;
+        lim.handshake = tc.handshake;
+        LiveRouter r(lim);
+        std::vector<int> fds;
+        for (int i = 0; i < 3; ++i) {
+            fds.push_back(r.client());
+            std::this_thread::sleep_for(std::chrono::milliseconds(5)); // distinct idle times
+        }
+        int extra = r.client(false);
+        if (tc.per_process == 3) {
+            EXPECT_TRUE(LiveRouter::closed_by_router(extra)) << "the 4th of one process is refused";
+            for (int fd : fds)
+                EXPECT_TRUE(LiveRouter::answers(fd));
+        } else if (tc.total == 3) {
+            EXPECT_TRUE(LiveRouter::answers(extra)) << "a new client gets in";
+            EXPECT_TRUE(LiveRouter::closed_by_router(fds[0])) << "the longest idle made room";
+            EXPECT_TRUE(LiveRouter::answers(fds[1]));
+        } else {
+            EXPECT_TRUE(LiveRouter::closed_by_router(extra)) << "silent past the deadline";
+            EXPECT_TRUE(LiveRouter::answers(fds[0])) << "a client that spoke stays";
+        }
+        fds.push_back(extra);
+        for (int fd : fds)
+            close(fd);
+    }
+}
