@@ -118,7 +118,7 @@ void AtChannel::on_line()
     nlohmann::ordered_json j;
     j["seq"] = h_.journal.ring().last_seq() + 1;
     j["at"] = to_hex(reinterpret_cast<const uint8_t *>(line_.data()), line_.size());
-    h_.journal.ring().push(j.dump());
+    h_.journal.record_line(j.dump());
     bool at = line_.size() >= 2 && (line_[0] == 'A' || line_[0] == 'a') && (line_[1] == 'T' || line_[1] == 't');
     line_.clear();
     const char *reply = at ? "\r\nOK\r\n" : "\r\nERROR\r\n";

@@ -123,7 +123,7 @@ void DiagResponder::handle(const uint8_t *p, size_t len, const Router::Answer &a
     j["seq"] = h_.journal.ring().last_seq() + 1;
     j["diag"] = to_hex(rq);
     j["mode"] = p[0] == 0 ? "callback" : "dci";
-    h_.journal.ring().push(j.dump());
+    h_.journal.record_line(j.dump());
     if (!up_) {
         answer(kStatusDown, {});
         return;

@@ -72,11 +72,14 @@ void SeqRing::clear_upto(uint64_t seq)
 
 /* ---- journal ---- */
 
-// A stored request: u32 service, u16 msg_id, u16 txn, u32 bytes of TLVs
+// A stored entry starts with its kind: kLine, a ready JSON line, or kRequest,
+// then a QMI request stored as u32 service, u16 msg_id, u16 txn, u32 bytes of TLVs
 // that follow, the TLVs (u8 type, u16 whole length, at most kTlvKeep bytes of
 // value), then u32 whole length of a malformed rest and at most kTlvKeep of
 // its bytes.
 namespace {
+
+constexpr char kRequest = 'Q', kLine = 'L';
 
 void put(std::string &s, uint64_t v, int bytes)
 {
@@ -96,7 +99,9 @@ const uint8_t *bytes_at(const std::string &s, size_t pos) { return reinterpret_c
 
 std::string format_request(uint64_t seq, const std::string &e)
 {
-    size_t pos = 0;
+    if (!e.empty() && e[0] == kLine)
+        return e.substr(1);
+    size_t pos = 1;
     nlohmann::ordered_json j;
     j["seq"] = seq;
     j["service"] = get(e, pos, 4);
@@ -130,8 +135,8 @@ Journal::Journal() : ring_(kCapacity, kMaxBytes, format_request) {}
 
 void Journal::record(uint32_t service, uint16_t msg_id, uint16_t txn, std::span<const uint8_t> area)
 {
-    std::string e;
-    e.reserve(16 + std::min(area.size(), 4 * kTlvKeep));
+    std::string e(1, kRequest);
+    e.reserve(17 + std::min(area.size(), 4 * kTlvKeep));
     put(e, service, 4);
     put(e, msg_id, 2);
     put(e, txn, 2);
@@ -156,6 +161,12 @@ void Journal::record(uint32_t service, uint16_t msg_id, uint16_t txn, std::span<
     put(e, rest, 4);
     e.append(reinterpret_cast<const char *>(area.data() + pos), std::min(rest, kTlvKeep));
     ring_.push(std::move(e));
+}
+
+void Journal::record_line(std::string line)
+{
+    line.insert(line.begin(), kLine);
+    ring_.push(std::move(line));
 }
 
 /* ---- log buffer ---- */

@@ -58,6 +58,9 @@ public:
     static constexpr size_t kTlvKeep = 1024;
     Journal();
     void record(uint32_t service, uint16_t msg_id, uint16_t txn, std::span<const uint8_t> tlv_area);
+    // A request of another channel (AT, diag), already a JSON line carrying
+    // its "seq" (ring().last_seq() + 1).
+    void record_line(std::string line);
     SeqRing &ring() { return ring_; }
 
 private:
