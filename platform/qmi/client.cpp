@@ -295,7 +295,8 @@ void Handle::deliver_indications()
     }
 }
 
-// Marks the client dead and fails every waiting request with QMI_SERVICE_ERR.
+// Marks the client dead and fails every request still waiting with
+// QMI_SERVICE_ERR.
 // The error callback follows from deliver_deferred() on the reader, which
 // runs whenever an error callback is registered.
 void Handle::connection_lost()
@@ -306,7 +307,11 @@ void Handle::connection_lost()
         reader_cv_.notify_one();
         wake();
     }
+    // A response read before the loss (a reply followed at once by
+    // SERVICE_DOWN, as when the request itself restarts the modem) stands.
     for (auto &kv : pending_) {
+        if (kv.second->done)
+            continue;
         kv.second->done = true;
         kv.second->status = QMI_SERVICE_ERR;
     }
