@@ -214,7 +214,8 @@ TEST(StatsE2e, SelfTestAndDispatcherLines)
     none.env["KVN_SIM_SOCKET"] = "/nonexistent/kvn-sim.sock";
     none.env["PELMOX_SHELL_PRINT_FLAG"] = "1";
     auto run = [&](std::vector<std::string> args) {
-        args.insert(args.begin(), kvn_test::kvn_bin());
+        auto cmd = kvn_test::kvn_command();
+        args.insert(args.begin(), cmd.begin(), cmd.end());
         return kvn_test::run_process(args, none).out;
     };
     EXPECT_EQ(run({"7", "0", "0"}), "length = 48, print_flag = 0\n" + kSummary);
@@ -231,7 +232,9 @@ TEST(StatsE2e, SelfTestFullTrace)
 {
     ProcessOptions none;
     none.env["KVN_SIM_SOCKET"] = "/nonexistent/kvn-sim.sock";
-    auto r = kvn_test::run_process({kvn_test::kvn_bin(), "7", "0", "1"}, none);
+    auto argv = kvn_test::kvn_command();
+    argv.insert(argv.end(), {"7", "0", "1"});
+    auto r = kvn_test::run_process(argv, none);
     EXPECT_EQ(r.out, std::string("length = 48, print_flag = 1\n") + kSampleTrace + kSummary);
 }
 
