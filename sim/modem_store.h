@@ -49,6 +49,9 @@ public:
     std::vector<std::pair<std::string, uint64_t>> efs_ls(unsigned sub, const std::string &path) const;
 
     const std::filesystem::path &tmp_dir() const { return tmp_; }
+    // Leaves the fsyncs of NV and EFS writes to `q` (the daemon's), or does
+    // them in the writer when null (the default).
+    void set_fsync_queue(FsyncQueue *q) { later_ = q; }
 
     // Called after an EFS file was written (data) or deleted (null).
     std::function<void(unsigned sub, const std::string &path, const Bytes *data)> on_efs_change;
@@ -63,6 +66,8 @@ private:
 
     std::filesystem::path root_, tmp_;
     UniqueFd root_fd_, tmp_fd_;
+    UniqueFd nv_fd_[kSubs]; // nv/sub0, nv/sub1, open from init() on
+    FsyncQueue *later_ = nullptr;
 };
 
 } // namespace kvn_sim
