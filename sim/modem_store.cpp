@@ -95,7 +95,18 @@ std::optional<Bytes> ModemStore::nv_get(unsigned sub, uint16_t id) const
 {
     if (sub >= kSubs)
         return std::nullopt;
-    return read_file_at(nv_fd_[sub].get(), std::to_string(id), kMaxNvItem);
+    const auto key = std::make_pair(sub, id);
+    if (auto it = nv_cache_.find(key); it != nv_cache_.end())
+        return it->second;
+    auto data = read_file_at(nv_fd_[sub].get(), std::to_string(id), kMaxNvItem);
+    if (nv_cache_.size() >= kNvCacheMax)
+        nv_cache_.clear();
+    // Only a missing item is remembered as absent: an unreadable one (say,
+    // too large, planted by hand) is read again and refused again.
+    struct stat st;
+    if (data || (fstatat(nv_fd_[sub].get(), std::to_string(id).c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT))
+        nv_cache_[key] = data;
+    return data;
 }
 
 bool ModemStore::nv_set(unsigned sub, uint16_t id, const Bytes &data, std::string *err)
@@ -105,13 +116,16 @@ bool ModemStore::nv_set(unsigned sub, uint16_t id, const Bytes &data, std::strin
             *err = "NV item must be 1 to 424 bytes on subscription 0 or 1";
         return false;
     }
-    return write_file_atomic_at(nv_fd_[sub].get(), std::to_string(id), tmp_fd_.get(), data.data(), data.size(), err, later_);
+    nv_cache_.erase({sub, id}); // whatever happens below, the next read goes to the file
+    return write_file_atomic_at(nv_fd_[sub].get(), std::to_string(id), tmp_fd_.get(), data.data(), data.size(), err,
+                                later_);
 }
 
 bool ModemStore::nv_rm(unsigned sub, uint16_t id)
 {
     if (sub >= kSubs)
         return false;
+    nv_cache_.erase({sub, id});
     return unlinkat(nv_fd_[sub].get(), std::to_string(id).c_str(), 0) == 0;
 }
 

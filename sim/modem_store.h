@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -67,6 +68,11 @@ private:
     std::filesystem::path root_, tmp_;
     UniqueFd root_fd_, tmp_fd_;
     UniqueFd nv_fd_[kSubs]; // nv/sub0, nv/sub1, open from init() on
+    // NV items as last read or written (nullopt: known absent). Every NV
+    // change goes through this store, so the copy stays true; it is dropped
+    // whole when it holds kNvCacheMax items.
+    static constexpr size_t kNvCacheMax = 4096;
+    mutable std::map<std::pair<unsigned, uint16_t>, std::optional<Bytes>> nv_cache_;
     FsyncQueue *later_ = nullptr;
 };
 
