@@ -1,14 +1,21 @@
 // client.cpp - the client API of qmi_client.h over connections to the
 // simulated handset. Each client handle owns one connection; a synchronous
 // sender reads its own response on its own thread. The handle's library
-// thread (the reader) starts only when it has work: a client's when it has an
-// indication callback to serve, an error callback to call, or an indication a
-// sender met; a notifier's on its first wait or callback registration. The
-// reader matches responses to waiting senders by transaction id and runs every
-// callback of the handle (indications, the service-down error, service events
-// of a notifier), so callbacks always run on the library's thread. Releasing a
-// handle stops and joins its reader, which is what makes "no callback after
-// release returns" hold.
+// thread (the reader) starts only when it has work: a client's when an error
+// callback is registered (the caller wants to hear of the service going away
+// while it is idle, so someone must watch the connection) or when a request
+// meets an indication; a notifier's on its first wait or callback
+// registration. A client with only an indication callback therefore has no
+// thread until its first indication: an indication that arrives while such a
+// client is idle waits in the connection until the next request meets it,
+// then it is delivered, in order, and the reader watches from then on. A
+// command that makes one request and exits (most of the tool's) so never
+// starts a thread, which costs more than the request itself on a small
+// machine. The reader matches responses to waiting senders by transaction id
+// and runs every callback of the handle (indications, the service-down error,
+// service events of a notifier), so callbacks always run on the library's
+// thread. Releasing a handle stops and joins its reader, which is what makes
+// "no callback after release returns" hold.
 #include <qmi_client.h>
 
 #include "connection.h"
@@ -78,14 +85,12 @@ public:
     qmi_idl_service_object_type service() const { return svc_; }
     qmi_client_os_params *os_params() const { return os_params_; }
 
-    // Binds the caller's handle, which callbacks receive. A client with an
-    // indication callback gets its reader now: indications may come at any
-    // time and must not wait for the next request to be noticed.
-    bool bind(qmi_client_type user)
+    // Binds the caller's handle, which callbacks receive. No reader starts
+    // here: see the top of this file for when one does.
+    void bind(qmi_client_type user)
     {
         std::lock_guard<std::mutex> lock(mu_);
         user_ = user;
-        return role_ != Role::Client || !ind_cb_ || start_reader();
     }
     // Starts the reader if it does not run yet (a notifier's first wait).
     void want_reader()
@@ -772,8 +777,7 @@ int make_handle(kvn_qmi::Handle::Role role, qmi_idl_service_object_type svc,
 {
     auto h = std::make_shared<kvn_qmi::Handle>(role, svc, std::move(conn), ind_cb, ind_data, os);
     auto user = std::make_unique<qmi_client_struct>(qmi_client_struct{h});
-    if (!h->bind(user.get()))
-        return QMI_INTERNAL_ERR;
+    h->bind(user.get());
     if (role == kvn_qmi::Handle::Role::Notifier)
         kvn_qmi::notifiers().add(h);
     *out = user.release();

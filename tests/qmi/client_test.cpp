@@ -80,17 +80,22 @@ void on_notify(qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_e
 }
 
 // A handset with UIM up; open() connects a client and waits until the
-// handset has seen it.
+// handset has seen it. A watched client also has an error callback, which
+// makes the library watch its connection while the caller is idle.
 class Uim : public testing::Test {
 protected:
     Uim() { sim.set_up(kUim, true); }
-    qmi_client_type open(qmi_client_ind_cb cb = nullptr, void *data = nullptr)
+    qmi_client_type open(qmi_client_ind_cb cb = nullptr, void *data = nullptr, bool watched = true)
     {
         qmi_client_type h = open_uim(cb, data);
         EXPECT_TRUE(h && sim.wait_until([&] { return sim.clients(kUim) == 1; }));
+        if (h && watched) {
+            EXPECT_EQ(QMI_NO_ERR, qmi_client_register_error_cb(h, on_error, &errors));
+        }
         return h;
     }
     fake::Handset sim;
+    CallLog errors;
 };
 
 /* ---- requests ---- */
@@ -340,6 +345,11 @@ TEST(Notifier, ServiceUpAfterTheClientWaits)
 
 /* ---- indications ---- */
 
+// An indication reaches the callback on the library's thread, as the TLVs
+// the handset sent. A watched client hears it while idle. A client with only
+// an indication callback has no thread watching it: the indication waits
+// until the next request meets it, and is then delivered on the library's
+// thread (not the requester's), after which that client is watched too.
 TEST_F(Uim, IndicationDeliveredOnTheLibrarysThreadAsEncodedTlvs)
 {
     struct Seen {
@@ -349,26 +359,46 @@ TEST_F(Uim, IndicationDeliveredOnTheLibrarysThreadAsEncodedTlvs)
         qmi_client_type handle;
         int decode_rc;
     };
-    std::promise<Seen> got;
+    sim.set_handler([](uint32_t, uint16_t, const Bytes &) -> std::optional<Bytes> { return eid_response(); });
     auto cb = [](qmi_client_type h, unsigned msg_id, void *buf, unsigned len, void *data) {
         uim_get_eid_resp_msg_v01 rec;
         const int rc = qmi_client_message_decode(h, QMI_IDL_RESPONSE, msg_id, buf, len, &rec, sizeof(rec));
         const auto *p = static_cast<const uint8_t *>(buf);
-        static_cast<std::promise<Seen> *>(data)->set_value(
-            {msg_id, Bytes(p, p + len), std::this_thread::get_id(), h, rc});
+        auto *q = static_cast<std::vector<std::promise<Seen>> *>(data);
+        for (auto &slot : *q)
+            try {
+                slot.set_value({msg_id, Bytes(p, p + len), std::this_thread::get_id(), h, rc});
+                return;
+            } catch (const std::future_error &) {
+                // already used: the next slot
+            }
     };
-    qmi_client_type h = open(cb, &got);
-    ASSERT_NE(nullptr, h);
-    sim.indicate(kUim, QMI_UIM_GET_EID_RESP_V01, eid_response());
-    auto seen = got.get_future();
-    ASSERT_EQ(std::future_status::ready, seen.wait_for(3s));
-    const Seen s = seen.get();
-    EXPECT_EQ(QMI_UIM_GET_EID_RESP_V01, s.msg_id);
-    EXPECT_EQ(eid_response(), s.tlvs);
-    EXPECT_NE(std::this_thread::get_id(), s.thread);
-    EXPECT_EQ(h, s.handle);
-    EXPECT_EQ(QMI_NO_ERR, s.decode_rc);
-    qmi_client_release(h);
+    for (bool watched : {true, false}) {
+        SCOPED_TRACE(watched ? "watched" : "indication callback only");
+        std::vector<std::promise<Seen>> got(2);
+        auto first = got[0].get_future(), second = got[1].get_future();
+        qmi_client_type h = open(cb, &got, watched);
+        ASSERT_NE(nullptr, h);
+        sim.indicate(kUim, QMI_UIM_GET_EID_RESP_V01, eid_response());
+        if (!watched) {
+            EXPECT_EQ(std::future_status::timeout, first.wait_for(100ms)); // nothing reads yet
+            uim_get_eid_resp_msg_v01 resp;
+            EXPECT_EQ(QMI_NO_ERR, get_eid(h, &resp));
+        }
+        ASSERT_EQ(std::future_status::ready, first.wait_for(3s));
+        const Seen s = first.get();
+        EXPECT_EQ(QMI_UIM_GET_EID_RESP_V01, s.msg_id);
+        EXPECT_EQ(eid_response(), s.tlvs);
+        EXPECT_NE(std::this_thread::get_id(), s.thread);
+        EXPECT_EQ(h, s.handle);
+        EXPECT_EQ(QMI_NO_ERR, s.decode_rc);
+        // From now on the client is watched either way.
+        sim.indicate(kUim, QMI_UIM_GET_EID_RESP_V01, eid_response());
+        ASSERT_EQ(std::future_status::ready, second.wait_for(3s));
+        EXPECT_EQ(s.thread, second.get().thread);
+        qmi_client_release(h);
+        ASSERT_TRUE(sim.wait_until([&] { return sim.clients(kUim) == 0; }));
+    }
 }
 
 // A callback may send a request on its own handle: the request reads its
