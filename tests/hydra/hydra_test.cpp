@@ -14,6 +14,7 @@
 #include "hydra_clients.h"
 #include "hydra_log.h"
 #include "hydra_sim.h"
+#include "network_access_service_v01.h"
 #include "modem_api.h"
 #include "pelmox_test_modem_stats.h"
 #include "specific_absorption_rate_v01.h"
@@ -124,6 +125,7 @@ TEST(ModemApiErrorMap, TransportAndQmiErrors)
         EXPECT_EQ(modem_api_map_qmi_error_to_modem_api(c.transport, &resp), c.code)
             << c.transport << " " << c.result << " " << c.error;
     }
+    EXPECT_EQ(modem_api_map_qmi_error_to_modem_api(0, nullptr), 1u) << "no response to read";
 }
 
 // The formatter writes vsnprintf's way: cut to the buffer, the whole length
@@ -369,9 +371,15 @@ TEST_F(HydraSimTest, RefusalsLeaveTheOpenClientWorking)
     EXPECT_EQ(modem_api_get_stats_parameter(3, 0, 1, 1, ids, &result), 7u);
     EXPECT_EQ(modem_api_set_hydra_feature_status(3, 2, 1, 1, 1), 7u);
     EXPECT_TRUE(requests(sim(), 0xE4).empty());
+    EXPECT_EQ(modem_api_util_enable_networking_indications(0, 0), 7u) << "not a NAS client";
+    EXPECT_EQ(modem_api_util_enable_networking_indications(0, 2), 7u);
+    EXPECT_TRUE(requests(sim(), 3).empty());
+    for (int32_t bad : {-1, 5, 10})
+        EXPECT_EQ(modem_api_client_status(bad), -1) << bad;
     EXPECT_EQ(modem_api_free_client(-1), 7u);
     EXPECT_EQ(modem_api_free_client(5), 0u);
-    EXPECT_TRUE(wait_for([] { return count_lines(fresh_log(), "modem_api_free_client: client already freed"); }));
+    EXPECT_EQ(modem_api_free_client(10), 0u);
+    EXPECT_TRUE(wait_for([] { return count_lines(fresh_log(), "modem_api_free_client: client already freed") == 2; }));
 
     ASSERT_EQ(modem_api_get_stats_parameter(0, 1, 9, 2, (const uint32_t[]){82, 94}, &result), 0u);
     ASSERT_EQ(result.id_num, 2u);
@@ -511,6 +519,16 @@ TEST_F(HydraSimTest, SarAndNasSurviveAModemRestart)
     for (const auto &r : requests(sim(), 3))
         binds += r.msg_id == 0x45;
     EXPECT_EQ(binds, 4u);
+
+    // Each NAS member's synchronous send goes out on its own reconnected client.
+    sim().clear_journal();
+    for (auto send : {nas_0_client_send_msg_sync, nas_1_client_send_msg_sync}) {
+        nas_bind_subscription_req_msg_v01 req{};
+        qmi_response_type_v01 resp{QMI_RESULT_FAILURE_V01, QMI_ERR_INTERNAL_V01};
+        EXPECT_EQ(send(QMI_NAS_BIND_SUBSCRIPTION_REQ_MSG_V01, &req, sizeof(req), &resp, sizeof(resp)), 0);
+        EXPECT_EQ(resp.result, QMI_RESULT_SUCCESS_V01);
+    }
+    EXPECT_EQ(requests(sim(), 3).size(), 2u);
 }
 
 // A second service-down event while suspended finds the notifier armed and
@@ -527,6 +545,12 @@ TEST_F(HydraSimTest, TwoDownEventsArmOneNotifier)
     auto log = fresh_log();
     EXPECT_EQ(count_lines(log, "sar_client_release_qmi_client_thread: qmi_client_notifier_init return 0"), 1u);
     EXPECT_EQ(modem_api_client_status(int32_t(id)), 5);
+    // A second SAR client is refused while the first is suspended.
+    uint32_t other = 77;
+    EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_SAR, nullptr, nullptr, &other), 9u);
+    EXPECT_EQ(other, 77u);
+    EXPECT_EQ(count_lines(fresh_log(), "modem_api_init_client: Another client init sar client with operational status 5"),
+              1u);
 
     sar_client_service_up_event(nullptr, nullptr, QMI_CLIENT_SERVICE_COUNT_DEC, nullptr);
     EXPECT_EQ(modem_api_client_status(int32_t(id)), 5);
