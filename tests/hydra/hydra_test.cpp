@@ -274,11 +274,11 @@ TEST(ModemApiAsyncResponse, CodesPayloadCopyAndEndMark)
     };
     const Call end{{}, true, 2};
     // resp: result u16, error u16, then message 0's length u32 and bytes.
-    auto resp = [](uint16_t result, uint16_t error, std::vector<uint8_t> tail) {
-        std::vector<uint8_t> b(sizeof(qmi_response_type_v01), 0);
+    auto resp = [](uint16_t result, uint16_t error, const std::vector<uint8_t> &tail) {
         qmi_response_type_v01 r{static_cast<qmi_result_type_v01>(result), static_cast<qmi_error_type_v01>(error)};
+        std::vector<uint8_t> b(sizeof(r) + tail.size());
         memcpy(b.data(), &r, sizeof(r));
-        b.insert(b.end(), tail.begin(), tail.end());
+        std::copy(tail.begin(), tail.end(), b.begin() + sizeof(r));
         return b;
     };
     const struct {
