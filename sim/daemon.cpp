@@ -7,6 +7,7 @@
 // lock file are removed when the daemon stops. A stale socket is removed only
 // when it is a socket: any other file in its place is left alone.
 #include "daemon.h"
+#include "fsync_queue.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -167,6 +168,8 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
         return 1;
     }
 
+    // Declared before the handset, so it outlives every write of the store.
+    FsyncQueue flusher;
     Handset h(opt.state_dir);
     if (!h.init(&err)) {
         report(ready_fd, "ERR " + err);
@@ -216,8 +219,10 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
     DiagResponder diag(h, router);
     h.restart_modem = [&router](std::chrono::milliseconds ms) { router.restart_modem(ms); };
     h.note(kLogInfo, "kvn-sim " + std::to_string(getpid()) + " serving on " + opt.socket);
+    h.store.set_fsync_queue(&flusher);
     report(ready_fd, "OK");
     router.run();
+    flusher.drain(); // everything acknowledged is on the disk before `stop` returns
 
     h.note(kLogInfo, "kvn-sim stopped");
     listener.reset();

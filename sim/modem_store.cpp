@@ -31,6 +31,7 @@ std::vector<std::string> names_in(int fd)
             close(dup_fd);
         return out;
     }
+    rewinddir(d); // the duplicate shares its position with fd, which is kept open and listed again
     while (dirent *e = readdir(d)) {
         std::string n = e->d_name;
         if (n != "." && n != "..")
@@ -62,10 +63,16 @@ bool ModemStore::init(std::string *err)
     root_fd_.reset(open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!root_fd_)
         return fail("");
-    for (unsigned s = 0; s < kSubs; ++s)
+    for (unsigned s = 0; s < kSubs; ++s) {
         for (const std::string &rel : {nv_dir(s), "efs/sub" + std::to_string(s)})
             if (!dir(rel, true))
                 return fail(rel);
+        // NV items are read and written one by one and often: their
+        // directories stay open instead of being looked up per request.
+        nv_fd_[s] = dir(nv_dir(s), false);
+        if (!nv_fd_[s])
+            return fail(nv_dir(s));
+    }
     tmp_fd_ = dir(kTempDir, true);
     if (!tmp_fd_)
         return fail(kTempDir);
@@ -88,10 +95,18 @@ std::optional<Bytes> ModemStore::nv_get(unsigned sub, uint16_t id) const
 {
     if (sub >= kSubs)
         return std::nullopt;
-    auto d = dir(nv_dir(sub), false);
-    if (!d)
-        return std::nullopt;
-    return read_file_at(d.get(), std::to_string(id), kMaxNvItem);
+    const auto key = std::make_pair(sub, id);
+    if (auto it = nv_cache_.find(key); it != nv_cache_.end())
+        return it->second;
+    auto data = read_file_at(nv_fd_[sub].get(), std::to_string(id), kMaxNvItem);
+    if (nv_cache_.size() >= kNvCacheMax)
+        nv_cache_.clear();
+    // Only a missing item is remembered as absent: an unreadable one (say,
+    // too large, planted by hand) is read again and refused again.
+    struct stat st;
+    if (data || (fstatat(nv_fd_[sub].get(), std::to_string(id).c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT))
+        nv_cache_[key] = data;
+    return data;
 }
 
 bool ModemStore::nv_set(unsigned sub, uint16_t id, const Bytes &data, std::string *err)
@@ -101,30 +116,25 @@ bool ModemStore::nv_set(unsigned sub, uint16_t id, const Bytes &data, std::strin
             *err = "NV item must be 1 to 424 bytes on subscription 0 or 1";
         return false;
     }
-    auto d = dir(nv_dir(sub), true);
-    if (!d) {
-        if (err)
-            *err = nv_dir(sub) + ": " + strerror(errno);
-        return false;
-    }
-    return write_file_atomic_at(d.get(), std::to_string(id), tmp_fd_.get(), data.data(), data.size(), err);
+    nv_cache_.erase({sub, id}); // whatever happens below, the next read goes to the file
+    return write_file_atomic_at(nv_fd_[sub].get(), std::to_string(id), tmp_fd_.get(), data.data(), data.size(), err,
+                                later_);
 }
 
 bool ModemStore::nv_rm(unsigned sub, uint16_t id)
 {
     if (sub >= kSubs)
         return false;
-    auto d = dir(nv_dir(sub), false);
-    return d && unlinkat(d.get(), std::to_string(id).c_str(), 0) == 0;
+    nv_cache_.erase({sub, id});
+    return unlinkat(nv_fd_[sub].get(), std::to_string(id).c_str(), 0) == 0;
 }
 
 std::vector<uint16_t> ModemStore::nv_list(unsigned sub) const
 {
     std::vector<uint16_t> out;
-    auto d = sub < kSubs ? dir(nv_dir(sub), false) : UniqueFd();
-    if (!d)
+    if (sub >= kSubs)
         return out;
-    for (const auto &name : names_in(d.get()))
+    for (const auto &name : names_in(nv_fd_[sub].get()))
         if (auto n = parse_number(name, 0xFFFF))
             out.push_back(static_cast<uint16_t>(*n));
     std::sort(out.begin(), out.end());
@@ -223,7 +233,7 @@ bool ModemStore::efs_put(unsigned sub, const std::string &path, const Bytes &dat
             *err = path + ": " + (d ? "is a directory" : errno == ELOOP ? "a directory on the way is a link" : strerror(errno));
         return false;
     }
-    bool ok = write_file_atomic_at(d.get(), name, tmp_fd_.get(), data.data(), data.size(), err);
+    bool ok = write_file_atomic_at(d.get(), name, tmp_fd_.get(), data.data(), data.size(), err, later_);
     if (ok && on_efs_change)
         on_efs_change(sub, path, &data);
     return ok;

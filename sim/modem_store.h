@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -49,6 +50,9 @@ public:
     std::vector<std::pair<std::string, uint64_t>> efs_ls(unsigned sub, const std::string &path) const;
 
     const std::filesystem::path &tmp_dir() const { return tmp_; }
+    // Leaves the fsyncs of NV and EFS writes to `q` (the daemon's), or does
+    // them in the writer when null (the default).
+    void set_fsync_queue(FsyncQueue *q) { later_ = q; }
 
     // Called after an EFS file was written (data) or deleted (null).
     std::function<void(unsigned sub, const std::string &path, const Bytes *data)> on_efs_change;
@@ -63,6 +67,13 @@ private:
 
     std::filesystem::path root_, tmp_;
     UniqueFd root_fd_, tmp_fd_;
+    UniqueFd nv_fd_[kSubs]; // nv/sub0, nv/sub1, open from init() on
+    // NV items as last read or written (nullopt: known absent). Every NV
+    // change goes through this store, so the copy stays true; it is dropped
+    // whole when it holds kNvCacheMax items.
+    static constexpr size_t kNvCacheMax = 4096;
+    mutable std::map<std::pair<unsigned, uint16_t>, std::optional<Bytes>> nv_cache_;
+    FsyncQueue *later_ = nullptr;
 };
 
 } // namespace kvn_sim

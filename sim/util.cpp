@@ -2,6 +2,8 @@
 // beneath a root and crash-safe file replacement for kvn-sim.
 #include "util.h"
 
+#include "fsync_queue.h"
+
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -164,6 +166,10 @@ std::optional<Bytes> read_open_file(int fd, const std::string &name, size_t max_
         if (out.size() + static_cast<size_t>(n) > max_size)
             return fail("larger than " + std::to_string(max_size) + " bytes");
         out.insert(out.end(), buf, buf + n);
+        // The stores replace files whole (rename), never append to them: once
+        // the size fstat gave is in, the read that would find the end is saved.
+        if (st.st_size > 0 && out.size() >= static_cast<uint64_t>(st.st_size))
+            break;
     }
     return out;
 }
@@ -224,7 +230,7 @@ static std::string temp_name()
 }
 
 bool write_file_atomic_at(int dir, const std::string &name, int tmp_dir, const uint8_t *data, size_t len,
-                          std::string *err)
+                          std::string *err, FsyncQueue *later)
 {
     auto fail = [&](const std::string &what) {
         if (err)
@@ -250,11 +256,15 @@ bool write_file_atomic_at(int dir, const std::string &name, int tmp_dir, const u
             return discard("temp file " + tmp);
         done += static_cast<size_t>(n);
     }
-    if (fsync(fd.get()) != 0)
+    if (!later && fsync(fd.get()) != 0)
         return discard("temp file " + tmp);
-    fd.reset();
     if (renameat(tmp_dir, tmp.c_str(), dir, name.c_str()) != 0)
         return discard(name);
+    if (later) {
+        later->push(std::move(fd), UniqueFd(fcntl(dir, F_DUPFD_CLOEXEC, 0)));
+        return true;
+    }
+    fd.reset();
     fsync(dir);
     return true;
 }

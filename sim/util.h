@@ -66,14 +66,21 @@ UniqueFd open_dir_beneath(int base, std::string_view rel, bool create);
 // Prefix of kvn-sim's temp file names; only such files are cleared at start.
 inline constexpr std::string_view kTempPrefix = "kvn-sim-w-";
 
+class FsyncQueue;
+
 // Replaces `name` in the directory `dir` with `data` so that a crash at any
 // moment leaves either the old content or the new one: the bytes go to a new
 // file of an unpredictable name in `tmp_dir` (created with O_EXCL|O_NOFOLLOW,
 // same file system), are fsynced, renamed over the target (a link there is
 // replaced, never followed), and the directory is fsynced. False with err set
 // on failure (the target unchanged).
+// With `later`, the two fsyncs are left to that queue: the new content is in
+// place when this returns (a killed process leaves it whole), and on the disk
+// once the queue has flushed it; the file system's ordering of a rename over
+// a written file (ext4's default, for one) keeps old-or-new across a power
+// loss in between.
 bool write_file_atomic_at(int dir, const std::string &name, int tmp_dir, const uint8_t *data, size_t len,
-                          std::string *err = nullptr);
+                          std::string *err = nullptr, FsyncQueue *later = nullptr);
 // The same for a path: its directory is opened as named (the state directory
 // itself may be reached through a link), `tmp_dir` beneath nothing.
 bool write_file_atomic(const std::filesystem::path &target, const std::filesystem::path &tmp_dir,

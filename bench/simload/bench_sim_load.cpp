@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -162,25 +163,50 @@ long rss_kib(long pid)
     return -1;
 }
 
+// The pid of a running kvn-sim, from its status line "kvn-sim running: pid N, ...".
+long pid_of(const kvn_test::SimHandset &sim)
+{
+    auto st = sim.ctl({"status"});
+    const char *at = strstr(st.out.c_str(), "pid ");
+    return at ? atol(at + 4) : -1;
+}
+
 } // namespace
 
+// With KVN_BENCH_BASELINE_SIM (another kvn-sim binary, e.g. a build before a
+// change), both handsets run side by side and every case runs on each in
+// turn, so the ratios compare them under the same load of the machine.
 int main()
 {
     const char *s = getenv("KVN_BENCH_REQUESTS");
     const double scale = s ? std::max(0.01, atof(s)) : 1.0;
-    kvn_test::SimHandset sim(R"({"nv": {"0": {"550": "08 3a 85 42 00 15 11 11 01"}}})");
-    if (!sim.started()) {
-        fprintf(stderr, "kvn-sim did not start\n");
-        return 1;
+    const char *nv = R"({"nv": {"0": {"550": "08 3a 85 42 00 15 11 11 01"}}})";
+    struct Side {
+        std::string label;
+        std::unique_ptr<kvn_test::SimHandset> sim;
+        long pid = -1, rss0 = -1, done = 0;
+    };
+    std::vector<Side> sides;
+    sides.push_back({"kvn-sim", std::make_unique<kvn_test::SimHandset>(nv)});
+    if (const char *b = getenv("KVN_BENCH_BASELINE_SIM"); b && *b) {
+        setenv("KVN_TEST_SIM_BIN", b, 1);
+        sides.push_back({"baseline", std::make_unique<kvn_test::SimHandset>(nv)});
     }
-    auto st = sim.ctl({"status"});
-    const char *pid_at = strstr(st.out.c_str(), "pid "); // "kvn-sim running: pid N, ..."
-    const long pid = pid_at ? atol(pid_at + 4) : -1;
-    const long rss0 = rss_kib(pid);
+    for (auto &side : sides) {
+        if (!side.sim->started()) {
+            fprintf(stderr, "%s did not start\n", side.label.c_str());
+            return 1;
+        }
+        side.pid = pid_of(*side.sim);
+        side.rss0 = rss_kib(side.pid);
+    }
+    const bool paired = sides.size() > 1;
 
-    printf("kvn-sim under load: NV reads over one connection per client\n\n");
-    printf("| clients | requests/s | p50 | p99 |\n|---|---|---|---|\n");
-    long done = 0;
+    printf("kvn-sim under load: NV reads over one connection per client%s\n\n",
+           paired ? "; the baseline kvn-sim measured in turn, case by case" : "");
+    printf(paired ? "| clients | requests/s | p50 | p99 | baseline requests/s | p50 | p99 | requests/s ratio |\n"
+                    "|---|---|---|---|---|---|---|---|\n"
+                  : "| clients | requests/s | p50 | p99 |\n|---|---|---|---|\n");
     struct Case {
         int readers;
         long n;
@@ -188,19 +214,43 @@ int main()
         const char *label;
     } cases[] = {{1, 15000, false, "1"}, {4, 20000, false, "4"}, {16, 25000, false, "16"},
                  {15, 20000, true, "15 + 1 EFS writer"}};
+    std::vector<std::vector<Result>> results(sides.size());
     for (const auto &c : cases) {
         const long n = long(double(c.n) * scale);
-        Result r = load(sim.socket(), c.readers, n, c.writer);
-        done += n;
-        printf("| %s | %.0f | %.0f us | %.0f us |%s\n", c.label, r.rps, r.p50_us, r.p99_us,
-               r.failed ? " (failures!)" : "");
-        if (r.failed)
-            return 1;
+        printf("| %s", c.label);
+        for (size_t i = 0; i < sides.size(); ++i) {
+            Result r = load(sides[i].sim->socket(), c.readers, n, c.writer);
+            sides[i].done += n;
+            results[i].push_back(r);
+            printf(" | %.0f | %.0f us | %.0f us", r.rps, r.p50_us, r.p99_us);
+            if (r.failed) {
+                printf(" | (failures on %s!) |\n", sides[i].label.c_str());
+                return 1;
+            }
+        }
+        if (paired)
+            printf(" | %.2fx", results[0].back().rps / results[1].back().rps);
+        printf(" |\n");
     }
-    const long rest = long(100000 * scale) - done;
-    if (rest > 0)
-        load(sim.socket(), 4, rest, false);
-    printf("\nkvn-sim resident memory: %ld KiB at start, %ld KiB after %ld requests\n", rss0, rss_kib(pid),
-           std::max(done, long(100000 * scale)));
+    for (auto &side : sides) {
+        const long rest = long(100000 * scale) - side.done;
+        if (rest > 0)
+            load(side.sim->socket(), 4, rest, false);
+        printf("\n%s resident memory: %ld KiB at start, %ld KiB after %ld requests", side.label.c_str(), side.rss0,
+               rss_kib(side.pid), std::max(side.done, long(100000 * scale)));
+    }
+    printf("\n\n");
+    // One line per figure for scripts/bench's summary table.
+    const auto &r = results[0];
+    printf("summary | kvn-sim: NV reads/s, 16 clients against 1 | %.2fx | at least 1x (more clients, no less done)\n",
+           r[2].rps / r[0].rps);
+    printf("summary | kvn-sim: p99 of NV reads, 16 clients | %.0f us | under 1000 us\n", r[2].p99_us);
+    printf("summary | kvn-sim: p50 of NV reads beside an EFS writer, against 16 readers alone | %.2fx | about 1x "
+           "(writes do not hold up reads)\n",
+           r[3].p50_us / r[2].p50_us);
+    if (paired)
+        for (size_t k = 0; k < r.size(); ++k)
+            printf("summary | kvn-sim against the baseline: requests/s, %s clients | %.2fx | at least 2x\n",
+                   cases[k].label, r[k].rps / results[1][k].rps);
     return 0;
 }

@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sim_handset.h"
@@ -105,8 +106,8 @@ std::string bin_dir()
     return p.substr(0, p.rfind('/'));
 }
 
-// One table row: a / b over the rounds, wall and CPU.
-void row(const Program &a, const Program &b)
+// One table row: a / b over the rounds, wall and CPU; returns the two medians.
+std::pair<double, double> row(const Program &a, const Program &b)
 {
     std::vector<double> wall, cpu;
     for (size_t i = 0; i < a.runs.size(); ++i) {
@@ -115,6 +116,7 @@ void row(const Program &a, const Program &b)
     }
     printf("| %s / %s | %.2fx (%.2f-%.2f) | %.2fx (%.2f-%.2f) |\n", a.label.c_str(), b.label.c_str(),
            pct(wall, 0.5), pct(wall, 0.1), pct(wall, 0.9), pct(cpu, 0.5), pct(cpu, 0.1), pct(cpu, 0.9));
+    return {pct(wall, 0.5), pct(cpu, 0.5)};
 }
 
 } // namespace
@@ -167,7 +169,7 @@ int main()
 
     printf("`kvn 4 1 0 550`, %d rounds in rotating order; median ratio (10th-90th percentile)\n\n", rounds);
     printf("| A / B | wall | CPU |\n|---|---|---|\n");
-    row(progs[0], progs[1]);
+    const auto [wall, cpu] = row(progs[0], progs[1]);
     row(progs[0], progs[2]);
     row(progs[1], progs[2]);
     if (progs.size() > 3) {
@@ -183,6 +185,9 @@ int main()
         }
         printf("%s %.0f us wall, %.0f us CPU; ", p.label.c_str(), pct(w, 0.5), pct(c, 0.5));
     }
-    printf("\n");
+    printf("\n\n");
+    // One line per figure for scripts/bench's summary table.
+    printf("summary | `kvn 4 1 0 550` against its floor, wall | %.2fx | at most 1.30x\n", wall);
+    printf("summary | `kvn 4 1 0 550` against its floor, CPU | %.2fx | at most 1.30x\n", cpu);
     return 0;
 }

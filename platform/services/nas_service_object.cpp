@@ -3,6 +3,13 @@
 // registration (a long run of optional one-byte switches) and subscription
 // binding (a 32-bit enum sent as one byte). The header figures (largest
 // message 36643, 219 / 219 / 77 messages) are those of the whole revision.
+// Published sources: Register Indications 0x0003 from libqmi's
+// data/qmi-service-nas.json (switches 0x10-0x21, each u8 but 0x21, two u8),
+// with the Gobi API 2013 structs for 0x22-0x27; Bind Subscription 0x0045
+// from the Gobi API 2013 structs only (TLV 0x01, eQMINASSubscriptionType
+// with a UINT8 base: 0 primary, 1 secondary, 2 tertiary; libqmi has no NAS
+// bind, and its WDS/QOS binds are u32 with other values). The switches from
+// 0x28 on are the IDL revision's, in no published layout.
 #include <network_access_service_v01.h>
 
 #include "idl_rows.h"

@@ -2,7 +2,12 @@
 // (revision 1.14) as the host client library uses it: RF set state and RF get
 // state, the state being a u32 on the wire. The header figures (largest
 // message 8204, 13 / 13 / 1 messages) are those of the whole revision; the
-// tables describe the two messages clients of this host use.
+// tables describe the two messages clients of this host use. Published
+// sources: libqmi's data/qmi-service-sar.json (RF Set State 0x0001: TLV 0x01
+// u32 state; RF Get State 0x0002: no request TLVs, response TLV 0x10 u32
+// state), the Gobi API 2013 QMIEnum.h for the message ids. The get-state
+// answer's TLVs 0x11 to 0x13 are the IDL revision's, in no published layout;
+// they are decoded when a modem sends them and read by no client here.
 #include <specific_absorption_rate_v01.h>
 
 #include "idl_rows.h"

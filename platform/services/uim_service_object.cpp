@@ -4,6 +4,14 @@
 // forms are the published UIM layouts (enums, slots and bools one byte on the
 // wire; APDU counts two bytes; the result pair 2 + 2 bytes).
 //
+// Published sources, per message below: libqmi's data/qmi-service-uim.json
+// (and data/qmi-common.json for the result pair), the Gobi API 2013 structs
+// (GobiConnectionMgmtAPIStructs.h, packed, enums with a UINT8 base) and
+// ChromiumOS Hermes hermes/uim_cmd.qmi. Two items have no published layout
+// and are this host's choice: the card mode TLV 0x11 of Power On and the
+// whole of Get EID 0x0065 (a public diag decode shows its request is the
+// slot alone and its answer one TLV of u8 16 + the EID).
+//
 // The object describes only these seven messages. Its declared message counts
 // and its largest message are those of the messages described here (7 / 7 / 0,
 // 6375 bytes, the card status response filled to every maximum): the host has
@@ -140,6 +148,11 @@ constexpr Row long_apdu_ei[] = {
 
 /* ---- messages ---- */
 
+// Get Card Status 0x002F. Request TLV 0x10 extended status (u8 bool): Gobi
+// only (libqmi sends no TLV). Response: TLV 0x10 the card status of libqmi's
+// "UIM Card Status" (indexes u16 with the slot in the high byte, every enum
+// one byte), 0x11 hot-swap, 0x12 valid card status, 0x13 extended card
+// status and 0x14 extended hot-swap from Gobi.
 constexpr Row card_status_req_ei[] = {
     opt(0x10, OFF(uim_get_card_status_req_msg_v01, extended_card_status_valid)),
     u(0x10, 1, 1, OFF(uim_get_card_status_req_msg_v01, extended_card_status)),
@@ -172,11 +185,15 @@ template <typename Resp> constexpr Row result_only_ei[] = {
     end(),
 };
 
+// Power Off SIM 0x0030: TLV 0x01 slot, u8 (libqmi, Gobi).
 constexpr Row power_down_req_ei[] = {
     u(0x01, 4, 1, OFF(uim_power_down_req_msg_v01, slot)),
     end(),
 };
 
+// Power On SIM 0x0031: TLV 0x01 slot u8 (libqmi); TLV 0x10 ignore hot-swap
+// switch u8 (Gobi, lite-qmi's uim.h); TLV 0x11 card mode u8 (no published
+// source: this host's choice).
 constexpr Row power_up_req_ei[] = {
     u(0x01, 4, 1, OFF(uim_power_up_req_msg_v01, slot)),
     opt(0x10, OFF(uim_power_up_req_msg_v01, ignore_hotswap_switch_valid)),
@@ -186,6 +203,10 @@ constexpr Row power_up_req_ei[] = {
     end(),
 };
 
+// Open Logical Channel 0x0042 (libqmi, Hermes, Gobi): TLV 0x01 slot, 0x10
+// AID u8 n + n, 0x11 file control information u8. Response: 0x10 channel id,
+// 0x11 card result SW1 SW2, 0x12 select response u8 n + n; 0x13 the long
+// select response (u16 n + n) is the IDL's and decoded only when sent.
 using OpenReq = uim_open_logical_channel_req_msg_v01;
 constexpr Row open_req_ei[] = {
     u(0x01, 4, 1, OFF(OpenReq, slot)),
@@ -214,6 +235,9 @@ constexpr Row channel_resp_ei[] = {
     end(),
 };
 
+// Logical Channel 0x003F, used to close one (libqmi, Gobi): TLV 0x01 slot,
+// 0x10 AID, 0x11 channel id, 0x12 file control information, 0x13 terminate
+// application, every one u8 (the AID u8 n + n).
 using CloseReq = uim_logical_channel_req_msg_v01;
 constexpr Row close_req_ei[] = {
     u(0x01, 4, 1, OFF(CloseReq, slot)),
@@ -229,6 +253,10 @@ constexpr Row close_req_ei[] = {
     end(),
 };
 
+// Send APDU 0x003B (libqmi, Hermes; Gobi adds the long response): TLV 0x01
+// slot, 0x02 APDU u16 n + n, 0x10 channel id u8, 0x11 procedure bytes u8.
+// Response 0x10 APDU u16 n + n, 0x11 long response (Gobi). Request TLV 0x12,
+// the chunk of a long APDU, is the IDL's and never sent by this host.
 using ApduReq = uim_send_apdu_req_msg_v01;
 constexpr Row apdu_req_ei[] = {
     u(0x01, 4, 1, OFF(ApduReq, slot)),
@@ -255,6 +283,8 @@ constexpr Row apdu_resp_ei[] = {
     end(),
 };
 
+// Get EID 0x0065 (no published layout, see the top of this file): TLV 0x01
+// slot u8; response TLV 0x10 u8 n + the EID (n = 16).
 constexpr Row eid_req_ei[] = {
     u(0x01, 4, 1, OFF(uim_get_eid_req_msg_v01, slot)),
     end(),

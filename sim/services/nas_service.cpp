@@ -2,7 +2,9 @@
 // as a client's connect sequence needs it: bind subscription (0x0045, TLV
 // 0x01 one byte: 0, 1 or 2) and register indications (0x0003, optional
 // one-byte switches) are answered with success. Other messages get the
-// standard failure result.
+// standard failure result. Layouts: bind subscription from the Gobi API 2013
+// structs (eQMINASSubscriptionType, UINT8; libqmi has no NAS bind), register
+// indications from libqmi's data/qmi-service-nas.json and Gobi.
 #include "services.h"
 #include "tlv.h"
 

@@ -2,6 +2,8 @@
 // RF set state (0x0001, TLV 0x01 u32) sets the DSI, RF get state (0x0002)
 // answers it in TLV 0x10 u32, or without that TLV when the scenario says
 // `"sar_dsi": null`. Other messages get the standard failure result.
+// Layout: libqmi's data/qmi-service-sar.json, message ids confirmed by the
+// Gobi API 2013 QMIEnum.h.
 #include "kvn_wire.h"
 #include "services.h"
 #include "tlv.h"

@@ -2,7 +2,9 @@
 // answers as common messages of extend command 4: eSIM selection of slot 2,
 // card status query/get/set (the card-detect line), card type query and the
 // hot-swap test of slot 1. Each acts on the handset's slot model and answers
-// {result, answer}; a value too short for its parameters is refused.
+// {result, answer}; a value too short for its parameters is refused. These
+// are the vendor's own messages, with no published layout: their form is the
+// one the tool's card commands send.
 #include "kvn_wire.h"
 #include "services.h"
 #include "uim_slots.h"

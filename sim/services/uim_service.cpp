@@ -3,6 +3,19 @@
 // and APDUs on them, over the handset's slot model (uim_slots.h). The eUICC
 // answers an ES10c eUICCMemoryReset; every other APDU gets 6D 00. Requests
 // are read strictly: a missing or misshapen mandatory TLV is a refusal.
+//
+// Layouts, from the published sources: Get Card Status 0x2F from libqmi's
+// data/qmi-service-uim.json ("UIM Card Status" for TLV 0x10: u16 indexes with
+// the slot in the high byte, every enum one byte) and the Gobi API 2013
+// structs (request TLV 0x10 extended status, response TLV 0x13 with the same
+// card layout); Power Off 0x30 and Power On 0x31 from libqmi (TLV 0x01 slot
+// u8) and Gobi / lite-qmi's uim.h (Power On TLV 0x10 ignore hot-swap, u8);
+// Open Logical Channel 0x42, Logical Channel 0x3F and Send APDU 0x3B from
+// libqmi and Hermes hermes/uim_cmd.qmi (AID u8 n + n, APDU u16 n + n, card
+// result SW1 SW2); Get Slot Status 0x47 in uim_slot_status.cpp. Without a
+// published layout: Power On's card mode TLV 0x11 (accepted as one byte) and
+// Get EID 0x65 (TLV 0x01 slot; answer TLV 0x10 u8 16 + the EID, which a
+// public diag decode of the message bears out).
 #include "kvn_wire.h"
 #include "services/uim_slot_status.h"
 #include "services.h"

@@ -92,14 +92,9 @@ TEST(AtCmdE2e, ArgumentAndLengthChecks)
     const std::string len_note =
         "\nnote: the second parameters length should <= 100, Pls refer to the following cmd:\n";
     const std::string c101 = "AT" + std::string(99, 'Z');
-    const struct {
-        std::vector<std::string> args;
-        std::string note;
-    } cases[] = {{{"8"}, count_note}, {{"8", "AT", "x"}, count_note}, {{"8", c101}, len_note}};
-    for (const auto &c : cases) {
-        EXPECT_EQ(sim.kvn(c.args).out, c.note + for_group(8));
-        EXPECT_EQ(sim.kvn(c.args, shell_flag("0")).out, for_group(8));
-    }
+    expect_flag_cases(sim, {{{"8"}, count_note + for_group(8), for_group(8)},
+                            {{"8", "AT", "x"}, count_note + for_group(8), for_group(8)},
+                            {{"8", c101}, len_note + for_group(8), for_group(8)}});
     EXPECT_TRUE(at_journal(sim).empty());
     const std::string c100 = c101.substr(1);
     auto r = sim.kvn({"8", c100});

@@ -53,6 +53,25 @@ inline ProcessOptions shell_flag(const char *value)
     return o;
 }
 
+// A command whose whole output is `on` with the shell flag at its default and
+// `off` with the flag 0.
+struct FlagCase {
+    std::vector<std::string> args;
+    std::string on, off;
+};
+
+inline void expect_flag_cases(const SimHandset &sim, const std::vector<FlagCase> &cases)
+{
+    for (const auto &c : cases) {
+        std::string joined;
+        for (const auto &a : c.args)
+            joined += a.substr(0, 16) + " ";
+        SCOPED_TRACE(joined);
+        EXPECT_EQ(sim.kvn(c.args).out, c.on);
+        EXPECT_EQ(sim.kvn(c.args, shell_flag("0")).out, c.off);
+    }
+}
+
 inline std::string status_of(const SimHandset &sim) { return sim.ctl({"status"}).out; }
 
 // The status line of the modem action counters.

@@ -32,10 +32,7 @@ const char kNoWait[] = R"({"properties": {"persist.radio.ssr_wait_s": "0"}})";
 TEST(SmartTestE2e, ArgumentChecks)
 {
     SimHandset sim;
-    const struct {
-        std::vector<std::string> args;
-        std::string on, off;
-    } cases[] = {
+    expect_flag_cases(sim, {
         {{"11"}, kTooFew + for_group(11), for_group(11)},
         {{"11", "5"}, kTooFew + for_group(11), for_group(11)},
         {{"12x", "0"}, for_group(0), for_group(0)},
@@ -43,12 +40,7 @@ TEST(SmartTestE2e, ArgumentChecks)
         {{"11", "6", "-1"}, "\nnote: opt(-1) is invalid:\n" + for_group(11), for_group(11)},
         {{"11", "7"}, "invalid par_i = 7\n" + for_group(11), "invalid par_i = 7\n" + for_group(11)},
         {{"11", "-1"}, "invalid par_i = -1\n" + for_group(11), "invalid par_i = -1\n" + for_group(11)},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.args[0] + " " + (c.args.size() > 1 ? c.args[1] : ""));
-        EXPECT_EQ(sim.kvn(c.args).out, c.on);
-        EXPECT_EQ(sim.kvn(c.args, shell_flag("0")).out, c.off);
-    }
+    });
     EXPECT_EQ(counters(sim), "modem restarts 0, full dumps 0, nv syncs 0");
     EXPECT_TRUE(sim.journal().empty());
 }
@@ -190,23 +182,6 @@ TEST(SmartTestE2e, PrintSwitchesOnOffAndFailures)
 const char kGpioFile[] = "/nv/item_files/modem/pelmox/rf_ant_port_config";
 const char kTxFile[] = "/nv/item_files/modem/antenna/ant_tx_config";
 
-TEST(RfTestE2e, GpioSetGetClose)
-{
-    SimHandset sim;
-    auto r = sim.kvn({"3", "0", "1", "2", "300"});
-    EXPECT_EQ(tool_lines(r.out), "pelmox_gpio_test_set\npelmox_gpio_test_set, gpio_v[0]: 1\n"
-                                 "pelmox_gpio_test_set, gpio_v[1]: 2\npelmox_gpio_test_set, gpio_v[2]: 300\n");
-    EXPECT_EQ(efs_hex(sim, kGpioFile), "01022c");
-    r = sim.kvn({"3", "1"});
-    EXPECT_EQ(tool_lines(r.out), "pelmox_gpio_test_get\n\ndata len(3)\ndata:  01 02 2C\n");
-    r = sim.kvn({"3", "2"});
-    EXPECT_EQ(tool_lines(r.out), "pelmox_gpio_test_closed\n");
-    EXPECT_EQ(efs_hex(sim, kGpioFile), "absent");
-    r = sim.kvn({"3", "1"});
-    EXPECT_EQ(tool_lines(r.out), "pelmox_gpio_test_get\npelmox_extend_qmi_send_sync fail, REQUEST_ID_EFS\n" +
-                                     error_note(-2) + for_group(3));
-}
-
 // 60 values: the count says 60, 50 values follow, the modem stores 60 bytes
 // (the last ten zero). No value: the count 0 is refused by the modem.
 TEST(RfTestE2e, GpioCountsZeroAndSixty)
@@ -236,31 +211,44 @@ TEST(RfTestE2e, GpioCountsZeroAndSixty)
     EXPECT_EQ(efs_hex(sim, kGpioFile), expect_file);
 }
 
-// The band list is strtoul in base 0: hex, octal, and -1 as all ones.
-TEST(RfTestE2e, RfTxSetGetCloseAndBandListForms)
+// Set, get and close of the GPIO and RF-transmit tests, in order on one
+// handset: what each prints and the state file it leaves ("absent" once
+// closed; nullptr: not checked). The band list is strtoul in base 0: hex,
+// octal, and -1 as all ones.
+TEST(RfTestE2e, SetGetCloseInOrder)
 {
     SimHandset sim;
+    const std::string tx_set = "pelmox_rf_tx_test_set, argc(6)\n v_ant(1)\n v_sys(4)\n v_band_list(";
     const struct {
-        const char *band, *printed, *hex;
-    } cases[] = {
-        {"0x1", "1", "0100000000000000"},
-        {"010", "8", "0800000000000000"},
-        {"0x100000000000", "17592186044416", "0000000000100000"},
-        {"-1", "18446744073709551615", "ffffffffffffffff"},
+        std::vector<std::string> args;
+        std::string out;
+        const char *path, *hex;
+    } steps[] = {
+        {{"3", "0", "1", "2", "300"},
+         "pelmox_gpio_test_set\npelmox_gpio_test_set, gpio_v[0]: 1\npelmox_gpio_test_set, gpio_v[1]: 2\n"
+         "pelmox_gpio_test_set, gpio_v[2]: 300\n",
+         kGpioFile, "01022c"},
+        {{"3", "1"}, "pelmox_gpio_test_get\n\ndata len(3)\ndata:  01 02 2C\n", nullptr, nullptr},
+        {{"3", "2"}, "pelmox_gpio_test_closed\n", kGpioFile, "absent"},
+        {{"3", "1"},
+         "pelmox_gpio_test_get\npelmox_extend_qmi_send_sync fail, REQUEST_ID_EFS\n" + error_note(-2) + for_group(3),
+         nullptr, nullptr},
+        {{"3", "3", "1", "4", "0x1"}, tx_set + "1)\n", kTxFile, "01000000040000000100000000000000"},
+        {{"3", "3", "1", "4", "010"}, tx_set + "8)\n", kTxFile, "01000000040000000800000000000000"},
+        {{"3", "3", "1", "4", "0x100000000000"}, tx_set + "17592186044416)\n", kTxFile,
+         "01000000040000000000000000100000"},
+        {{"3", "3", "1", "4", "-1"}, tx_set + "18446744073709551615)\n", kTxFile, "0100000004000000ffffffffffffffff"},
+        {{"3", "4"}, "pelmox_rf_tx_test_get\n\ndata len(16)\ndata:  01 00 00 00 04 00 00 00 FF FF FF FF FF FF FF FF\n",
+         nullptr, nullptr},
+        {{"3", "5"}, "pelmox_rf_tx_test_closed\n", kTxFile, "absent"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.band);
-        auto r = sim.kvn({"3", "3", "1", "4", c.band});
-        EXPECT_EQ(tool_lines(r.out), std::string("pelmox_rf_tx_test_set, argc(6)\n v_ant(1)\n v_sys(4)\n v_band_list(") +
-                                         c.printed + ")\n");
-        EXPECT_EQ(efs_hex(sim, kTxFile), std::string("0100000004000000") + c.hex);
+    for (const auto &step : steps) {
+        SCOPED_TRACE(step.args[1] + " " + step.args.back());
+        EXPECT_EQ(tool_lines(sim.kvn(step.args).out), step.out);
+        if (step.path) {
+            EXPECT_EQ(efs_hex(sim, step.path), step.hex);
+        }
     }
-    auto r = sim.kvn({"3", "4"});
-    EXPECT_EQ(tool_lines(r.out),
-              "pelmox_rf_tx_test_get\n\ndata len(16)\ndata:  01 00 00 00 04 00 00 00 FF FF FF FF FF FF FF FF\n");
-    r = sim.kvn({"3", "5"});
-    EXPECT_EQ(tool_lines(r.out), "pelmox_rf_tx_test_closed\n");
-    EXPECT_EQ(efs_hex(sim, kTxFile), "absent");
 }
 
 // Notes follow the shell flag; name lines and the help do not. Nothing of
@@ -269,10 +257,7 @@ TEST(RfTestE2e, ArgumentChecks)
 {
     SimHandset sim;
     const std::string bad = error_note(268431370) + for_group(3);
-    const struct {
-        std::vector<std::string> args;
-        std::string on, off;
-    } cases[] = {
+    expect_flag_cases(sim, {
         {{"3"}, kTooFew + for_group(3), for_group(3)},
         {{"3", "6"}, "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n" + for_group(3),
          for_group(3)},
@@ -287,12 +272,7 @@ TEST(RfTestE2e, ArgumentChecks)
         {{"3", "5", "x"},
          "pelmox_rf_tx_test_closed\n\nnote: Cmd error, should be: kvn 3 5 , Pls refer to the following cmd:\n" + bad,
          "pelmox_rf_tx_test_closed\n" + for_group(3)},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.args.size() > 1 ? c.args[1] : c.args[0]);
-        EXPECT_EQ(sim.kvn(c.args).out, c.on);
-        EXPECT_EQ(sim.kvn(c.args, shell_flag("0")).out, c.off);
-    }
+    });
     EXPECT_TRUE(sim.journal().empty());
 }
 

@@ -107,81 +107,67 @@ const std::string kFooter =
 
 /* ---- card commands (sub-commands 1-4, 6) ---- */
 
+// What a card command prints from its parameter line on: the send line, the
+// transport's lines, the results and the answer block (the type and, when
+// value >= 0, a 4-byte answer holding value; a reply of 20 bytes, else 16).
+std::string card_sent(const std::string &head, int type, int param_len, int value)
+{
+    char block[80];
+    if (value < 0)
+        snprintf(block, sizeof(block), "\ndata len(8)\ndata: %02X 00 00 00 00 00 00 00\n", type);
+    else
+        snprintf(block, sizeof(block), "\ndata len(12)\ndata: %02X 00 00 00 04 00 00 00 %02X 00 00 00\n", type,
+                 value);
+    return head + "pelmox_cmn_cmd_send, t: " + std::to_string(type) + ", l: " + std::to_string(param_len) + "\n" +
+           kOpen + send_ok(value < 0 ? 16 : 20) + "result = 0, rsp.result = 0\n" + block;
+}
+
 // One sim, commands in order: each row sees what the rows before it did to
-// the card slots. "~" stands for the transport lines of the send.
+// the card slots.
 TEST(UimCardCommands, QueryGetSetTypeAndHotSwapInOrder)
 {
     SimHandset sim;
     ASSERT_TRUE(sim.started());
-    auto sent = [](const char *head, int t, int l, const std::string &tail, int resp) {
-        return std::string(head) + "pelmox_cmn_cmd_send, t: " + std::to_string(t) + ", l: " + std::to_string(l) +
-               "\n" + kOpen + send_ok(resp) + tail;
-    };
+    const int none = -1; // an answer block without a value
     struct Row {
         std::vector<std::string> args;
         int flag;
-        std::string out;
+        std::string head; // up to the send line
+        int type, param_len, value;
     } rows[] = {
-        {{"5", "1"}, 1,
-         sent("pelmox_cmn_card_status_query\nparam(cnt: 0):\n\n", 39, 0,
-              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 27 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
-        {{"5", "1"}, 0,
-         sent("param(cnt: 0):\n\n", 39, 0,
-              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 27 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
+        {{"5", "1"}, 1, "pelmox_cmn_card_status_query\nparam(cnt: 0):\n\n", 0x27, 0, 1},
+        {{"5", "1"}, 0, "param(cnt: 0):\n\n", 0x27, 0, 1},
         // set_val 5 is sent as 1, sub 1 as 1: slot 2's card in, then out.
-        {{"5", "3", "1", "0", "0"}, 1,
-         sent("pelmox_cmn_card_status_set\nparam(cnt: 3):\n 1 0 0\n", 57, 12,
-              "result = 0, rsp.result = 0\n\ndata len(8)\ndata: 39 00 00 00 00 00 00 00\n", 16)},
-        {{"5", "2", "1"}, 1,
-         sent("pelmox_cmn_card_status_get\nparam(cnt: 1):\n 1\n", 55, 4,
-              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 37 00 00 00 04 00 00 00 00 00 00 00\n", 20)},
-        {{"5", "3", "7", "0", "5"}, 0,
-         sent("param(cnt: 3):\n 1 0 1\n", 57, 12,
-              "result = 0, rsp.result = 0\n\ndata len(8)\ndata: 39 00 00 00 00 00 00 00\n", 16)},
-        {{"5", "2", "1"}, 0,
-         sent("param(cnt: 1):\n 1\n", 55, 4,
-              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 37 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
+        {{"5", "3", "1", "0", "0"}, 1, "pelmox_cmn_card_status_set\nparam(cnt: 3):\n 1 0 0\n", 0x39, 12, none},
+        {{"5", "2", "1"}, 1, "pelmox_cmn_card_status_get\nparam(cnt: 1):\n 1\n", 0x37, 4, 0},
+        {{"5", "3", "7", "0", "5"}, 0, "param(cnt: 3):\n 1 0 1\n", 0x39, 12, none},
+        {{"5", "2", "1"}, 0, "param(cnt: 1):\n 1\n", 0x37, 4, 1},
         // "0x1" is 0 under atoi: slot 1, present.
-        {{"5", "2", "0x1"}, 0,
-         sent("param(cnt: 1):\n 0\n", 55, 4,
-              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 37 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
-        {{"5", "4"}, 1,
-         sent("pelmox_cmn_card_type_query\nparam(cnt: 0):\n\n", 56, 0,
-              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 38 00 00 00 04 00 00 00 02 00 00 00\n", 20)},
+        {{"5", "2", "0x1"}, 0, "param(cnt: 1):\n 0\n", 0x37, 4, 1},
+        {{"5", "4"}, 1, "pelmox_cmn_card_type_query\nparam(cnt: 0):\n\n", 0x38, 0, 2},
         // Hot swap: the values go unchanged; the card is out at once.
-        {{"5", "6", "3", "100", "200", "2"}, 1,
-         sent("opt: 3\nparam(cnt: 4):\n 3 100 200 2\n", 80, 16,
-              "result = 0, rsp.result = 0\n\ndata len(8)\ndata: 50 00 00 00 00 00 00 00\n", 16)},
-        {{"5", "1"}, 0,
-         sent("param(cnt: 0):\n\n", 39, 0,
-              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 27 00 00 00 04 00 00 00 00 00 00 00\n", 20)},
+        {{"5", "6", "3", "100", "200", "2"}, 1, "opt: 3\nparam(cnt: 4):\n 3 100 200 2\n", 0x50, 16, none},
+        {{"5", "1"}, 0, "param(cnt: 0):\n\n", 0x27, 0, 0},
         // Stop: one 0, whatever follows; the card is back.
-        {{"5", "6", "0", "9"}, 1,
-         sent("opt: 0\n", 80, 4, "result = 0, rsp.result = 0\n\ndata len(8)\ndata: 50 00 00 00 00 00 00 00\n", 16)},
-        {{"5", "1"}, 0,
-         sent("param(cnt: 0):\n\n", 39, 0,
-              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 27 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
+        {{"5", "6", "0", "9"}, 1, "opt: 0\n", 0x50, 4, none},
+        {{"5", "1"}, 0, "param(cnt: 0):\n\n", 0x27, 0, 1},
         // Sub 2 is sent as 1.
-        {{"5", "2", "2"}, 0,
-         sent("param(cnt: 1):\n 1\n", 55, 4,
-              "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 37 00 00 00 04 00 00 00 01 00 00 00\n", 20)},
+        {{"5", "2", "2"}, 0, "param(cnt: 1):\n 1\n", 0x37, 4, 1},
     };
     for (const auto &row : rows) {
         auto r = sim.kvn(row.args, shell_flag(row.flag));
         std::string joined;
         for (const auto &a : row.args)
             joined += a + " ";
-        EXPECT_EQ(masked(r), row.out) << joined << "flag " << row.flag;
+        EXPECT_EQ(masked(r), card_sent(row.head, row.type, row.param_len, row.value)) << joined << "flag " << row.flag;
     }
     // A one-slot handset: one slot by type, and slot 2 refused.
     std::ofstream(sim.dir() + "/one.json") << R"({"uim": {"slots": {"1": {}}}})";
     ASSERT_EQ(sim.ctl({"load", sim.dir() + "/one.json"}).exit_code, 0);
-    EXPECT_EQ(masked(sim.kvn({"5", "4"}, shell_flag(0))),
-              sent("param(cnt: 0):\n\n", 56, 0,
-                   "result = 0, rsp.result = 0\n\ndata len(12)\ndata: 38 00 00 00 04 00 00 00 01 00 00 00\n", 20));
+    EXPECT_EQ(masked(sim.kvn({"5", "4"}, shell_flag(0))), card_sent("param(cnt: 0):\n\n", 0x38, 0, 1));
     std::string out = masked(sim.kvn({"5", "2", "1"}, shell_flag(0)));
-    EXPECT_EQ(out.substr(0, out.find(kBanner)),
-              sent("param(cnt: 1):\n 1\n", 55, 4, "result = 0, rsp.result = 1\nrsp.result fail\n", 16));
+    EXPECT_EQ(out.substr(0, out.find(kBanner)), "param(cnt: 1):\n 1\npelmox_cmn_cmd_send, t: 55, l: 4\n" + kOpen +
+                                                    send_ok(16) + "result = 0, rsp.result = 1\nrsp.result fail\n");
 }
 
 // Wrong argument counts: the note (whatever the flag), nothing sent; the

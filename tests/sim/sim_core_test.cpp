@@ -6,6 +6,7 @@
 
 #include <set>
 
+#include "fsync_queue.h"
 #include "handset.h"
 #include "process.h"
 #include "scenario.h"
@@ -229,6 +230,42 @@ TEST_F(NvEfsTest, TransferMistakesAndAbandonedTransfersDropTheTransfer)
 }
 
 /* ---- scenario ---- */
+
+// Open descriptors of this process.
+size_t open_fds()
+{
+    size_t n = 0;
+    for ([[maybe_unused]] const auto &e : std::filesystem::directory_iterator("/proc/self/fd"))
+        ++n;
+    return n;
+}
+
+// With the daemon's fsync queue, a write is in place when the store returns
+// (a read sees it at once); the flushes run on the queue's thread and close
+// what they held; a full queue flushes in the writer instead of growing.
+TEST_F(NvEfsTest, WritesWithAnFsyncQueueAreVisibleAtOnceAndReleaseTheirDescriptors)
+{
+    for (size_t max_pending : {size_t(64), size_t(0)}) {
+        SCOPED_TRACE(max_pending);
+        FsyncQueue q(max_pending);
+        h.store.set_fsync_queue(&q);
+        const size_t before = open_fds();
+        for (uint16_t i = 0; i < 20; ++i) {
+            std::string err;
+            ASSERT_TRUE(h.store.efs_put(0, "/q/f" + std::to_string(i % 4), pattern(1000, uint8_t(i)), &err)) << err;
+            ASSERT_EQ(pattern(1000, uint8_t(i)), h.store.efs_read(0, "/q/f" + std::to_string(i % 4), 0, 2000));
+            ASSERT_TRUE(h.store.nv_set(1, 550, pattern(10, uint8_t(i)), &err)) << err;
+            ASSERT_EQ(pattern(10, uint8_t(i)), h.store.nv_get(1, 550));
+        }
+        q.drain();
+        EXPECT_EQ(before, open_fds());
+        for (int twice = 0; twice < 2; ++twice) // the NV directory stays open: listing it must start over
+            EXPECT_EQ(std::vector<uint16_t>{550}, h.store.nv_list(1));
+        EXPECT_EQ(max_pending ? 40u : 0u, q.queued());
+        EXPECT_EQ(max_pending ? 0u : 40u, q.ran_inline());
+        h.store.set_fsync_queue(nullptr);
+    }
+}
 
 TEST(Scenario, UnknownKeysAreNamedAndNothingChanges)
 {
