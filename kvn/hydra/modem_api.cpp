@@ -3,11 +3,17 @@
  * count, opening and freeing clients, status propagation from the service
  * clients, the error map and the two statistics operations.
  *
- * The service clients report status changes on libqmi_cci's threads while
- * the caller may be opening a client. As designed, neither the status walk
- * nor the slot assignment takes the table mutex; the slot pointers and the
- * recorded status are read and written with atomic loads and stores so that
- * this lock-free walk is well defined.
+ * The service clients report status changes on libqmi_cci's threads and on
+ * their suspend and resume workers while the caller may be opening or freeing
+ * a client. Neither the status walk nor the slot assignment takes the table
+ * mutex: free holds it while the service client's release joins the
+ * library's threads, and a walk on one of those threads waiting for it would
+ * never end. The slot pointers and the recorded status are read and written
+ * with atomic loads and stores. What keeps a walk from reading a record that
+ * free has just freed is the record mutex: a record about to be freed leaves
+ * its slot under it, and the walk reads a record's fields only under it. It
+ * is held for those few loads and stores, never while calling out of the
+ * module (release, callbacks), so it cannot take part in a wait on a thread.
  */
 #include "modem_api.h"
 
@@ -26,7 +32,9 @@ static struct {
     int32_t ref_count;                                /* modem_api_init calls not yet released (0 or 1) */
     pthread_mutex_t table_mutex;                      /* taken by free and release */
     pthread_mutex_t ref_mutex;                        /* guards ref_count */
-} s_modem_api = {{NULL}, 0, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
+    pthread_mutex_t record_mutex;                     /* held to empty a slot whose record is then freed, and
+                                                         by the status walk while it reads a record */
+} s_modem_api = {{NULL}, 0, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
 
 /* ---- slot and status access ---- */
 
@@ -37,6 +45,15 @@ static void slot_set(int i, modem_api_client *c) { __atomic_store_n(&s_modem_api
 static uint32_t status_get(const modem_api_client *c)
 {
     return __atomic_load_n(&c->operational_status, __ATOMIC_ACQUIRE);
+}
+
+/* Empties a slot whose record the caller frees next: once this returns, no
+ * status walk holds or can find the record. */
+static void slot_retire(int i)
+{
+    pthread_mutex_lock(&s_modem_api.record_mutex);
+    slot_set(i, NULL);
+    pthread_mutex_unlock(&s_modem_api.record_mutex);
 }
 
 static void clear_slots(void)
@@ -171,7 +188,7 @@ uint32_t modem_api_init_client(uint32_t type, modem_api_event_cb_type event_cb, 
 
     ops->set_status_cb(modem_api_operational_status_cb);
     if (!ops->init(event_cb)) {
-        slot_set(slot, NULL);
+        slot_retire(slot);
         HYDRA_FREE(rec);
         return init_client_exit(MODEM_API_GENERAL_FAILURE);
     }
@@ -199,7 +216,7 @@ uint32_t modem_api_free_client(int32_t client_id)
         HYDRA_LOG(HYDRA_LOG_ERROR, "client already freed");
     } else {
         k_type_ops[c->type].release();
-        slot_set(client_id, NULL);
+        slot_retire(client_id);
         HYDRA_FREE(c);
     }
     pthread_mutex_unlock(&s_modem_api.table_mutex);
@@ -209,18 +226,28 @@ uint32_t modem_api_free_client(int32_t client_id)
 void modem_api_operational_status_cb(uint32_t client_type, uint32_t status)
 {
     for (int i = 0; i < MODEM_API_MAX_CLIENTS; ++i) {
+        /* The record is read under the record mutex; what the rest needs of
+         * it is copied, so the log line and the caller's callback run
+         * without the mutex and after a free of the record is harmless. */
+        pthread_mutex_lock(&s_modem_api.record_mutex);
         modem_api_client *c = slot_get(i);
-        if (c == NULL || c->type != client_type)
+        bool match = c != NULL && c->type == client_type;
+        modem_api_status_cb_type status_cb = NULL;
+        if (match) {
+            __atomic_store_n(&c->operational_status, status, __ATOMIC_RELEASE);
+            status_cb = c->status_cb;
+        }
+        pthread_mutex_unlock(&s_modem_api.record_mutex);
+        if (!match)
             continue;
-        __atomic_store_n(&c->operational_status, status, __ATOMIC_RELEASE);
         HYDRA_LOG(HYDRA_LOG_RESULT, "client type %d, client id %d, operational_status %d", (int)client_type, i,
                   (int)status);
-        if (c->status_cb == NULL)
+        if (status_cb == NULL)
             continue;
         if (status == MODEM_API_STATUS_OPERATIONAL)
-            c->status_cb(MODEM_API_EVENT_SERVICE_UP, (int)client_type);
+            status_cb(MODEM_API_EVENT_SERVICE_UP, (int)client_type);
         else if (status == MODEM_API_STATUS_DOWN)
-            c->status_cb(MODEM_API_EVENT_SERVICE_DOWN, (int)client_type);
+            status_cb(MODEM_API_EVENT_SERVICE_DOWN, (int)client_type);
     }
 }
 

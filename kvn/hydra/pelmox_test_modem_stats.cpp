@@ -62,15 +62,12 @@ static const modem_stats_field k_4g_fields[] = {
 };
 
 /* The 5G statistics carry a 32-bit version; the others an 8-bit one. */
-static const modem_stats_field k_5g_rssi_fields[] = {
-    {"version", FIELD_U32, NULL},  F32("rssi0", "rssi_rx0"), F32("rssi1", "rssi_rx1"),
-    F32("rssi2", "rssi_rx2"),      F32("rssi3", "rssi_rx3"),
-};
-
-static const modem_stats_field k_5g_snr_fields[] = {
-    {"version", FIELD_U32, NULL}, F32("snr0", "snr_rx0"), F32("snr1", "snr_rx1"),
-    F32("snr2", "snr_rx2"),       F32("snr3", "snr_rx3"),
-};
+/* 5G RSSI and SNR share a shape: a version, then one float per receive path
+ * ("rssi0" printed as "rssi_rx0: %.2f", ...). */
+#define PER_RX(name, label) F32(name "0", label "0"), F32(name "1", label "1"), \
+                            F32(name "2", label "2"), F32(name "3", label "3")
+static const modem_stats_field k_5g_rssi_fields[] = {{"version", FIELD_U32, NULL}, PER_RX("rssi", "rssi_rx")};
+static const modem_stats_field k_5g_snr_fields[] = {{"version", FIELD_U32, NULL}, PER_RX("snr", "snr_rx")};
 
 static const modem_stats_field k_5g_ant_fields[] = {
     {"version", FIELD_U32, NULL}, ANT("ant_rx_0_old"), ANT("ant_rx_0_new"), ANT("ant_rx_1_old"),
@@ -101,14 +98,26 @@ static const modem_stats_field k_ant_info_fields[] = {
     {"new_config", FIELD_U8, "new_config: %u"},
 };
 
-static const modem_stats_layout k_layout_4g = LAYOUT("ASDIV DATA: ", ", ", k_4g_fields);
-static const modem_stats_layout k_layout_5g_rssi = LAYOUT("ASDIV DATA: ", ", ", k_5g_rssi_fields);
-static const modem_stats_layout k_layout_5g_snr = LAYOUT("ASDIV DATA: ", ", ", k_5g_snr_fields);
-static const modem_stats_layout k_layout_5g_ant = LAYOUT("ASDIV DATA: ", ", ", k_5g_ant_fields);
-static const modem_stats_layout k_layout_5g_rsrp = LAYOUT("ASDIV DATA: ", ", ", k_5g_rsrp_fields);
-static const modem_stats_layout k_layout_wcdma = LAYOUT("ASDIV DATA: ", ", ", k_wcdma_fields);
-static const modem_stats_layout k_layout_gsm = LAYOUT("ASDIV DATA: ", ", ", k_gsm_fields);
-static const modem_stats_layout k_layout_ant_info = LAYOUT("ANT INFO: ", ", ", k_ant_info_fields);
+/* The layout table: one row per statistic layout, each with its printer
+ * (pelmox_test_qmi_modem_stats_<printer>), line head and fields. The enum,
+ * the layouts and the printers below are all made from these rows. */
+#define MODEM_STATS_LAYOUTS(ROW)                                                                                   \
+    ROW(4g_rssi, "ASDIV DATA: ", k_4g_fields)                                                                       \
+    ROW(5g_rssi, "ASDIV DATA: ", k_5g_rssi_fields)                                                                  \
+    ROW(5g_snr, "ASDIV DATA: ", k_5g_snr_fields)                                                                    \
+    ROW(5g_ant_diversity, "ASDIV DATA: ", k_5g_ant_fields)                                                          \
+    ROW(5g_rsrp, "ASDIV DATA: ", k_5g_rsrp_fields)                                                                  \
+    ROW(wcdma_rssi, "ASDIV DATA: ", k_wcdma_fields)                                                                 \
+    ROW(gsm_rssi, "ASDIV DATA: ", k_gsm_fields)                                                                     \
+    ROW(ant_info, "ANT INFO: ", k_ant_info_fields)
+
+#define LAYOUT_ENUM(printer, head, fields) LAYOUT_##printer,
+typedef enum { MODEM_STATS_LAYOUTS(LAYOUT_ENUM) LAYOUT_COUNT } modem_stats_layout_row;
+#undef LAYOUT_ENUM
+
+#define LAYOUT_ROW(printer, head, fields) LAYOUT(head, ", ", fields),
+static const modem_stats_layout k_layouts[LAYOUT_COUNT] = {MODEM_STATS_LAYOUTS(LAYOUT_ROW)};
+#undef LAYOUT_ROW
 
 /* ---- the cursor ---- */
 
@@ -220,23 +229,23 @@ static const modem_stats_layout *layout_of(uint32_t id)
     case MODEM_STATS_4G_ASDIV_SCC4:
     case MODEM_STATS_4G_ASDIV_SCC5:
     case MODEM_STATS_4G_ASDIV_SCC6:
-        return &k_layout_4g;
+        return &k_layouts[LAYOUT_4g_rssi];
     case MODEM_STATS_5G_RSSI:
-        return &k_layout_5g_rssi;
+        return &k_layouts[LAYOUT_5g_rssi];
     case MODEM_STATS_5G_SNR:
-        return &k_layout_5g_snr;
+        return &k_layouts[LAYOUT_5g_snr];
     case MODEM_STATS_5G_ANT_SWITCH:
-        return &k_layout_5g_ant;
+        return &k_layouts[LAYOUT_5g_ant_diversity];
     case MODEM_STATS_5G_RSRP_PCC:
     case MODEM_STATS_5G_RSRP_SCC1:
     case MODEM_STATS_5G_RSRP_SCC2:
-        return &k_layout_5g_rsrp;
+        return &k_layouts[LAYOUT_5g_rsrp];
     case MODEM_STATS_WCDMA_RX_AGC:
-        return &k_layout_wcdma;
+        return &k_layouts[LAYOUT_wcdma_rssi];
     case MODEM_STATS_GSM_RX_LEVEL:
-        return &k_layout_gsm;
+        return &k_layouts[LAYOUT_gsm_rssi];
     case MODEM_STATS_ANT_INFO:
-        return &k_layout_ant_info;
+        return &k_layouts[LAYOUT_ant_info];
     default:
         return NULL;
     }
@@ -342,45 +351,14 @@ static void request_and_print(int sub, modem_stats_data_id_e_type id, const mode
         (void)print_layout(l);
 }
 
-void pelmox_test_qmi_modem_stats_4g_rssi(int sub, modem_stats_data_id_e_type id)
-{
-    request_and_print(sub, id, &k_layout_4g);
-}
-
-void pelmox_test_qmi_modem_stats_5g_rssi(int sub, modem_stats_data_id_e_type id)
-{
-    request_and_print(sub, id, &k_layout_5g_rssi);
-}
-
-void pelmox_test_qmi_modem_stats_5g_snr(int sub, modem_stats_data_id_e_type id)
-{
-    request_and_print(sub, id, &k_layout_5g_snr);
-}
-
-void pelmox_test_qmi_modem_stats_5g_ant_diversity(int sub, modem_stats_data_id_e_type id)
-{
-    request_and_print(sub, id, &k_layout_5g_ant);
-}
-
-void pelmox_test_qmi_modem_stats_5g_rsrp(int sub, modem_stats_data_id_e_type id)
-{
-    request_and_print(sub, id, &k_layout_5g_rsrp);
-}
-
-void pelmox_test_qmi_modem_stats_wcdma_rssi(int sub, modem_stats_data_id_e_type id)
-{
-    request_and_print(sub, id, &k_layout_wcdma);
-}
-
-void pelmox_test_qmi_modem_stats_gsm_rssi(int sub, modem_stats_data_id_e_type id)
-{
-    request_and_print(sub, id, &k_layout_gsm);
-}
-
-void pelmox_test_qmi_modem_stats_ant_info(int sub, modem_stats_data_id_e_type id)
-{
-    request_and_print(sub, id, &k_layout_ant_info);
-}
+/* One printer per row of the layout table. */
+#define LAYOUT_PRINTER(printer, head, fields)                                                                      \
+    void pelmox_test_qmi_modem_stats_##printer(int sub, modem_stats_data_id_e_type id)                             \
+    {                                                                                                              \
+        request_and_print(sub, id, &k_layouts[LAYOUT_##printer]);                                                  \
+    }
+MODEM_STATS_LAYOUTS(LAYOUT_PRINTER)
+#undef LAYOUT_PRINTER
 
 /* ---- the command ---- */
 

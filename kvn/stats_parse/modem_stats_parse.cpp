@@ -147,7 +147,7 @@ void pelmox_test_modem_stats_parsing_process_do(uint32_t id, const uint8_t *payl
         return;
     }
     modem_stats_unpk_reset(id, payload, size);
-    modem_stats_data_id_e_type data_id = id;
+    modem_stats_data_id_e_type data_id = (modem_stats_data_id_e_type)id;
     modem_stats_single_data_common_type *out = NULL;
     (void)modem_stats_parse_xxxx_diag_xxxx(0, &data_id, &out);
 }

@@ -8,13 +8,10 @@
 
 #include <stdint.h>
 
+#include "modem_api.h" /* modem_stats_data_id_e_type, the statistic identifier */
+
 #ifdef __cplusplus
 extern "C" {
-#endif
-
-#ifndef MODEM_STATS_DATA_ID_E_TYPE_DEFINED
-#define MODEM_STATS_DATA_ID_E_TYPE_DEFINED
-typedef uint32_t modem_stats_data_id_e_type; /* a statistic identifier */
 #endif
 
 #define MODEM_STATS_SINGLE_DATA_LEN 700 /* one statistics entry's data */

@@ -4,14 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "../extend/extend_journal.h"
 
+using kvn_test::masked_out;
 using kvn_test::ProcessOptions;
-using kvn_test::ProcessResult;
 using kvn_test::SimHandset;
 using extend_test::extend_requests;
 using extend_test::le32;
@@ -50,13 +49,6 @@ std::string send_ok(int len)
 }
 const std::string kFailLine = "pelmox_extend_qmi_send_sync fail, REQUEST_ID_EFS\n";
 std::string error_note(int code) { return "\nnote: Error happen! error_code(" + std::to_string(code) + ")\n"; }
-
-// Trace line numbers and the client handle differ between builds and runs.
-std::string masked(const ProcessResult &r)
-{
-    static const std::regex handle(R"(handle = -?\d+, client_handle)");
-    return std::regex_replace(kvn_test::mask_trace_lines(r.out), handle, "handle = H, client_handle");
-}
 
 ProcessOptions quiet()
 {
@@ -100,7 +92,7 @@ TEST(NvefsE2e, NvReadPrintsTracesAndData)
     SimHandset sim(scenario());
     auto r = sim.kvn({"4", "1", "0", "550"});
     EXPECT_EQ(r.exit_code, 0);
-    EXPECT_EQ(masked(r),
+    EXPECT_EQ(masked_out(r),
               "RIL[pelmox_nv_read:N]: function entry ------------->\n"
               "RIL[pelmox_nv_read:N]: pelmox_nv_read, sub_id 0, nv_id: 550\n"
               "RIL[pelmox_nv_read:N]: buf_len: 365\n" +
@@ -118,7 +110,7 @@ TEST(NvefsE2e, NvReadPrintsTracesAndData)
 TEST(NvefsE2e, NvWriteReadDeleteWithSubFlagAndByteCuts)
 {
     SimHandset sim(scenario());
-    EXPECT_EQ(masked(sim.kvn({"4", "2", "2", "7232", "1", "2", "300", "0x10"}, quiet())), kOpen + send_ok(444));
+    EXPECT_EQ(masked_out(sim.kvn({"4", "2", "2", "7232", "1", "2", "300", "0x10"}, quiet())), kOpen + send_ok(444));
     auto w = extend_requests(sim);
     ASSERT_EQ(w.size(), 1u);
     EXPECT_EQ(w[0].cmd_id, 2u);
@@ -126,12 +118,12 @@ TEST(NvefsE2e, NvWriteReadDeleteWithSubFlagAndByteCuts)
     EXPECT_EQ(w[0].data[1], 1) << "sub 2 sent as 1";
     EXPECT_EQ(le32(w[0].data, 76), 4u);
 
-    EXPECT_EQ(masked(sim.kvn({"4", "1", "-1", "7232"}, quiet())),
+    EXPECT_EQ(masked_out(sim.kvn({"4", "1", "-1", "7232"}, quiet())),
               kOpen + send_ok(444) + "\ndata len(4)\ndata:  01 02 2C 00\n");
     EXPECT_EQ(sim.ctl({"nv", "get", "1", "7232"}).out, "01 02 2c 00\n");
 
-    EXPECT_EQ(masked(sim.kvn({"4", "3", "5", "7232"}, quiet())), kOpen + send_ok(444));
-    EXPECT_EQ(masked(sim.kvn({"4", "1", "1", "7232"}, quiet())),
+    EXPECT_EQ(masked_out(sim.kvn({"4", "3", "5", "7232"}, quiet())), kOpen + send_ok(444));
+    EXPECT_EQ(masked_out(sim.kvn({"4", "1", "1", "7232"}, quiet())),
               kOpen + send_ok(444) + kFailLine + error_note(5) + kHelp4);
 }
 
@@ -139,7 +131,7 @@ TEST(NvefsE2e, NvIdAboveTheRangeIsRefusedBeforeSending)
 {
     SimHandset sim(scenario());
     auto r = sim.kvn({"4", "1", "0", "7233"});
-    EXPECT_EQ(masked(r), "RIL[pelmox_nv_read:N]: function entry ------------->\n"
+    EXPECT_EQ(masked_out(r), "RIL[pelmox_nv_read:N]: function entry ------------->\n"
                          "RIL[pelmox_nv_read:N]: pelmox_nv_read, sub_id 0, nv_id: 7233\n"
                          "RIL[pelmox_nv_read:N]: nv_id is out range(7232)\n"
                          "RIL[pelmox_nv_read:N]: function exit <-------------\n" +
@@ -168,7 +160,7 @@ TEST(NvefsE2e, ArgumentCountNotes)
     };
     // Group 4's notes do not depend on the shell print flag.
     for (const auto &c : cases)
-        EXPECT_EQ(masked(sim.kvn(c.args, quiet())), c.out) << c.args.size();
+        EXPECT_EQ(masked_out(sim.kvn(c.args, quiet())), c.out) << c.args.size();
     EXPECT_TRUE(extend_requests(sim).empty());
 }
 
@@ -178,9 +170,9 @@ TEST(NvefsE2e, FourHundredDataBytesNvDeclares400EfsDeclares365)
 {
     SimHandset sim(scenario());
     auto nv = sim.kvn(args_of({"4", "2", "0", "900"}, 400, "7"), quiet());
-    EXPECT_EQ(masked(nv), kOpen + send_ok(444));
+    EXPECT_EQ(masked_out(nv), kOpen + send_ok(444));
     auto efs = sim.kvn(args_of({"4", "5", "0", "/four/hundred"}, 400, "9"), quiet());
-    EXPECT_EQ(masked(efs), kOpen + send_ok(444));
+    EXPECT_EQ(masked_out(efs), kOpen + send_ok(444));
     auto w = extend_requests(sim);
     ASSERT_EQ(w.size(), 2u);
     EXPECT_EQ(le32(w[0].data, 76), 400u);
@@ -194,18 +186,18 @@ TEST(NvefsE2e, FourHundredDataBytesNvDeclares400EfsDeclares365)
 
     // Beyond 424 the NV write refuses before sending.
     auto too_long = sim.kvn(args_of({"4", "2", "0", "900"}, 425, "1"), quiet());
-    EXPECT_EQ(masked(too_long), kFailLine + error_note(-108) + kHelp4);
+    EXPECT_EQ(masked_out(too_long), kFailLine + error_note(-108) + kHelp4);
     EXPECT_EQ(extend_requests(sim).size(), 2u);
 }
 
 TEST(NvefsE2e, EfsWriteReadDeleteAcrossRestart)
 {
     SimHandset sim(scenario());
-    EXPECT_EQ(masked(sim.kvn({"4", "5", "1", "/e2e/persist", "1", "2", "255", "256"}, quiet())), kOpen + send_ok(444));
+    EXPECT_EQ(masked_out(sim.kvn({"4", "5", "1", "/e2e/persist", "1", "2", "255", "256"}, quiet())), kOpen + send_ok(444));
     ASSERT_TRUE(sim.restart());
-    EXPECT_EQ(masked(sim.kvn({"4", "4", "1", "/e2e/persist"}, quiet())),
+    EXPECT_EQ(masked_out(sim.kvn({"4", "4", "1", "/e2e/persist"}, quiet())),
               kOpen + send_ok(444) + "\ndata len(4)\ndata:  01 02 FF 00\n");
-    EXPECT_EQ(masked(sim.kvn({"4", "6", "1", "/e2e/persist"}, quiet())), kOpen + send_ok(444));
+    EXPECT_EQ(masked_out(sim.kvn({"4", "6", "1", "/e2e/persist"}, quiet())), kOpen + send_ok(444));
     auto gone = sim.kvn({"4", "4", "1", "/e2e/persist"}, quiet());
     EXPECT_NE(gone.out.find(kFailLine + "\nnote: Error happen! error_code(-"), std::string::npos) << gone.out;
 }
@@ -223,7 +215,7 @@ TEST(NvefsE2e, SeventyOneBytePathReadVersusWriteAndDelete)
         std::vector<std::string> args = {"4", cmd, "0", p71};
         if (std::string(cmd) == "5")
             args.push_back("1");
-        EXPECT_EQ(masked(sim.kvn(args, quiet())), kFailLine + error_note(-106) + kHelp4) << cmd;
+        EXPECT_EQ(masked_out(sim.kvn(args, quiet())), kFailLine + error_note(-106) + kHelp4) << cmd;
     }
     EXPECT_EQ(extend_requests(sim).size(), 1u);
 }
@@ -234,7 +226,7 @@ TEST(NvefsE2e, EfsReadIntoSmallerCapacityAborts)
 {
     SimHandset sim(scenario(R"("efs_read_chunk": 100)"));
     auto r = sim.kvn({"4", "4", "0", "/chunked/file"});
-    const std::string out = masked(r);
+    const std::string out = masked_out(r);
     EXPECT_NE(out.find("RIL[pelmox_efs_read:N]: path_value: /chunked/file\n"), std::string::npos);
     EXPECT_NE(out.find("RIL[pelmox_efs_read:N]: data_len_all = 400, data_len_send = 100, data_len_recv = 400, "
                        "read_count = 4, data_len_cur = 300\n"
@@ -253,7 +245,7 @@ TEST(RawE2e, SendsCommandAndBytesAndShowsTheEmptyReply)
     SimHandset sim(scenario());
     auto r = sim.kvn({"6", "5", "1", "2", "0x1FF"});
     // The canned reply has 20 bytes; the capacity offered is 0, so it is cut to nothing.
-    EXPECT_EQ(masked(r), "px_qmi req data(qmi_id: 5, len: 3[max: 500]):\n0x01 0x02 0xFF " + kOpen + send_ok(0) +
+    EXPECT_EQ(masked_out(r), "px_qmi req data(qmi_id: 5, len: 3[max: 500]):\n0x01 0x02 0xFF " + kOpen + send_ok(0) +
                              "qmi_id = 5, result = 0\npx_qmi rsp data(qmi_id: 5, len: 0[max: 500]):\n\n");
     auto w = extend_requests(sim);
     ASSERT_EQ(w.size(), 1u);
@@ -294,7 +286,7 @@ TEST(RawE2e, ModemRefusalShowsFailAndHelp)
 {
     SimHandset sim(scenario());
     // Command 3 has no handler in the sim: the modem refuses it with result 1.
-    EXPECT_EQ(masked(sim.kvn({"6", "3", "9"})),
+    EXPECT_EQ(masked_out(sim.kvn({"6", "3", "9"})),
               "px_qmi req data(qmi_id: 3, len: 1[max: 500]):\n0x09 " + kOpen +
                   "1 QMI service framework error. Check client\npelmox_extend_qmi_handle_req_cb result:-3\n"
                   "qmi_id = 3, result = -3\npelmox_extend_qmi_send_sync fail\n" +
@@ -308,7 +300,7 @@ TEST(RawE2e, NoReplyTimesOutWithMinus3)
     auto t0 = std::chrono::steady_clock::now();
     auto r = sim.kvn({"6", "0", "1"}, quiet());
     auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
-    EXPECT_EQ(masked(r), kOpen + "send msg sync failed:-3\npelmox_extend_qmi_handle_req_cb result:-3\n" + kHelp6);
+    EXPECT_EQ(masked_out(r), kOpen + "send msg sync failed:-3\npelmox_extend_qmi_handle_req_cb result:-3\n" + kHelp6);
     EXPECT_GE(ms, 2900) << "the send waits out its 3-second timeout";
     EXPECT_EQ(extend_requests(sim).size(), 1u);
 }
@@ -328,7 +320,7 @@ TEST(RawE2e, NoHandsetFailsWithMinus2AfterPollingAboutASecond)
     std::string polls;
     for (int i = 0; i < 50; ++i)
         polls += "PELMOX_QMI_NV: qmi_client_get_service_list() returned -2 num_services = 0\n";
-    const std::string out = masked(r);
+    const std::string out = masked_out(r);
     EXPECT_EQ(out.rfind("px_qmi req data(qmi_id: 1, len: 1[max: 500]):\n0x01 " + polls +
                             "qmi_client_get_service_list, err = -2, num_entries = 0, num_services = 0"
                             "qmi_client_init, err = ",

@@ -13,6 +13,7 @@
 
 #include "../extend/extend_journal.h"
 
+using kvn_test::masked_out;
 using kvn_test::ProcessOptions;
 using kvn_test::ProcessResult;
 using kvn_test::SimHandset;
@@ -54,12 +55,6 @@ std::string check_lines(int version, int enabled, uint64_t not_supported)
            "\nUNPK[size:1], modem_stats_feature_enable_status = " + std::to_string(enabled) +
            "\nUNPK[size:8], version_not_support_num = " + std::to_string(not_supported) +
            "\nUNPK[size:8], modem_stats_cmd_ok_count = 0\nUNPK[size:8], modem_stats_cmd_fail_count = 0\n";
-}
-
-std::string masked(const ProcessResult &r)
-{
-    static const std::regex handle(R"(handle = -?\d+, client_handle)");
-    return std::regex_replace(kvn_test::mask_trace_lines(r.out), handle, "handle = H, client_handle");
 }
 
 ProcessOptions quiet()
@@ -244,7 +239,7 @@ TEST(StatsE2e, DefaultBlockPrintsEverySection)
 {
     SimHandset sim;
     auto r = sim.kvn({"7", "1", "1"}, quiet());
-    EXPECT_EQ(masked(r), get(1) + kOpen + send_ok(229) + kDefaultBlock);
+    EXPECT_EQ(masked_out(r), get(1) + kOpen + send_ok(229) + kDefaultBlock);
     EXPECT_EQ(request_types(sim), std::vector<uint32_t>{20});
 }
 
@@ -330,7 +325,7 @@ TEST(StatsE2e, CheckSuccesClosedFailAndIdWrap)
         SimHandset sim(scenario(c.modem_stats));
         auto r = sim.kvn({"7", "1", "0"}, quiet());
         std::string head = get(0) + kOpen;
-        std::string out = masked(r);
+        std::string out = masked_out(r);
         ASSERT_EQ(out.substr(0, head.size()), head);
         std::string rest = out.substr(head.size());
         EXPECT_EQ(rest.substr(rest.find('\n', rest.find('\n') + 1) + 1), c.tail); // past the first send's lines

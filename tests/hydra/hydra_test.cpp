@@ -3,7 +3,8 @@
 // object, opening and refusing clients, statistics fetches the codec refuses,
 // indications turned into events (and the clamps of the event builder), and
 // the SAR/NAS clients across a modem restart and repeated service-down
-// events.
+// events, asynchronous responses, the group 9 layouts and the traced
+// allocator.
 #include <gtest/gtest.h>
 
 #include <mutex>
@@ -13,7 +14,9 @@
 #include "hydra_clients.h"
 #include "hydra_log.h"
 #include "hydra_sim.h"
+#include "network_access_service_v01.h"
 #include "modem_api.h"
+#include "pelmox_test_modem_stats.h"
 #include "specific_absorption_rate_v01.h"
 #include "vs_client.h"
 #include "vs_service_v01.h"
@@ -122,6 +125,7 @@ TEST(ModemApiErrorMap, TransportAndQmiErrors)
         EXPECT_EQ(modem_api_map_qmi_error_to_modem_api(c.transport, &resp), c.code)
             << c.transport << " " << c.result << " " << c.error;
     }
+    EXPECT_EQ(modem_api_map_qmi_error_to_modem_api(0, nullptr), 1u) << "no response to read";
 }
 
 // The formatter writes vsnprintf's way: cut to the buffer, the whole length
@@ -249,6 +253,100 @@ TEST(VsEvents, BuilderClampsCountsAndLengths)
     EXPECT_EQ(vs_client_build_event(0x0005, &fs, &fe, &len), 0u);
 }
 
+// The shared body of the asynchronous command callbacks: every failure is one
+// call with the code; a success ends with the end mark (code 2), and message
+// 0 first hands over a copy of its payload, whose length must lie within the
+// response.
+TEST(ModemApiAsyncResponse, CodesPayloadCopyAndEndMark)
+{
+    struct Call {
+        std::vector<uint8_t> payload;
+        bool null;
+        uint32_t code;
+        bool operator==(const Call &o) const { return payload == o.payload && null == o.null && code == o.code; }
+    };
+    static std::vector<Call> calls;
+    auto cb = [](void *payload, uint32_t len, void *user, uint32_t code) {
+        EXPECT_EQ(user, &calls);
+        auto *p = static_cast<uint8_t *>(payload);
+        calls.push_back({p ? std::vector<uint8_t>(p, p + len) : std::vector<uint8_t>{}, p == nullptr, code});
+        HYDRA_FREE(payload); // the callback owns the copy
+    };
+    const Call end{{}, true, 2};
+    // resp: result u16, error u16, then message 0's length u32 and bytes.
+    auto resp = [](uint16_t result, uint16_t error, const std::vector<uint8_t> &tail) {
+        qmi_response_type_v01 r{static_cast<qmi_result_type_v01>(result), static_cast<qmi_error_type_v01>(error)};
+        std::vector<uint8_t> b(sizeof(r) + tail.size());
+        memcpy(b.data(), &r, sizeof(r));
+        std::copy(tail.begin(), tail.end(), b.begin() + sizeof(r));
+        return b;
+    };
+    const struct {
+        const char *what;
+        uint32_t msg_id;
+        std::vector<uint8_t> resp; // empty: a null response
+        int32_t transport;
+        std::vector<Call> want;
+    } cases[] = {
+        {"null response", 0, {}, 0, {{{}, true, 3}}},
+        {"timeout", 7, resp(0, 0, {}), -3, {{{}, true, 11}}},
+        {"modem refusal", 7, resp(1, 0x34, {}), 0, {{{}, true, 8}}},
+        {"other message", 7, resp(0, 0, {}), 0, {end}},
+        {"payload", 0, resp(0, 0, {3, 0, 0, 0, 0xAA, 0xBB, 0xCC, 0xDD}), 0, {{{0xAA, 0xBB, 0xCC}, false, 0}, end}},
+        {"empty payload", 0, resp(0, 0, {0, 0, 0, 0}), 0, {{{}, false, 0}, end}},
+        {"no length", 0, resp(0, 0, {3, 0}), 0, {{{}, true, 1}}},
+        {"length past the end", 0, resp(0, 0, {4, 0, 0, 0, 1, 2, 3}), 0, {{{}, true, 1}}},
+    };
+    for (const auto &c : cases) {
+        calls.clear();
+        void *r = nullptr;
+        if (!c.resp.empty()) {
+            r = HYDRA_MALLOC(c.resp.size());
+            memcpy(r, c.resp.data(), c.resp.size());
+        }
+        auto *data = static_cast<modem_api_async_cb_data *>(HYDRA_MALLOC(sizeof(modem_api_async_cb_data)));
+        *data = {cb, &calls};
+        modem_api_process_response(c.msg_id, r, uint32_t(c.resp.size()), data, c.transport);
+        EXPECT_EQ(calls, c.want) << c.what;
+    }
+    // Without a callback the blocks are only freed.
+    calls.clear();
+    modem_api_process_response(0, HYDRA_MALLOC(8), 8, nullptr, 0);
+    EXPECT_TRUE(calls.empty());
+}
+
+// Every statistic with a layout is printed once its full length is there and
+// refused one byte short; an id without a layout prints nothing.
+TEST(ModemStatsLayouts, EachIdNeedsItsWholeLayout)
+{
+    const struct {
+        uint32_t id;
+        size_t len;
+        const char *head;
+    } cases[] = {
+        {82, 75, "ASDIV DATA: earfcn: 0"},   {103, 75, "ASDIV DATA: earfcn: 0"}, {108, 75, "ASDIV DATA: earfcn: 0"},
+        {94, 20, "ASDIV DATA: rssi_rx0: "}, {112, 20, "ASDIV DATA: snr_rx0: "},  {113, 16, "ASDIV DATA: ant_rx_0_old"},
+        {135, 24, "ASDIV DATA: rsrp_rx0: "}, {6, 24, "ASDIV DATA: rsrp_rx0: "},   {7, 24, "ASDIV DATA: rsrp_rx0: "},
+        {110, 9, "ASDIV DATA: rx_agc_0: "},  {111, 9, "ASDIV DATA: rx_prx: "},     {100, 8, "ANT INFO: ant_num: 0"},
+    };
+    const std::vector<uint8_t> zeros(700, 0);
+    for (const auto &c : cases) {
+        testing::internal::CaptureStdout();
+        int whole = pelmox_test_qmi_modem_stats_print_data(modem_stats_data_id_e_type(c.id), zeros.data(), c.len);
+        std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(whole, 0) << c.id;
+        EXPECT_EQ(out.rfind(c.head, 0), 0u) << c.id << ": " << out;
+        testing::internal::CaptureStdout();
+        int cut = pelmox_test_qmi_modem_stats_print_data(modem_stats_data_id_e_type(c.id), zeros.data(), c.len - 1);
+        out = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(cut, 1) << c.id;
+        EXPECT_NE(out.find("is not enough for"), std::string::npos) << c.id << ": " << out;
+    }
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(pelmox_test_qmi_modem_stats_print_data(modem_stats_data_id_e_type(5), zeros.data(), 700), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
 /* ---- against the simulated handset ---- */
 
 // A second vs client is refused without disturbing the first; bad arguments
@@ -273,9 +371,15 @@ TEST_F(HydraSimTest, RefusalsLeaveTheOpenClientWorking)
     EXPECT_EQ(modem_api_get_stats_parameter(3, 0, 1, 1, ids, &result), 7u);
     EXPECT_EQ(modem_api_set_hydra_feature_status(3, 2, 1, 1, 1), 7u);
     EXPECT_TRUE(requests(sim(), 0xE4).empty());
+    EXPECT_EQ(modem_api_util_enable_networking_indications(0, 0), 7u) << "not a NAS client";
+    EXPECT_EQ(modem_api_util_enable_networking_indications(0, 2), 7u);
+    EXPECT_TRUE(requests(sim(), 3).empty());
+    for (int32_t bad : {-1, 5, 10})
+        EXPECT_EQ(modem_api_client_status(bad), -1) << bad;
     EXPECT_EQ(modem_api_free_client(-1), 7u);
     EXPECT_EQ(modem_api_free_client(5), 0u);
-    EXPECT_TRUE(wait_for([] { return count_lines(fresh_log(), "modem_api_free_client: client already freed"); }));
+    EXPECT_EQ(modem_api_free_client(10), 0u);
+    EXPECT_TRUE(wait_for([] { return count_lines(fresh_log(), "modem_api_free_client: client already freed") == 2; }));
 
     ASSERT_EQ(modem_api_get_stats_parameter(0, 1, 9, 2, (const uint32_t[]){82, 94}, &result), 0u);
     ASSERT_EQ(result.id_num, 2u);
@@ -415,6 +519,16 @@ TEST_F(HydraSimTest, SarAndNasSurviveAModemRestart)
     for (const auto &r : requests(sim(), 3))
         binds += r.msg_id == 0x45;
     EXPECT_EQ(binds, 4u);
+
+    // Each NAS member's synchronous send goes out on its own reconnected client.
+    sim().clear_journal();
+    for (auto send : {nas_0_client_send_msg_sync, nas_1_client_send_msg_sync}) {
+        nas_bind_subscription_req_msg_v01 req{};
+        qmi_response_type_v01 resp{QMI_RESULT_FAILURE_V01, QMI_ERR_INTERNAL_V01};
+        EXPECT_EQ(send(QMI_NAS_BIND_SUBSCRIPTION_REQ_MSG_V01, &req, sizeof(req), &resp, sizeof(resp)), 0);
+        EXPECT_EQ(resp.result, QMI_RESULT_SUCCESS_V01);
+    }
+    EXPECT_EQ(requests(sim(), 3).size(), 2u);
 }
 
 // A second service-down event while suspended finds the notifier armed and
@@ -431,6 +545,12 @@ TEST_F(HydraSimTest, TwoDownEventsArmOneNotifier)
     auto log = fresh_log();
     EXPECT_EQ(count_lines(log, "sar_client_release_qmi_client_thread: qmi_client_notifier_init return 0"), 1u);
     EXPECT_EQ(modem_api_client_status(int32_t(id)), 5);
+    // A second SAR client is refused while the first is suspended.
+    uint32_t other = 77;
+    EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_SAR, nullptr, nullptr, &other), 9u);
+    EXPECT_EQ(other, 77u);
+    EXPECT_EQ(count_lines(fresh_log(), "modem_api_init_client: Another client init sar client with operational status 5"),
+              1u);
 
     sar_client_service_up_event(nullptr, nullptr, QMI_CLIENT_SERVICE_COUNT_DEC, nullptr);
     EXPECT_EQ(modem_api_client_status(int32_t(id)), 5);
@@ -439,6 +559,75 @@ TEST_F(HydraSimTest, TwoDownEventsArmOneNotifier)
     ASSERT_EQ(sim().ctl({"service", "sar", "up"}).exit_code, 0);
     EXPECT_TRUE(wait_for([id] { return modem_api_client_status(int32_t(id)) == 3; }));
     EXPECT_EQ(count_lines(fresh_log(), "sar_client_enter_resume: function entry"), 1u);
+}
+
+// Indications the client cannot turn into events are logged and dropped: the
+// SAR and NAS service objects know no indication, the vendor one not 0x0005,
+// and a client opened without an event callback takes none.
+TEST_F(HydraSimTest, IndicationsWithoutAnEventAreDropped)
+{
+    const struct {
+        uint32_t type;
+        const char *service;
+        const char *msg;
+        bool with_cb;
+        const char *line;
+    } cases[] = {
+        {MODEM_API_CLIENT_SAR, "sar", "0x0001", true, "sar_client_unsol_ind_cb: decoded_payload_len(0) can not <= 0"},
+        {MODEM_API_CLIENT_NAS_0, "nas", "0x0024", true, "nas_0_client_unsol_ind_cb: decoded_payload_len(0) can not <= 0"},
+        {MODEM_API_CLIENT_SAR, "sar", "0x0001", false, "sar_client_unsol_ind_cb: Unexpected NULL pointer!"},
+        {MODEM_API_CLIENT_VS, "vs", "0x0005", true, "vs_client_unsol_ind_cb: decoded_payload_len(0) can not <= 0"},
+        {MODEM_API_CLIENT_VS, "vs", "0x0004", false, "vs_client_unsol_ind_cb: Unexpected NULL pointer!"},
+    };
+    for (const auto &c : cases) {
+        uint32_t id = 0xFFFF;
+        ASSERT_EQ(modem_api_init_client(c.type, c.with_cb ? record_event : nullptr, nullptr, &id), 0u) << c.line;
+        auto r = sim().ctl({"indicate", c.service, c.msg, "010400785634120201000503010000"});
+        EXPECT_EQ(r.out, "indication sent to 1 client(s)\n") << c.line;
+        EXPECT_TRUE(wait_for([&] { return count_lines(fresh_log(), c.line) == 1; })) << c.line;
+        modem_api_free_client(int32_t(id));
+        g_log_base = hydra_log(sim()).size();
+    }
+    EXPECT_EQ(events_seen(), 0u);
+}
+
+// The traced allocator, switched on by persist.hydra.mem_trace = "true" before
+// the first allocation, keeps one record per live block: an open client is
+// one, a request's response block comes and goes, freeing the client leaves
+// none. Each row runs in a fresh process (the decision is made once).
+TEST(HydraMemTrace, PropertyDecidesAndBlocksAreCounted)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const struct {
+        const char *value; // nullptr: property not set
+        const char *counts;
+    } cases[] = {{"true", "counts 1 1 0"}, {"false", "counts 0 0 0"}, {nullptr, "counts 0 0 0"}};
+    for (const auto &c : cases) {
+        EXPECT_EXIT(
+            {
+                if (c.value)
+                    sim().ctl({"prop", "set", "persist.hydra.mem_trace", c.value});
+                modem_api_init();
+                uint32_t id = 0;
+                if (modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &id) != 0) {
+                    SimEnvironment::sim_.reset();
+                    _exit(3);
+                }
+                int open = hydra_mem_trace_count();
+                modem_stats_param_result result{};
+                const uint32_t ids[1] = {82};
+                modem_api_get_stats_parameter(int32_t(id), 0, 1, 1, ids, &result);
+                int fetched = hydra_mem_trace_count();
+                modem_api_free_client(int32_t(id));
+                modem_api_release();
+                fprintf(stderr, "counts %d %d %d\n", open, fetched, hydra_mem_trace_count());
+                bool noted = count_lines(hydra_log(sim()), "hydra_mem_init: HYDRA_MEM_TRACE_PROP not exist") == 1;
+                SimEnvironment::sim_.reset(); // its handset holds this process's stderr open
+                _exit(noted == (c.value == nullptr) ? 0 : 4);
+            },
+            testing::ExitedWithCode(0), c.counts)
+            << (c.value ? c.value : "unset");
+    }
 }
 
 // The handset's SAR service: set state stores the DSI, get state answers it,

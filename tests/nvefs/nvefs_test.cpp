@@ -63,6 +63,7 @@ TEST_F(NvefsTest, ArgumentChecksComeInTheirOrderAndSendNothing)
         {"efs read null path", pelmox_efs_read(0, nullptr, 5, nullptr, nullptr), -105},
         {"efs read null buf", pelmox_efs_read(0, "/a", 2, nullptr, &len), -107},
         {"efs read null len", pelmox_efs_read(0, "/a", 2, buf, nullptr), -108},
+        {"efs read len 0", [&] { uint32_t z = 0; return pelmox_efs_read(0, "/a", 2, buf, &z); }(), -108},
         {"efs write path 71", pelmox_efs_write(0, p71, 71, buf, 10), -106},
         {"efs write null path", pelmox_efs_write(0, nullptr, 3, buf, 10), -105},
         {"efs write null buf", pelmox_efs_write(0, "/a", 2, nullptr, 10), -107},
@@ -190,6 +191,23 @@ TEST_F(NvefsTest, EfsReadIntoASmallerCapacityStopsAfterTheChunksThatFit)
     for (size_t i = 0; i < reqs.size(); ++i)
         EXPECT_EQ(le32(reqs[i].data, 84), 100u * i) << "read " << i;
     load_scenario(R"({"efs_read_chunk": 424})");
+}
+
+// An empty file answers a chunk of no bytes: the read stops at once with
+// -108, copying nothing. A chunk the modem refuses ends the read as a
+// failed send does (-103).
+TEST_F(NvefsTest, EfsReadOfAnEmptyFileOrARefusedChunk)
+{
+    load_scenario(R"({"efs": {"0": {"/empty": ""}}})");
+    std::vector<uint8_t> buf(64, 0xEE);
+    uint32_t len = 64;
+    EXPECT_EQ(pelmox_efs_read(0, "/empty", 6, buf.data(), &len), -108);
+    EXPECT_EQ(len, 64u);
+    EXPECT_EQ(buf, std::vector<uint8_t>(64, 0xEE));
+
+    ASSERT_EQ(sim().ctl({"fault", "extend", "2", "qmi-error=7"}).exit_code, 0);
+    EXPECT_EQ(pelmox_efs_read(0, "/empty", 6, buf.data(), &len), -103);
+    EXPECT_EQ(len, 64u);
 }
 
 TEST_F(NvefsTest, TransportFailureIsMapped)

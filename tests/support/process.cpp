@@ -163,4 +163,10 @@ std::string mask_trace_lines(const std::string &text)
     return std::regex_replace(t, sub, "$1N]");
 }
 
+std::string masked_out(const ProcessResult &r)
+{
+    static const std::regex handle(R"(handle = -?\d+, client_handle)");
+    return std::regex_replace(mask_trace_lines(r.out), handle, "handle = H, client_handle");
+}
+
 } // namespace kvn_test

@@ -46,4 +46,9 @@ private:
 // with "N", so tests can compare traces without pinning source line numbers.
 std::string mask_trace_lines(const std::string &text);
 
+// What a kvn run printed, with mask_trace_lines applied and the QMI client
+// handle of the transport's "handle = <n>, client_handle" debug line replaced
+// by "H": both differ between builds and runs.
+std::string masked_out(const ProcessResult &r);
+
 } // namespace kvn_test
