@@ -18,10 +18,12 @@
 // "no callback after release returns" hold.
 #include <qmi_client.h>
 
-#include "connection.h"
+#include "channel.h"
 #include "idl_internal.h"
 #include "kvn_wire.h"
 #include "os_signal.h"
+#include "record.h"
+#include "transport.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -44,12 +46,10 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 using kvn_wire::Kind;
-using Got = Connection::Got;
+using Got = Channel::Got;
 
 /* ---- timing ---- */
 
-constexpr int kConnectReplyMs = 1000; // CONNECT -> CONNECT_OK / CONNECT_FAIL
-constexpr int kListReplyMs = 1000;    // LIST -> LIST_REPLY
 constexpr int kPacketRestMs = 2000;   // rest of a packet once its first byte arrived
 constexpr int kInitRetryMs = 20;      // init_instance: pause between attempts
 constexpr int kWatchRetryMs = 100;    // notifier: pause between connection attempts
@@ -69,7 +69,7 @@ class Handle : public std::enable_shared_from_this<Handle> {
 public:
     enum class Role { Client, Notifier };
 
-    Handle(Role role, qmi_idl_service_object_type svc, std::unique_ptr<Connection> conn, qmi_client_ind_cb ind_cb,
+    Handle(Role role, qmi_idl_service_object_type svc, std::unique_ptr<Channel> conn, qmi_client_ind_cb ind_cb,
            void *ind_data, qmi_client_os_params *os)
         : role_(role), svc_(svc), ind_cb_(ind_cb), ind_data_(ind_data), os_params_(os), conn_(std::move(conn))
     {
@@ -130,7 +130,7 @@ private:
     const qmi_client_ind_cb ind_cb_;
     void *const ind_data_;
     qmi_client_os_params *const os_params_; // notifier: signalled when the service comes up
-    std::unique_ptr<Connection> conn_; // client: fixed; notifier: replaced by the reader under mu_
+    std::unique_ptr<Channel> conn_; // client: fixed; notifier: replaced by the reader under mu_
 
     std::mutex mu_; // guards everything below
     qmi_client_type user_ = nullptr;    // the caller's handle, passed to callbacks
@@ -306,6 +306,7 @@ void Handle::deliver_indications()
 // runs whenever an error callback is registered.
 void Handle::connection_lost()
 {
+    forget_service_list();
     std::lock_guard<std::mutex> lock(mu_);
     dead_ = true;
     if (std::this_thread::get_id() != reader_id_) {
@@ -374,6 +375,7 @@ void Handle::on_client_packet(kvn_wire::Packet &p)
         connection_lost(); // a payload that does not parse ends the connection
         return;
     }
+    record_message(q->flags == kvn_wire::kQmiResponse ? "resp" : "ind", svc_->service_id, p.payload);
     std::lock_guard<std::mutex> lock(mu_);
     if (q->flags == kvn_wire::kQmiResponse) {
         auto it = pending_.find(q->txn);
@@ -436,6 +438,7 @@ int Handle::send_sync(unsigned msg_id, const void *req, unsigned req_len, void *
     kvn_wire::Header h;
     h.kind = Kind::Qmi;
     h.service = svc_->service_id;
+    record_message("req", svc_->service_id, msg);
     bool sent = conn_->send(h, msg);
 
     const auto deadline = clock_type::now() + std::chrono::milliseconds(timeout_ms);
@@ -472,16 +475,11 @@ int Handle::send_sync(unsigned msg_id, const void *req, unsigned req_len, void *
 
 /* ---- notifier reader ---- */
 
-// Connects and sends WATCH; on success conn_ holds the connection.
+// Starts watching the service; on success conn_ holds the channel.
 bool Handle::watch_connect()
 {
-    auto c = Connection::open();
+    auto c = transport().watch(svc_->service_id);
     if (!c)
-        return false;
-    kvn_wire::Header h;
-    h.kind = Kind::Watch;
-    h.service = svc_->service_id;
-    if (!c->send(h, {}))
         return false;
     std::lock_guard<std::mutex> lock(mu_);
     conn_ = std::move(c);
@@ -496,6 +494,7 @@ void Handle::service_event(uint16_t instance, qmi_client_notify_event_type ev)
 {
     qmi_client_notify_cb cb = nullptr;
     void *data = nullptr;
+    forget_service_list();
     {
         std::lock_guard<std::mutex> lock(mu_);
         if (ev == QMI_CLIENT_SERVICE_COUNT_INC)
@@ -682,79 +681,52 @@ NotifierTable &notifiers()
     return *table;
 }
 
-/* ---- short requests and connecting ---- */
+/* ---- the service list ---- */
 
-// The connection of the last short request, kept open for the next short
-// request or CONNECT to the same socket, so that finding a service and
-// connecting to it take one connection instead of one each.
-class SpareConnection {
-public:
-    std::unique_ptr<Connection> take(const std::string &path)
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        if (path_ != path)
-            conn_.reset();
-        return std::move(conn_);
-    }
-    void put(std::unique_ptr<Connection> c, const std::string &path)
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        conn_ = std::move(c);
-        path_ = path;
-    }
-
-private:
-    std::mutex mu_;
-    std::unique_ptr<Connection> conn_;
-    std::string path_;
+// The reply of the last service-list exchange, kept for the one call that
+// follows it when that call is the second half of the count-then-list
+// pattern (same service object, now with an array): the two calls then make
+// one exchange. Anything else in between (another call, a wait, the loss of
+// a service) drops it, so a list never outlives the moment it describes.
+struct ListCache {
+    std::mutex mu;
+    qmi_idl_service_object_type svc = nullptr; // null: nothing kept
+    std::vector<qmi_service_info> found;
 };
 
-SpareConnection &spare()
+ListCache &list_cache()
 {
-    static SpareConnection *s = new SpareConnection; // never destroyed: the process's exit closes it
-    return *s;
-}
-
-// Sends one request and reads its first reply, on the spare connection when
-// there is one, else (or when the spare turns out closed by the handset) on a
-// fresh one. *used gets the connection the exchange went over, reply or not.
-std::optional<kvn_wire::Packet> exchange(const kvn_wire::Header &h, int timeout_ms, const std::string &path,
-                                         std::unique_ptr<Connection> *used)
-{
-    for (auto c = spare().take(path); ; c = nullptr) {
-        const bool reused = c != nullptr;
-        if (!c)
-            c = Connection::open(path);
-        if (!c)
-            return std::nullopt;
-        kvn_wire::Packet p;
-        Got got = c->send(h, nullptr, 0) ? c->receive(&p, timeout_ms, kPacketRestMs) : Got::Lost;
-        if (got == Got::Lost && reused)
-            continue; // a handset that restarted since: once more on a new connection
-        *used = std::move(c);
-        if (got != Got::Packet)
-            return std::nullopt;
-        return p;
-    }
-}
-
-// One CONNECT exchange. QMI_SERVICE_ERR when nothing listens, the service is
-// absent or no well-formed answer comes.
-int connect_client(qmi_idl_service_object_type svc, uint16_t instance, std::unique_ptr<Connection> *out)
-{
-    kvn_wire::Header h;
-    h.kind = Kind::Connect;
-    h.service = svc->service_id;
-    h.instance = instance;
-    std::unique_ptr<Connection> c;
-    auto reply = exchange(h, kConnectReplyMs, kvn_wire::default_socket_path(), &c);
-    if (!reply || reply->hdr.kind != Kind::ConnectOk || reply->hdr.service != svc->service_id)
-        return QMI_SERVICE_ERR;
-    *out = std::move(c);
-    return QMI_NO_ERR;
+    static ListCache *c = new ListCache; // never destroyed: waits may run during exit
+    return *c;
 }
 
 } // namespace
+
+void forget_service_list()
+{
+    auto &c = list_cache();
+    std::lock_guard<std::mutex> lock(c.mu);
+    c.svc = nullptr;
+}
+
+std::vector<qmi_service_info> service_list(qmi_idl_service_object_type svc, bool with_array)
+{
+    auto &c = list_cache();
+    {
+        std::lock_guard<std::mutex> lock(c.mu);
+        const bool hit = with_array && c.svc == svc;
+        c.svc = nullptr;
+        if (hit)
+            return std::move(c.found);
+    }
+    auto found = transport().list(svc->service_id);
+    if (!with_array) {
+        std::lock_guard<std::mutex> lock(c.mu);
+        c.svc = svc;
+        c.found = found;
+    }
+    return found;
+}
 
 void notifiers_wanted(qmi_client_os_params *os)
 {
@@ -772,7 +744,7 @@ struct qmi_client_struct {
 namespace {
 
 int make_handle(kvn_qmi::Handle::Role role, qmi_idl_service_object_type svc,
-                std::unique_ptr<kvn_qmi::Connection> conn, qmi_client_ind_cb ind_cb, void *ind_data,
+                std::unique_ptr<kvn_qmi::Channel> conn, qmi_client_ind_cb ind_cb, void *ind_data,
                 qmi_client_os_params *os, qmi_client_type *out)
 {
     auto h = std::make_shared<kvn_qmi::Handle>(role, svc, std::move(conn), ind_cb, ind_data, os);
@@ -809,29 +781,7 @@ extern "C" qmi_client_error_type qmi_client_get_service_list(qmi_idl_service_obj
     if (!service_obj || !num_services || (service_info_array && !num_entries))
         return QMI_INTERNAL_ERR;
     *num_services = 0;
-    kvn_wire::Header h;
-    h.kind = kvn_wire::Kind::List;
-    h.service = service_obj->service_id;
-    const std::string path = kvn_wire::default_socket_path();
-    std::unique_ptr<kvn_qmi::Connection> conn;
-    auto reply = kvn_qmi::exchange(h, kvn_qmi::kListReplyMs, path, &conn);
-
-    std::vector<qmi_service_info> found;
-    if (reply && reply->hdr.kind == kvn_wire::Kind::ListReply && reply->payload.size() >= 4) {
-        // Only a connection whose reply came as expected serves again.
-        kvn_qmi::spare().put(std::move(conn), path);
-        const uint8_t *p = reply->payload.data();
-        const size_t n = kvn_wire::get_u32(p);
-        if (n <= (reply->payload.size() - 4) / 8 && reply->payload.size() == 4 + 8 * n) {
-            for (size_t i = 0; i < n; ++i) {
-                qmi_service_info info{};
-                info.service_id = kvn_wire::get_u32(p + 4 + 8 * i);
-                info.instance = kvn_wire::get_u32(p + 8 + 8 * i);
-                if (info.service_id == service_obj->service_id)
-                    found.push_back(info);
-            }
-        }
-    }
+    const std::vector<qmi_service_info> found = kvn_qmi::service_list(service_obj, service_info_array != nullptr);
     *num_services = static_cast<unsigned>(found.size());
     if (service_info_array) {
         const size_t n = std::min<size_t>(*num_entries, found.size());
@@ -851,8 +801,9 @@ extern "C" qmi_client_error_type qmi_client_init(qmi_service_info *service_info,
     (void)os_params; // the reader thread does the waiting a handset's library uses it for
     if (!service_info || !service_obj || !user_handle)
         return QMI_INTERNAL_ERR;
-    std::unique_ptr<kvn_qmi::Connection> conn;
-    int rc = kvn_qmi::connect_client(service_obj, static_cast<uint16_t>(service_info->instance), &conn);
+    kvn_qmi::forget_service_list();
+    std::unique_ptr<kvn_qmi::Channel> conn;
+    int rc = kvn_qmi::transport().connect(service_obj, static_cast<uint16_t>(service_info->instance), &conn);
     if (rc != QMI_NO_ERR)
         return rc;
     return make_handle(kvn_qmi::Handle::Role::Client, service_obj, std::move(conn), ind_cb, ind_cb_data,
@@ -873,8 +824,9 @@ extern "C" qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object
         return QMI_INTERNAL_ERR;
     const auto deadline = kvn_qmi::clock_type::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
-        std::unique_ptr<kvn_qmi::Connection> conn;
-        if (kvn_qmi::connect_client(service_obj, instance_id, &conn) == QMI_NO_ERR)
+        kvn_qmi::forget_service_list();
+        std::unique_ptr<kvn_qmi::Channel> conn;
+        if (kvn_qmi::transport().connect(service_obj, instance_id, &conn) == QMI_NO_ERR)
             return make_handle(kvn_qmi::Handle::Role::Client, service_obj, std::move(conn), ind_cb, ind_cb_data,
                                nullptr, user_handle);
         const auto now = kvn_qmi::clock_type::now();

@@ -98,7 +98,7 @@ void Connection::make_room(size_t need)
     end_ = have;
 }
 
-Connection::Got Connection::receive(kvn_wire::Packet *out, int first_ms, int rest_ms)
+Channel::Got Connection::receive(kvn_wire::Packet *out, int first_ms, int rest_ms)
 {
     std::optional<Clock::time_point> first_deadline, rest_deadline;
     for (;;) {
@@ -144,14 +144,6 @@ Connection::Got Connection::receive(kvn_wire::Packet *out, int first_ms, int res
         if (rc == 0)
             return started ? Got::Lost : Got::Nothing;
     }
-}
-
-std::optional<kvn_wire::Packet> Connection::receive(int timeout_ms)
-{
-    kvn_wire::Packet p;
-    if (receive(&p, timeout_ms, timeout_ms) != Got::Packet)
-        return std::nullopt;
-    return p;
 }
 
 void Connection::shutdown() { ::shutdown(fd_, SHUT_RDWR); }

@@ -5,6 +5,7 @@
 // payload), and what it brings beyond that packet waits for the next read.
 #pragma once
 
+#include "channel.h"
 #include "kvn_wire.h"
 
 #include <cstddef>
@@ -16,43 +17,33 @@
 
 namespace kvn_qmi {
 
-class Connection {
+class Connection final : public Channel {
 public:
     // Connects to the handset's socket at path (default: located afresh by
     // the usual rules); null when nothing listens there.
     static std::unique_ptr<Connection> open();
     static std::unique_ptr<Connection> open(const std::string &path);
 
-    ~Connection();
+    ~Connection() override;
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
 
-    int fd() const { return fd_; }
+    int fd() const override { return fd_; }
 
     // Sends one whole packet in one system call; false when the connection is
     // broken.
-    bool send(const kvn_wire::Header &h, const uint8_t *payload, size_t len);
-    bool send(const kvn_wire::Header &h, const std::vector<uint8_t> &payload)
-    {
-        return send(h, payload.data(), payload.size());
-    }
+    using Channel::send;
+    bool send(const kvn_wire::Header &h, const uint8_t *payload, size_t len) override;
 
-    enum class Got {
-        Packet,  // *out holds the next packet
-        Nothing, // no byte of a packet came within first_ms
-        Lost,    // closed, broken, malformed, or a packet cut off by rest_ms
-    };
     // Reads the next packet: waits at most first_ms (-1: no limit) for its
     // first byte, then rest_ms for the rest. Reads what is there before it
     // waits.
-    Got receive(kvn_wire::Packet *out, int first_ms, int rest_ms);
-    // The same with one timeout; nullopt unless a packet came.
-    std::optional<kvn_wire::Packet> receive(int timeout_ms);
-    // A whole packet is already buffered: receive() returns it at once.
-    bool has_packet() const;
+    using Channel::receive;
+    Got receive(kvn_wire::Packet *out, int first_ms, int rest_ms) override;
+    bool has_packet() const override;
 
     // Stops both directions, so that a thread blocked in receive() returns.
-    void shutdown();
+    void shutdown() override;
 
 private:
     explicit Connection(int fd) : fd_(fd) {}

@@ -4,6 +4,7 @@
 // first use, under one process-wide lock so that two threads touching a fresh
 // block at once initialise it exactly once.
 #include "os_signal.h"
+#include "transport.h"
 
 #include <pthread.h>
 #include <time.h>
@@ -53,6 +54,7 @@ extern "C" void qmi_cci_os_signal_wait(qmi_client_os_params *os_params, unsigned
     if (!os_params)
         return;
     ensure_init(os_params);
+    kvn_qmi::forget_service_list(); // what a list said before the wait may no longer hold after it
     kvn_qmi::notifiers_wanted(os_params);
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
