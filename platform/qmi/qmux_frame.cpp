@@ -17,14 +17,23 @@ void Reader::feed(const uint8_t *data, size_t len)
     buf_.insert(buf_.end(), data, data + len);
 }
 
+// A frame header is taken only when everything in its first bytes is what a
+// modem sends: the marker, a length in bounds, the modem's control flags and
+// a response or indication flag. Anything else is noise, skipped a byte at a
+// time, so noise rarely passes for the start of a frame and swallows the good
+// frames behind it.
 std::optional<Frame> Reader::next()
 {
-    while (buf_.size() - pos_ >= kQmuxHeader) {
+    while (buf_.size() - pos_ >= kQmuxHeader + 1) {
         const uint8_t *f = buf_.data() + pos_;
         const size_t len = kvn_wire::get_u16(f + 1);
         const bool ctl = f[4] == kCtl;
-        const size_t min = kQmuxHeader - 1 + (ctl ? kCtlHeader : kServiceHeader);
-        if (f[0] != kMarker || len < min || len > kMaxLength) {
+        const size_t head = ctl ? kCtlHeader : kServiceHeader;
+        const uint8_t flags = f[kQmuxHeader];
+        const bool flags_ok = ctl ? (flags == kCtlResponse || flags == kCtlIndication)
+                                  : (flags == kResponse || flags == kIndication);
+        if (f[0] != kMarker || len < kQmuxHeader - 1 + head || len > kMaxLength || f[3] != kFromModem ||
+            !flags_ok) {
             ++pos_;
             ++dropped_bytes_;
             continue;
@@ -34,11 +43,7 @@ std::optional<Frame> Reader::next()
         pos_ += 1 + len;
         const uint8_t *sdu = f + kQmuxHeader;
         const size_t sdu_len = len - (kQmuxHeader - 1);
-        const size_t head = ctl ? kCtlHeader : kServiceHeader;
-        const bool flags_ok = ctl ? (sdu[0] == kCtlResponse || sdu[0] == kCtlIndication)
-                                  : (sdu[0] == kResponse || sdu[0] == kIndication);
-        if (f[3] != kFromModem || !flags_ok || kvn_wire::get_u16(sdu + head - 2) != sdu_len - head ||
-            (ctl && f[5] != 0)) {
+        if (kvn_wire::get_u16(sdu + head - 2) != sdu_len - head || (ctl && f[5] != 0)) {
             ++dropped_frames_;
             continue;
         }

@@ -41,10 +41,10 @@ struct Frame {
 };
 
 // Cuts frames out of what a modem sends. A byte that cannot start a frame
-// (not the marker, or a length out of bounds) is dropped, so the reader finds
-// the next frame after noise; a whole frame that fails a check (control
-// flags, the QMI length against the QMUX length, a CTL or service flag a
-// modem does not send) is dropped whole. What it keeps never exceeds one
+// (not the marker, a length out of bounds, control flags or a message flag a
+// modem does not send) is dropped, so the reader finds the next frame after
+// noise; a whole frame that fails a check (the QMI length against the QMUX
+// length, a CTL frame with a client id) is dropped whole. What it keeps never exceeds one
 // frame of the largest length plus what one feed brought.
 class Reader {
 public:
