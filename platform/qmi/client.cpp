@@ -379,8 +379,8 @@ void Handle::on_client_packet(kvn_wire::Packet &p)
     std::lock_guard<std::mutex> lock(mu_);
     if (q->flags == kvn_wire::kQmiResponse) {
         auto it = pending_.find(q->txn);
-        if (it == pending_.end() || it->second->msg_id != q->msg_id)
-            return; // late (timed out) or stray response
+        if (it == pending_.end() || it->second->msg_id != q->msg_id || it->second->done)
+            return; // late (timed out), stray or repeated response: the first one stands
         it->second->payload = std::move(p.payload);
         it->second->done = true;
         cv_.notify_all();
