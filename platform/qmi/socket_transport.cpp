@@ -32,7 +32,7 @@ void say_nobody_answers(const std::string &path, int err)
     std::call_once(once, [&] {
         const std::string why = err == ENOENT || err == ECONNREFUSED ? "nothing listens at " + path
                                                                       : path + ": " + std::strerror(err);
-        std::fprintf(stderr, "kvn-sim: no answer at %s (%s)\n", path.c_str(), why.c_str());
+        std::fprintf(stderr, "no kvn-sim answers: %s\n", why.c_str());
     });
 }
 

@@ -176,3 +176,26 @@ TEST(QmuxLoss, DeviceGoneAndModemRestartMidRequest)
 }
 
 } // namespace
+
+namespace {
+
+// Nothing to talk to: one line on standard error naming the socket or the
+// device and why, however many services the command tries, and the output of
+// a modem without services.
+TEST(QmuxAbsent, OneLineNamingWhatIsMissing)
+{
+    const std::string sock = "/nonexistent/kvn-sim.sock", dev = "/nonexistent/cdc-wdm0";
+    kvn_test::ProcessOptions no_sim;
+    no_sim.env["KVN_SIM_SOCKET"] = sock;
+    no_sim.env["KVN_QMI_DEVICE"] = std::nullopt;
+    for (const Args &args : {Args{"5", "5"}, Args{"5", "10", "4", "0"}}) {
+        Args argv = kvn_test::kvn_command();
+        argv.insert(argv.end(), args.begin(), args.end());
+        auto socket = kvn_test::run_process(argv, no_sim), device = kvn_test::run_process(argv, over(dev, false));
+        EXPECT_EQ("no kvn-sim answers: nothing listens at " + sock + "\n", socket.err);
+        EXPECT_EQ(dev + ": No such file or directory\n", device.err);
+        EXPECT_EQ(socket.out, device.out);
+    }
+}
+
+} // namespace
