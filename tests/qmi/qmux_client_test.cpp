@@ -58,8 +58,8 @@ Bytes eid(uint8_t cid, uint16_t txn, uint8_t tag)
 // answered, UIM requests handed to `on_request`, which answers with frames.
 class Modem {
 public:
-    std::function<Bytes(uint8_t cid, uint16_t txn)> on_request;
-    std::mutex mu;
+    using Answer = std::function<Bytes(uint8_t cid, uint16_t txn)>;
+    std::mutex mu; // guards what follows
     std::set<std::pair<uint8_t, uint8_t>> held; // client ids given out and not given back
     std::set<uint8_t> up{kUim};
     int version_queries = 0;
@@ -72,6 +72,11 @@ public:
         thread_.join();
     }
     const std::string &path() const { return link_; }
+    void answer(Answer a)
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        on_request_ = std::move(a);
+    }
     void send(const Bytes &b) { ASSERT_EQ(write(master_, b.data(), b.size()), ssize_t(b.size())); }
     // The terminal goes away; a new one takes its place behind the link.
     void hang_up()
@@ -112,8 +117,13 @@ private:
     void on_frame(const Bytes &f)
     {
         if (f[4] != 0) {
-            if (on_request)
-                send(on_request(f[5], uint16_t(f[7] | f[8] << 8)));
+            Answer a;
+            {
+                std::lock_guard<std::mutex> lock(mu);
+                a = on_request_;
+            }
+            if (a)
+                send(a(f[5], uint16_t(f[7] | f[8] << 8)));
             return;
         }
         const uint8_t txn = f[7];
@@ -134,6 +144,7 @@ private:
         send(frame(0, 0, 0x01, txn, msg, ok_with(tlv)));
     }
 
+    Answer on_request_;
     kvn_test::TempDir dir_;
     std::string link_;
     int master_ = -1;
@@ -198,11 +209,11 @@ TEST(Qmux, ResponsesMatchServiceClientTransactionAndMessageOnly)
     ASSERT_NE(nullptr, h);
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
-        modem().on_request = [&](uint8_t cid, uint16_t txn) {
+        modem().answer([&](uint8_t cid, uint16_t txn) {
             Bytes b = r.decoy(cid, txn), right = eid(cid, txn, 0xAA);
             b.insert(b.end(), right.begin(), right.end());
             return b;
-        };
+        });
         uim_get_eid_resp_msg_v01 resp{};
         ASSERT_EQ(QMI_NO_ERR, get_eid(h, &resp));
         EXPECT_EQ(0xAA, resp.eid_value[0]);
@@ -229,8 +240,8 @@ TEST(Qmux, ClientIdsPerHandleIndicationsAndRelease)
     qmi_client_type ha = open_uim(on_ind, &a), hb = open_uim(on_ind, &b);
     ASSERT_TRUE(ha && hb);
     ASSERT_EQ(2u, held());
-    uint8_t cid = 0;
-    modem().on_request = [&](uint8_t c, uint16_t txn) { cid = c; return eid(c, txn, 0xAA); };
+    std::atomic<uint8_t> cid{0};
+    modem().answer([&](uint8_t c, uint16_t txn) { cid = c; return eid(c, txn, 0xAA); });
     uim_get_eid_resp_msg_v01 resp{};
     ASSERT_EQ(QMI_NO_ERR, get_eid(hb, &resp));
     const uint8_t cid_b = cid;
@@ -280,11 +291,15 @@ TEST(Qmux, ServiceListOneExchangeNotAcrossAWait)
     EXPECT_EQ(before + 1, queries());
 
     ASSERT_EQ(QMI_NO_ERR, qmi_client_get_service_list(svc, nullptr, nullptr, &n));
+    modem().mu.lock();
     modem().up.erase(kUim);
+    modem().mu.unlock();
     qmi_client_os_params os{};
     qmi_cci_os_signal_wait(&os, 1);
     EXPECT_EQ(QMI_SERVICE_ERR, qmi_client_get_service_list(svc, info, &entries, &n));
+    modem().mu.lock();
     modem().up.insert(kUim);
+    modem().mu.unlock();
 
     qmi_idl_service_object wide = *svc;
     wide.service_id = 0xFFE4;
@@ -306,7 +321,7 @@ TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
         ASSERT_NE(nullptr, h);
         std::atomic<int> err{0};
         qmi_client_register_error_cb(h, on_error, &err);
-        modem().on_request = [&](uint8_t, uint16_t) { return Bytes{}; };
+        modem().answer([&](uint8_t, uint16_t) { return Bytes{}; });
         std::thread t([&] {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
             if (hang_up)
@@ -324,8 +339,10 @@ TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         EXPECT_EQ(QMI_SERVICE_ERR, err.load());
         qmi_client_release(h);
+        modem().mu.lock();
         EXPECT_EQ(0, modem().stray_releases);
-        modem().on_request = [](uint8_t cid, uint16_t txn) { return eid(cid, txn, 0xAA); };
+        modem().mu.unlock();
+        modem().answer([](uint8_t cid, uint16_t txn) { return eid(cid, txn, 0xAA); });
         qmi_client_type again = open_uim();
         ASSERT_NE(nullptr, again);
         EXPECT_EQ(QMI_NO_ERR, get_eid(again, &resp));
