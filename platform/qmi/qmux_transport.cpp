@@ -55,7 +55,8 @@ class QmuxChannel;
 
 class Device : public std::enable_shared_from_this<Device> {
 public:
-    Device(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
+    // socket: the proxy's connection, written without SIGPIPE when it closed.
+    Device(int fd, bool socket) : fd_(fd), socket_(socket) {}
     ~Device() { ::close(fd_); }
     Device(const Device &) = delete;
     Device &operator=(const Device &) = delete;
@@ -87,7 +88,7 @@ private:
     void lose_all(bool device_gone);
 
     const int fd_;
-    const std::string path_;
+    const bool socket_;
     std::mutex write_mu_;
     std::mutex mu_; // guards what follows
     std::condition_variable cv_;
@@ -236,7 +237,9 @@ bool Device::write_frame(const std::vector<uint8_t> &frame)
     std::lock_guard<std::mutex> lock(write_mu_);
     size_t done = 0;
     while (done < frame.size()) {
-        ssize_t n = ::write(fd_, frame.data() + done, frame.size() - done);
+        const uint8_t *p = frame.data() + done;
+        const size_t left = frame.size() - done;
+        ssize_t n = socket_ ? ::send(fd_, p, left, MSG_NOSIGNAL) : ::write(fd_, p, left);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0 && errno == EAGAIN) {
@@ -470,7 +473,7 @@ std::shared_ptr<Device> device()
         say_unusable(why);
         return nullptr;
     }
-    auto dev = std::make_shared<Device>(fd, c.device);
+    auto dev = std::make_shared<Device>(fd, c.proxy);
     dev->start();
     if (c.proxy) {
         // Internal Proxy Open: TLV 0x01, the device path (no terminator).
