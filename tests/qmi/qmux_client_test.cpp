@@ -1,7 +1,5 @@
-// qmux_client_test.cpp - the client library on the QMUX transport, against a
-// modem played by the test on a pseudo-terminal: client ids per handle, the
-// matching of responses and indications, strict framing, the service list,
-// modem restart and hang-up, and the record file.
+// qmux_client_test.cpp - the client library on the QMUX transport against a
+// modem the test plays on a pseudo-terminal.
 #include <qmi_client.h>
 #include <user_identity_module_v01.h>
 
@@ -14,7 +12,6 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -26,66 +23,58 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 constexpr uint8_t kUim = QMI_UIM_SERVICE_ID_V01;
 
-// A frame from the modem. ctl: the CTL header (u8 transaction).
-Bytes frame(uint8_t svc, uint8_t cid, uint8_t flags, uint16_t txn, uint16_t msg, const Bytes &tlvs)
+// A frame from the modem; service 0 (CTL) has a one-byte transaction id.
+// A frame from the modem (TLVs after a success result); service 0 (CTL) has
+// a one-byte transaction id.
+Bytes frame(uint8_t svc, uint8_t cid, uint8_t flags, uint16_t txn, uint16_t msg, const Bytes &tlvs, bool ok = 1)
 {
-    Bytes sdu{flags, uint8_t(txn)};
+    Bytes f{0x01, 0, 0, 0x80, svc, cid, flags, uint8_t(txn)}, area = ok ? Bytes{2, 4, 0, 0, 0, 0, 0} : Bytes{};
+    area.insert(area.end(), tlvs.begin(), tlvs.end());
     if (svc != 0)
-        sdu.push_back(uint8_t(txn >> 8));
-    sdu.insert(sdu.end(), {uint8_t(msg), uint8_t(msg >> 8), uint8_t(tlvs.size()), uint8_t(tlvs.size() >> 8)});
-    sdu.insert(sdu.end(), tlvs.begin(), tlvs.end());
-    Bytes f{0x01, uint8_t(sdu.size() + 5), uint8_t((sdu.size() + 5) >> 8), 0x80, svc, cid};
-    f.insert(f.end(), sdu.begin(), sdu.end());
+        f.push_back(uint8_t(txn >> 8));
+    f.insert(f.end(), {uint8_t(msg), uint8_t(msg >> 8), uint8_t(area.size()), uint8_t(area.size() >> 8)});
+    f.insert(f.end(), area.begin(), area.end());
+    f[1] = uint8_t(f.size() - 1);
     return f;
 }
-const Bytes kOk{0x02, 0x04, 0x00, 0x00, 0x00, 0x00, 0x00};
-Bytes ok_with(const Bytes &tlv)
-{
-    Bytes b = kOk;
-    b.insert(b.end(), tlv.begin(), tlv.end());
-    return b;
-}
-// A GET_EID response whose EID starts with `tag`.
+// A GET_EID response whose EID is 16 times `tag`.
 Bytes eid(uint8_t cid, uint16_t txn, uint8_t tag)
 {
     Bytes t{0x10, 0x11, 0x00, 0x10};
     t.resize(t.size() + 16, tag);
-    return frame(kUim, cid, 0x02, txn, QMI_UIM_GET_EID_REQ_V01, ok_with(t));
+    return frame(kUim, cid, 0x02, txn, QMI_UIM_GET_EID_REQ_V01, t);
 }
 
-// The modem: one pseudo-terminal reached through a fixed link (so that the
-// library can open it again after a hang-up), client ids from 1 up, CTL
-// answered, UIM requests handed to `on_request`, which answers with frames.
+// The modem: a pseudo-terminal behind a fixed link (the library opens it
+// again after a hang-up), client ids from 1 up, CTL answered, UIM requests
+// answered with the frames `answer` makes.
 class Modem {
 public:
-    using Answer = std::function<Bytes(uint8_t cid, uint16_t txn)>;
-    std::mutex mu; // guards what follows
+    std::mutex mu; // guards the members up to thread_
+    std::function<Bytes(uint8_t cid, uint16_t txn)> answer;
     std::set<std::pair<uint8_t, uint8_t>> held; // client ids given out and not given back
     std::set<uint8_t> up{kUim};
-    int version_queries = 0;
-    int stray_releases = 0; // of ids not held: the modem may have given them to another client
+    int version_queries = 0, stray_releases = 0; // releases of ids not held
 
     Modem() : link_(dir_.path() + "/modem") { open_pty(); }
-    ~Modem()
-    {
-        stop_ = true;
-        thread_.join();
-    }
     const std::string &path() const { return link_; }
-    void answer(Answer a)
+    template <class F> auto locked(F f)
     {
         std::lock_guard<std::mutex> lock(mu);
-        on_request_ = std::move(a);
+        return f();
     }
-    void send(const Bytes &b) { ASSERT_EQ(write(master_, b.data(), b.size()), ssize_t(b.size())); }
-    // The terminal goes away; a new one takes its place behind the link.
-    void hang_up()
+    void send(const Bytes &b) { EXPECT_EQ(write(master_, b.data(), b.size()), ssize_t(b.size())); }
+    void stop()
     {
         stop_ = true;
         thread_.join();
         close(master_);
-        std::lock_guard<std::mutex> lock(mu);
-        held.clear();
+    }
+    // The terminal goes away; a new one takes its place behind the link.
+    void hang_up()
+    {
+        stop();
+        locked([&] { held.clear(); });
         stop_ = false;
         open_pty();
     }
@@ -97,68 +86,61 @@ private:
         ASSERT_TRUE(master_ >= 0 && grantpt(master_) == 0 && unlockpt(master_) == 0);
         unlink(link_.c_str());
         ASSERT_EQ(0, symlink(ptsname(master_), link_.c_str()));
-        thread_ = std::thread([this] { run(); });
-    }
-    void run()
-    {
-        Bytes in;
-        uint8_t buf[4096];
-        while (!stop_) {
-            pollfd p{master_, POLLIN, 0};
-            ssize_t n = poll(&p, 1, 20) == 1 ? read(master_, buf, sizeof buf) : 0;
-            in.insert(in.end(), buf, buf + std::max<ssize_t>(n, 0));
-            while (in.size() >= 3 && in.size() >= 1u + (in[1] | in[2] << 8)) {
-                Bytes f(in.begin(), in.begin() + 1 + (in[1] | in[2] << 8));
-                in.erase(in.begin(), in.begin() + ssize_t(f.size()));
-                on_frame(f);
+        thread_ = std::thread([this] {
+            Bytes in;
+            uint8_t buf[4096];
+            while (!stop_) {
+                pollfd p{master_, POLLIN, 0};
+                ssize_t n = poll(&p, 1, 20) == 1 ? read(master_, buf, sizeof buf) : 0;
+                in.insert(in.end(), buf, buf + std::max<ssize_t>(n, 0));
+                for (size_t len; in.size() >= 3 && in.size() >= (len = 1u + (in[1] | in[2] << 8));) {
+                    on_frame(Bytes(in.begin(), in.begin() + ssize_t(len)));
+                    in.erase(in.begin(), in.begin() + ssize_t(len));
+                }
             }
-        }
+        });
     }
     void on_frame(const Bytes &f)
     {
         if (f[4] != 0) {
-            Answer a;
-            {
-                std::lock_guard<std::mutex> lock(mu);
-                a = on_request_;
-            }
-            if (a)
-                send(a(f[5], uint16_t(f[7] | f[8] << 8)));
-            return;
+            auto a = locked([&] { return answer; });
+            return a ? send(a(f[5], uint16_t(f[7] | f[8] << 8))) : void();
         }
-        const uint8_t txn = f[7];
         const uint16_t msg = uint16_t(f[8] | f[9] << 8);
-        std::lock_guard<std::mutex> lock(mu);
-        Bytes tlv;
-        if (msg == 0x21) {
-            ++version_queries;
-            tlv = {0x01, uint8_t(1 + 5 * up.size()), 0x00, uint8_t(up.size())};
-            for (uint8_t s : up)
-                tlv.insert(tlv.end(), {s, 1, 0, 0, 0});
-        } else if (msg == 0x22) {
-            held.emplace(f[15], next_cid_);
-            tlv = {0x01, 0x02, 0x00, f[15], next_cid_++};
-        } else if (msg == 0x23) {
-            stray_releases += held.erase({f[15], f[16]}) == 0;
-        }
-        send(frame(0, 0, 0x01, txn, msg, ok_with(tlv)));
+        Bytes tlv = locked([&] {
+            if (msg == 0x21) {
+                ++version_queries;
+                Bytes t{0x01, uint8_t(1 + 5 * up.size()), 0x00, uint8_t(up.size())};
+                for (uint8_t s : up)
+                    t.insert(t.end(), {s, 1, 0, 0, 0});
+                return t;
+            }
+            if (msg == 0x22) {
+                held.emplace(f[15], next_cid_);
+                return Bytes{0x01, 0x02, 0x00, f[15], next_cid_++};
+            }
+            stray_releases += msg == 0x23 && held.erase({f[15], f[16]}) == 0;
+            return Bytes{};
+        });
+        send(frame(0, 0, 0x01, f[7], msg, tlv));
     }
 
-    Answer on_request_;
+    uint8_t next_cid_ = 1;
     kvn_test::TempDir dir_;
     std::string link_;
     int master_ = -1;
     std::thread thread_;
     std::atomic<bool> stop_{false};
-    uint8_t next_cid_ = 1;
 };
 
+// Made before the library's first call, which reads the environment.
 Modem &modem()
 {
     static Modem *m = [] {
         auto *made = new Modem;
         setenv("KVN_QMI_DEVICE", made->path().c_str(), 1);
         setenv("KVN_QMI_RECORD", (made->path() + ".jsonl").c_str(), 1);
+        std::atexit([] { modem().stop(); });
         return made;
     }();
     return *m;
@@ -168,7 +150,7 @@ qmi_client_type open_uim(qmi_client_ind_cb cb = nullptr, void *data = nullptr)
 {
     qmi_client_os_params os{};
     qmi_client_type h = nullptr;
-    modem(); // before the library looks at the environment
+    modem();
     EXPECT_EQ(QMI_NO_ERR, qmi_client_init_instance(uim_get_service_object_v01(), QMI_CLIENT_INSTANCE_ANY, cb, data,
                                                    &os, 1000, &h));
     return h;
@@ -181,109 +163,87 @@ int get_eid(qmi_client_type h, uim_get_eid_resp_msg_v01 *resp, unsigned timeout_
     return qmi_client_send_msg_sync(h, QMI_UIM_GET_EID_REQ_V01, &req, sizeof req, resp, sizeof *resp, timeout_ms);
 }
 
-size_t held()
-{
-    std::lock_guard<std::mutex> lock(modem().mu);
-    return modem().held.size();
-}
-
-// Ahead of the right response comes one the client must not take for it
-// (its EID starts with 0xBB, the right one's with 0xAA).
+// Ahead of the right response comes one the client must not take for it:
+// the right one with one byte changed (offset, xor), or noise.
 TEST(Qmux, ResponsesMatchServiceClientTransactionAndMessageOnly)
 {
     struct Row {
         const char *what;
-        std::function<Bytes(uint8_t cid, uint16_t txn)> decoy;
-    } rows[] = {
-        {"other client id", [](uint8_t c, uint16_t t) { return eid(uint8_t(c + 1), t, 0xBB); }},
-        {"other transaction", [](uint8_t c, uint16_t t) { return eid(c, uint16_t(t + 1), 0xBB); }},
-        {"other message", [](uint8_t c, uint16_t t) { Bytes f = eid(c, t, 0xBB); f[10] ^= 1; return f; }},
-        {"other service", [](uint8_t c, uint16_t t) { Bytes f = eid(c, t, 0xBB); f[4] = 0x03; return f; }},
-        {"client's control flags", [](uint8_t c, uint16_t t) { Bytes f = eid(c, t, 0xBB); f[3] = 0; return f; }},
-        {"QMI length off by one", [](uint8_t c, uint16_t t) { Bytes f = eid(c, t, 0xBB); f[11]++; return f; }},
-        {"request flags", [](uint8_t c, uint16_t t) { Bytes f = eid(c, t, 0xBB); f[6] = 0; return f; }},
-        {"noise and a length above any message",
-         [](uint8_t, uint16_t) { return Bytes{0x00, 0x7e, 0x01, 0xff, 0x7f, 0x80, kUim, 1, 0x02}; }},
-    };
+        size_t at;
+        uint8_t x;
+    } rows[] = {{"client id", 5, 1},     {"transaction", 7, 1},   {"message", 9, 1},       {"service", 4, 8},
+                {"control flags", 3, 0x80}, {"QMI length", 11, 1}, {"request flags", 6, 2}, {"noise", 0, 0}};
     qmi_client_type h = open_uim();
     ASSERT_NE(nullptr, h);
-    for (const auto &r : rows) {
+    for (const Row &r : rows) {
         SCOPED_TRACE(r.what);
-        modem().answer([&](uint8_t cid, uint16_t txn) {
-            Bytes b = r.decoy(cid, txn), right = eid(cid, txn, 0xAA);
-            b.insert(b.end(), right.begin(), right.end());
-            return b;
+        modem().locked([&] {
+            modem().answer = [r](uint8_t cid, uint16_t txn) {
+                // Noise: a frame start with a length above any message.
+                Bytes b = r.x ? eid(cid, txn, 0xBB) : Bytes{0x00, 0x7e, 0x01, 0xff, 0x7f, 0x80, kUim, 1, 0x02},
+                      right = eid(cid, txn, 0xAA);
+                b[r.at] ^= r.x;
+                b.insert(b.end(), right.begin(), right.end());
+                return b;
+            };
         });
         uim_get_eid_resp_msg_v01 resp{};
-        ASSERT_EQ(QMI_NO_ERR, get_eid(h, &resp));
+        EXPECT_EQ(QMI_NO_ERR, get_eid(h, &resp));
         EXPECT_EQ(0xAA, resp.eid_value[0]);
     }
     qmi_client_release(h);
 }
 
-struct Inds {
-    std::mutex mu;
-    std::vector<unsigned> ids;
-};
 void on_ind(qmi_client_type, unsigned msg_id, void *, unsigned, void *d)
 {
-    auto *i = static_cast<Inds *>(d);
-    std::lock_guard<std::mutex> lock(i->mu);
-    i->ids.push_back(msg_id);
+    modem().locked([&] { static_cast<std::vector<unsigned> *>(d)->push_back(msg_id); });
 }
 
 // Each handle has a client id of its own, gets the indications for it and
-// the broadcast ones, and gives the id back when released.
+// the broadcast ones, and gives the id back when released. The record file
+// has what went each way.
 TEST(Qmux, ClientIdsPerHandleIndicationsAndRelease)
 {
-    Inds a, b;
+    std::vector<unsigned> a, b; // indications, under the modem's lock
     qmi_client_type ha = open_uim(on_ind, &a), hb = open_uim(on_ind, &b);
     ASSERT_TRUE(ha && hb);
-    ASSERT_EQ(2u, held());
     std::atomic<uint8_t> cid{0};
-    modem().answer([&](uint8_t c, uint16_t txn) { cid = c; return eid(c, txn, 0xAA); });
+    modem().locked([&] { modem().answer = [&](uint8_t c, uint16_t txn) { cid = c; return eid(c, txn, 0xAA); }; });
     uim_get_eid_resp_msg_v01 resp{};
     ASSERT_EQ(QMI_NO_ERR, get_eid(hb, &resp));
     const uint8_t cid_b = cid;
     ASSERT_EQ(QMI_NO_ERR, get_eid(ha, &resp));
-    const uint8_t cid_a = cid;
-    ASSERT_NE(cid_a, cid_b);
-    // Sent before the request, so the request meets them.
-    modem().send(frame(kUim, cid_a, 0x04, 0, 0x41, {}));
-    modem().send(frame(kUim, cid_b, 0x04, 0, 0x42, {}));
-    modem().send(frame(kUim, 0xFF, 0x04, 0, 0x43, {}));
-    modem().send(frame(kUim, 0x77, 0x04, 0, 0x44, {})); // an id nobody holds
-    ASSERT_EQ(QMI_NO_ERR, get_eid(ha, &resp));
+    ASSERT_NE(cid, cid_b);
+    const std::pair<uint8_t, uint16_t> inds[] = {{cid, 0x41}, {cid_b, 0x42}, {0xFF, 0x43}, {0x77, 0x44}};
+    for (auto [to, msg] : inds) // 0x77: an id nobody holds
+        modem().send(frame(kUim, to, 0x04, 0, msg, {}, false));
+    ASSERT_EQ(QMI_NO_ERR, get_eid(ha, &resp)); // meets the indications sent before it
     ASSERT_EQ(QMI_NO_ERR, get_eid(hb, &resp));
-    for (int i = 0; i < 200 && (a.ids.size() < 2 || b.ids.size() < 2); ++i)
+    for (int i = 0; i < 200 && modem().locked([&] { return a.size() + b.size(); }) < 4; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     qmi_client_release(ha);
     qmi_client_release(hb);
-    EXPECT_EQ((std::vector<unsigned>{0x41, 0x43}), a.ids);
-    EXPECT_EQ((std::vector<unsigned>{0x42, 0x43}), b.ids);
-    EXPECT_EQ(0u, held());
+    EXPECT_EQ((std::vector<unsigned>{0x41, 0x43}), a);
+    EXPECT_EQ((std::vector<unsigned>{0x42, 0x43}), b);
+    EXPECT_EQ(0u, modem().locked([] { return modem().held.size(); }));
 
-    // The record has the request, its response and the indications as sent.
-    std::ifstream rec(modem().path() + ".jsonl");
-    std::stringstream all;
-    all << rec.rdbuf();
+    std::stringstream rec;
+    rec << std::ifstream(modem().path() + ".jsonl").rdbuf();
     const std::string id = std::to_string(QMI_UIM_GET_EID_REQ_V01);
     for (const std::string &line :
-         {"{\"dir\":\"req\",\"service\":11,\"msg_id\":" + id + ",\"txn\":1,\"tlvs\":[{\"type\":1,\"hex\":\"01\"}]}\n",
-          "{\"dir\":\"resp\",\"service\":11,\"msg_id\":" + id + ",\"txn\":1,\"tlvs\":[{\"type\":2,\"hex\":\"00000000\"},"
-          "{\"type\":16,\"hex\":\"10aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa\"}]}\n",
-          std::string("{\"dir\":\"ind\",\"service\":11,\"msg_id\":67,\"txn\":0,\"tlvs\":[]}\n")})
-        EXPECT_NE(std::string::npos, all.str().find(line)) << line;
+         {R"({"dir":"req","service":11,"msg_id":)" + id + R"(,"txn":1,"tlvs":[{"type":1,"hex":"01"}]})",
+          std::string(R"({"dir":"ind","service":11,"msg_id":67,"txn":0,"tlvs":[]})")})
+        EXPECT_NE(std::string::npos, rec.str().find(line + "\n")) << line;
 }
 
 // Counting and then listing makes one exchange; a wait in between makes the
-// list ask again. Services that do not fit QMUX's byte are never listed.
+// list ask again. A service that does not fit QMUX's byte is never there.
 TEST(Qmux, ServiceListOneExchangeNotAcrossAWait)
 {
     auto svc = uim_get_service_object_v01();
     unsigned n = 0, entries = 4;
     qmi_service_info info[4];
-    auto queries = [] { std::lock_guard<std::mutex> lock(modem().mu); return modem().version_queries; };
+    auto queries = [] { return modem().locked([] { return modem().version_queries; }); };
     const int before = queries();
     ASSERT_EQ(QMI_NO_ERR, qmi_client_get_service_list(svc, nullptr, nullptr, &n));
     ASSERT_EQ(QMI_NO_ERR, qmi_client_get_service_list(svc, info, &entries, &n));
@@ -291,15 +251,11 @@ TEST(Qmux, ServiceListOneExchangeNotAcrossAWait)
     EXPECT_EQ(before + 1, queries());
 
     ASSERT_EQ(QMI_NO_ERR, qmi_client_get_service_list(svc, nullptr, nullptr, &n));
-    modem().mu.lock();
-    modem().up.erase(kUim);
-    modem().mu.unlock();
+    modem().locked([] { return modem().up.erase(kUim); });
     qmi_client_os_params os{};
     qmi_cci_os_signal_wait(&os, 1);
     EXPECT_EQ(QMI_SERVICE_ERR, qmi_client_get_service_list(svc, info, &entries, &n));
-    modem().mu.lock();
-    modem().up.insert(kUim);
-    modem().mu.unlock();
+    modem().locked([] { return modem().up.insert(kUim); });
 
     qmi_idl_service_object wide = *svc;
     wide.service_id = 0xFFE4;
@@ -321,14 +277,13 @@ TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
         ASSERT_NE(nullptr, h);
         std::atomic<int> err{0};
         qmi_client_register_error_cb(h, on_error, &err);
-        modem().answer([&](uint8_t, uint16_t) { return Bytes{}; });
+        modem().locked([] { modem().answer = [](uint8_t, uint16_t) { return Bytes{}; }; });
         std::thread t([&] {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
             if (hang_up)
                 return modem().hang_up();
-            std::lock_guard<std::mutex> lock(modem().mu);
-            modem().held.clear();
-            modem().send(frame(0, 0, 0x02, 0, 0x27, {}));
+            modem().locked([] { modem().held.clear(); });
+            modem().send(frame(0, 0, 0x02, 0, 0x27, {}, false));
         });
         uim_get_eid_resp_msg_v01 resp{};
         const auto start = std::chrono::steady_clock::now();
@@ -339,10 +294,8 @@ TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         EXPECT_EQ(QMI_SERVICE_ERR, err.load());
         qmi_client_release(h);
-        modem().mu.lock();
-        EXPECT_EQ(0, modem().stray_releases);
-        modem().mu.unlock();
-        modem().answer([](uint8_t cid, uint16_t txn) { return eid(cid, txn, 0xAA); });
+        EXPECT_EQ(0, modem().locked([] { return modem().stray_releases; }));
+        modem().locked([] { modem().answer = [](uint8_t cid, uint16_t txn) { return eid(cid, txn, 0xAA); }; });
         qmi_client_type again = open_uim();
         ASSERT_NE(nullptr, again);
         EXPECT_EQ(QMI_NO_ERR, get_eid(again, &resp));
