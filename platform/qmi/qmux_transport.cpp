@@ -62,6 +62,8 @@ public:
     Device &operator=(const Device &) = delete;
 
     void start() { std::thread([self = shared_from_this()] { self->run(); }).detach(); }
+    // Ends the reader (which holds the device) of a device not taken into use.
+    void abandon() { ::shutdown(fd_, SHUT_RDWR); }
     bool alive()
     {
         std::lock_guard<std::mutex> lock(mu_);
@@ -483,7 +485,10 @@ std::shared_ptr<Device> device()
         std::memcpy(tlv.data() + 3, c.device.data(), c.device.size());
         auto r = dev->ctl(kCtlProxyOpen, tlv);
         if (!r || !qmux::result_ok(r->data(), r->size())) {
-            say_unusable(r ? "qmi-proxy cannot open it" : "qmi-proxy does not answer");
+            // The proxy answers a device it cannot open with a failure or by
+            // closing the connection.
+            say_unusable(r || !dev->alive() ? "qmi-proxy cannot open it" : "qmi-proxy does not answer");
+            dev->abandon();
             return nullptr;
         }
     }
