@@ -1,9 +1,7 @@
 // qmux_kvn_test.cpp - kvn over kvn-sim's QMUX terminal, directly and through
 // libqmi's qmi-proxy: the same output as over the socket, the terminal shared
 // with qmicli, no client id left behind, the failure paths.
-#include <signal.h>
 #include <spawn.h>
-#include <sys/wait.h>
 
 #include <future>
 #include <regex>
@@ -31,21 +29,16 @@ std::string masked(const kvn_test::ProcessResult &r)
     return std::regex_replace(kvn_test::masked_out(r), std::regex("qmi_client 0x[0-9a-f]+"), "qmi_client P");
 }
 
-// A qmi-proxy of the test's own (when one already listens, it serves).
-struct Proxy {
-    pid_t pid = -1;
-    Proxy()
-    {
-        char *argv[] = {const_cast<char *>(kProxy), const_cast<char *>("--no-exit"), nullptr};
-        if (posix_spawn(&pid, kProxy, nullptr, nullptr, argv, nullptr) == 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(300)); // until it listens
-    }
-    ~Proxy()
-    {
-        if (pid > 0 && kill(pid, SIGTERM) == 0)
-            waitpid(pid, nullptr, 0);
-    }
-};
+// A qmi-proxy for the tests that want one. Tests running at once share it
+// (only one can listen), so none stops it: it exits 5 s after its last
+// client leaves.
+void start_proxy()
+{
+    char *argv[] = {const_cast<char *>(kProxy), const_cast<char *>("--empty-timeout=5"), nullptr};
+    pid_t pid;
+    if (posix_spawn(&pid, kProxy, nullptr, nullptr, argv, nullptr) == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(300)); // until it listens
+}
 
 // Runs on one handset, in order: the SAR query, the eSIM options that use
 // only UIM (1 and 2 reach the EID file and NV through the extend service),
@@ -69,9 +62,8 @@ TEST_P(OverQmux, PrintsWhatTheSocketPrints)
     const auto &[c, proxy] = GetParam();
     if (proxy && access(kProxy, X_OK) != 0)
         GTEST_SKIP() << kProxy << " is missing (scripts/deps --all installs libqmi-proxy)";
-    std::optional<Proxy> px;
     if (proxy)
-        px.emplace();
+        start_proxy();
     SimHandset by_socket, by_terminal;
     const std::string pty = interop::pty_of(by_terminal);
     for (const auto &args : c.second) {
@@ -93,7 +85,7 @@ TEST(QmuxProxy, KvnAndQmicliShareTheDevice)
 {
     if (access(kProxy, X_OK) != 0 || !interop::have_qmicli())
         GTEST_SKIP() << kProxy << " or qmicli is missing (scripts/deps --all installs them)";
-    Proxy px;
+    start_proxy();
     SimHandset sim;
     const std::string pty = interop::pty_of(sim);
     auto held = interop::qmicli(pty, {"-p", "--sar-rf-get-state", "--client-no-release-cid"});
