@@ -306,7 +306,6 @@ void Handle::deliver_indications()
 // runs whenever an error callback is registered.
 void Handle::connection_lost()
 {
-    forget_service_list();
     std::lock_guard<std::mutex> lock(mu_);
     dead_ = true;
     if (std::this_thread::get_id() != reader_id_) {
@@ -494,7 +493,6 @@ void Handle::service_event(uint16_t instance, qmi_client_notify_event_type ev)
 {
     qmi_client_notify_cb cb = nullptr;
     void *data = nullptr;
-    forget_service_list();
     {
         std::lock_guard<std::mutex> lock(mu_);
         if (ev == QMI_CLIENT_SERVICE_COUNT_INC)
@@ -686,8 +684,8 @@ NotifierTable &notifiers()
 // The reply of the last service-list exchange, kept for the one call that
 // follows it when that call is the second half of the count-then-list
 // pattern (same service object, now with an array): the two calls then make
-// one exchange. Anything else in between (another call, a wait, the loss of
-// a service) drops it, so a list never outlives the moment it describes.
+// one exchange. Another list call, a wait or the loss of the modem (QMUX)
+// in between drops it, so a list never outlives the moment it describes.
 struct ListCache {
     std::mutex mu;
     qmi_idl_service_object_type svc = nullptr; // null: nothing kept
@@ -801,7 +799,6 @@ extern "C" qmi_client_error_type qmi_client_init(qmi_service_info *service_info,
     (void)os_params; // the reader thread does the waiting a handset's library uses it for
     if (!service_info || !service_obj || !user_handle)
         return QMI_INTERNAL_ERR;
-    kvn_qmi::forget_service_list();
     std::unique_ptr<kvn_qmi::Channel> conn;
     int rc = kvn_qmi::transport().connect(service_obj, static_cast<uint16_t>(service_info->instance), &conn);
     if (rc != QMI_NO_ERR)
@@ -824,7 +821,6 @@ extern "C" qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object
         return QMI_INTERNAL_ERR;
     const auto deadline = kvn_qmi::clock_type::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
-        kvn_qmi::forget_service_list();
         std::unique_ptr<kvn_qmi::Channel> conn;
         if (kvn_qmi::transport().connect(service_obj, instance_id, &conn) == QMI_NO_ERR)
             return make_handle(kvn_qmi::Handle::Role::Client, service_obj, std::move(conn), ind_cb, ind_cb_data,

@@ -44,8 +44,8 @@ const Transport &qmux_transport(bool proxy);
 
 // The instances of svc that are up. A call without an array (the count)
 // keeps its reply for the next call with an array on the same service
-// object, which then makes no exchange of its own; any other call, a wait or
-// the loss of a service drops what was kept.
+// object, which then makes no exchange of its own; another list call, a wait
+// or the loss of the modem drops what was kept.
 std::vector<qmi_service_info> service_list(qmi_idl_service_object_type svc, bool with_array);
 void forget_service_list();
 

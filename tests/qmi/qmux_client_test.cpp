@@ -12,6 +12,7 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -74,7 +75,6 @@ public:
     void hang_up()
     {
         stop();
-        locked([&] { held.clear(); });
         stop_ = false;
         open_pty();
     }
@@ -236,9 +236,12 @@ TEST(Qmux, ClientIdsPerHandleIndicationsAndRelease)
         EXPECT_NE(std::string::npos, rec.str().find(line + "\n")) << line;
 }
 
-// Counting and then listing makes one exchange; a wait in between makes the
-// list ask again. A service that does not fit QMUX's byte is never there.
-TEST(Qmux, ServiceListOneExchangeNotAcrossAWait)
+void on_error(qmi_client_type, qmi_client_error_type e, void *d) { static_cast<std::atomic<int> *>(d)->store(e); }
+
+// Counting and then listing makes one exchange; a wait or a modem restart in
+// between makes the list ask again. A service that does not fit QMUX's byte
+// is never there.
+TEST(Qmux, ServiceListOneExchangeNotAcrossAWaitOrRestart)
 {
     auto svc = uim_get_service_object_v01();
     unsigned n = 0, entries = 4;
@@ -257,18 +260,28 @@ TEST(Qmux, ServiceListOneExchangeNotAcrossAWait)
     EXPECT_EQ(QMI_SERVICE_ERR, qmi_client_get_service_list(svc, info, &entries, &n));
     modem().locked([] { return modem().up.insert(kUim); });
 
+    std::atomic<int> err{0};
+    qmi_client_type h = open_uim();
+    qmi_client_register_error_cb(h, on_error, &err); // to see the restart taken in
+    ASSERT_EQ(QMI_NO_ERR, qmi_client_get_service_list(svc, nullptr, nullptr, &n));
+    const int asked = queries();
+    modem().send(frame(0, 0, 0x02, 0, 0x27, {}, false));
+    for (int i = 0; i < 200 && !err; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(QMI_NO_ERR, qmi_client_get_service_list(svc, info, &entries, &n));
+    EXPECT_EQ(asked + 1, queries());
+    qmi_client_release(h);
+
     qmi_idl_service_object wide = *svc;
     wide.service_id = 0xFFE4;
     EXPECT_EQ(QMI_SERVICE_ERR, qmi_client_get_service_list(&wide, nullptr, nullptr, &n));
-    qmi_client_type h = nullptr;
+    h = nullptr;
     EXPECT_EQ(QMI_SERVICE_ERR, qmi_client_init_instance(&wide, QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr, &os, 0, &h));
 }
 
-void on_error(qmi_client_type, qmi_client_error_type e, void *d) { static_cast<std::atomic<int> *>(d)->store(e); }
-
-// A modem restart (CTL Sync) and a hang-up end a pending request with the
-// service error at once and run the error callback; the forgotten id is not
-// given back, and a new handle works afterwards.
+// A modem restart (CTL Sync, here the answer to the request) and a hang-up
+// end a pending request with the service error at once and run the error
+// callback; the forgotten id is not given back; a new handle works after.
 TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
 {
     for (bool hang_up : {false, true}) {
@@ -277,19 +290,19 @@ TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
         ASSERT_NE(nullptr, h);
         std::atomic<int> err{0};
         qmi_client_register_error_cb(h, on_error, &err);
-        modem().locked([] { modem().answer = [](uint8_t, uint16_t) { return Bytes{}; }; });
-        std::thread t([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            if (hang_up)
-                return modem().hang_up();
-            modem().locked([] { modem().held.clear(); });
-            modem().send(frame(0, 0, 0x02, 0, 0x27, {}, false));
+        modem().locked([&] {
+            modem().answer = [hang_up](uint8_t, uint16_t) {
+                modem().locked([] { modem().held.clear(); });
+                return hang_up ? Bytes{} : frame(0, 0, 0x02, 0, 0x27, {}, false);
+            };
         });
         uim_get_eid_resp_msg_v01 resp{};
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(QMI_SERVICE_ERR, get_eid(h, &resp, 5000));
+        auto rc = std::async(std::launch::async, [&] { return get_eid(h, &resp, 5000); });
+        if (hang_up && rc.wait_for(std::chrono::milliseconds(100)) == std::future_status::timeout)
+            modem().hang_up();
+        EXPECT_EQ(QMI_SERVICE_ERR, rc.get());
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-        t.join();
         for (int i = 0; i < 200 && !err; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         EXPECT_EQ(QMI_SERVICE_ERR, err.load());
@@ -297,7 +310,6 @@ TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
         EXPECT_EQ(0, modem().locked([] { return modem().stray_releases; }));
         modem().locked([] { modem().answer = [](uint8_t cid, uint16_t txn) { return eid(cid, txn, 0xAA); }; });
         qmi_client_type again = open_uim();
-        ASSERT_NE(nullptr, again);
         EXPECT_EQ(QMI_NO_ERR, get_eid(again, &resp));
         qmi_client_release(again);
     }
