@@ -194,6 +194,11 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
         report(ready_fd, "ERR " + err);
         return 1;
     }
+    // Clients read properties from the area beside the socket, without a request.
+    if (!h.props.publish(opt.socket + ".props", &err)) {
+        report(ready_fd, "ERR " + err);
+        return 1;
+    }
     Fd listener(listen_unix(opt.socket, &err));
     if (listener.get() < 0) {
         report(ready_fd, "ERR " + err);
@@ -226,6 +231,7 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
 
     h.note(kLogInfo, "kvn-sim stopped");
     listener.reset();
+    h.props.unpublish();
     lock.reset();
     // The lock file goes first: once the socket is gone a new daemon may start.
     unlink((opt.socket + ".lock").c_str());

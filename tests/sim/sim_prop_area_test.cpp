@@ -1,0 +1,137 @@
+// sim_prop_area_test.cpp - the property area: kvn-sim's writer against the
+// client's property_get, in one process and through a running daemon.
+#include <cutils/properties.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "prop_area.h"
+#include "prop_area_layout.h"
+#include "sim_handset.h"
+
+namespace {
+
+class PropAreaTest : public testing::Test {
+protected:
+    void SetUp() override { setenv("KVN_SIM_SOCKET", socket.c_str(), 1); }
+    void TearDown() override { unsetenv("KVN_SIM_SOCKET"); }
+    std::string get(const char *key)
+    {
+        char v[PROPERTY_VALUE_MAX];
+        property_get(key, v, "unset");
+        return v;
+    }
+    kvn_test::TempDir dir;
+    std::string socket = dir.path() + "/s.sock", area = socket + ".props";
+};
+
+// Readers racing a writer that flips between a short and a long value only
+// ever see one of the two whole.
+TEST_F(PropAreaTest, ReadersNeverSeeATornValue)
+{
+    std::string err;
+    auto w = kvn_sim::PropArea::create(area, &err);
+    ASSERT_TRUE(w) << err;
+    const std::string a = "a", b(91, 'b');
+    w->set("k", a);
+    std::atomic<bool> done{false};
+    std::atomic<int> bad{0}, seen_b{0};
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 3; ++t)
+        readers.emplace_back([&] {
+            while (!done) {
+                std::string v = get("k");
+                bad += v != a && v != b;
+                seen_b += v == b;
+            }
+        });
+    for (int i = 0; i < 200000; ++i)
+        w->set("k", i % 2 ? b : a);
+    done = true;
+    for (auto &r : readers)
+        r.join();
+    EXPECT_EQ(0, bad.load());
+    EXPECT_GT(seen_b.load(), 0);
+}
+
+// Every change shows at the next read, also across a daemon replaced with an
+// area of its own; once the area is gone the value is unset again.
+TEST_F(PropAreaTest, NextReadSeesEveryChangeAndAReplacement)
+{
+    std::string err;
+    auto first = kvn_sim::PropArea::create(area, &err);
+    ASSERT_TRUE(first) << err;
+    for (const char *v : {"1", "two", ""}) {
+        first->set("p", v);
+        EXPECT_EQ(v, get("p"));
+    }
+    auto second = kvn_sim::PropArea::create(area, &err);
+    ASSERT_TRUE(second) << err;
+    second->set("p", "new");
+    EXPECT_EQ("new", get("p"));
+    second.reset();
+    EXPECT_EQ("unset", get("p"));
+}
+
+// A reader trusts neither a link nor a file others may write. The writer
+// makes an owner-only file and replaces a link planted at its path without
+// writing through it (here to another daemon's area, which stays alive).
+TEST_F(PropAreaTest, FileIsOwnerOnlyAndLinksAreNotFollowed)
+{
+    std::string err, real = dir.path() + "/real.props";
+    auto other = kvn_sim::PropArea::create(real, &err);
+    ASSERT_TRUE(other) << err;
+    other->set("p", "v");
+    ASSERT_EQ(0, symlink(real.c_str(), area.c_str()));
+    EXPECT_EQ("unset", get("p")) << "read through a link";
+    ASSERT_EQ(0, unlink(area.c_str()));
+    ASSERT_EQ(0, link(real.c_str(), area.c_str()));
+    ASSERT_EQ(0, chmod(area.c_str(), 0620));
+    EXPECT_EQ("unset", get("p")) << "trusted a file others may write";
+    ASSERT_EQ(0, chmod(area.c_str(), 0600));
+    EXPECT_EQ("v", get("p"));
+
+    ASSERT_EQ(0, unlink(area.c_str()));
+    ASSERT_EQ(0, symlink(real.c_str(), area.c_str()));
+    auto w = kvn_sim::PropArea::create(area, &err);
+    ASSERT_TRUE(w) << err;
+    struct stat st {};
+    ASSERT_EQ(0, lstat(area.c_str(), &st));
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(0600u, st.st_mode & 07777);
+    prop_area::Header h{};
+    std::ifstream(real).read(reinterpret_cast<char *>(&h), sizeof h);
+    EXPECT_EQ(0u, h.dead) << "marked the linked area dead";
+}
+
+// Through a daemon: property_set returns once every reader sees the value,
+// a change made another way shows at the next read, and a stopped daemon's
+// area is gone with it.
+TEST(PropAreaDaemon, SetThenGetAndStop)
+{
+    kvn_test::SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    setenv("KVN_SIM_SOCKET", sim.socket().c_str(), 1);
+    char v[PROPERTY_VALUE_MAX];
+    EXPECT_EQ(0, property_set("persist.t", "one"));
+    EXPECT_EQ(3, property_get("persist.t", v, ""));
+    EXPECT_STREQ("one", v);
+    sim.ctl({"prop", "set", "persist.t", "second"});
+    property_get("persist.t", v, "");
+    EXPECT_STREQ("second", v);
+    ASSERT_TRUE(sim.stop());
+    EXPECT_NE(0, access((sim.socket() + ".props").c_str(), F_OK));
+    ASSERT_TRUE(sim.start());
+    property_get("persist.t", v, "");
+    EXPECT_STREQ("second", v);
+    unsetenv("KVN_SIM_SOCKET");
+}
+
+} // namespace
