@@ -12,7 +12,10 @@
 // keeps the copy free of data races for the language and for TSan.
 #pragma once
 
+#include <sched.h>
+
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -69,16 +72,35 @@ inline void write_value(Slot &s, const char *value, size_t len)
 
 constexpr size_t kBadValue = static_cast<size_t>(-1);
 
+// How long a slot may stay mid-write before its writer is taken for dead
+// (a writer descheduled mid-write comes back well within it).
+constexpr auto kStuckLimit = std::chrono::milliseconds(500);
+
 // Copies a consistent value of the slot into out (room for 92 bytes, the
-// terminator included) and returns its length; kBadValue when the slot stays
-// mid-write (its writer died there) or holds an impossible length.
+// terminator included) and returns its length. Retries while the writer makes
+// progress, yielding the processor when it seems descheduled mid-write;
+// kBadValue when the slot stays mid-write past kStuckLimit (its writer died
+// there) or holds an impossible length.
 inline size_t read_value(const Slot &s, char *out)
 {
     uint32_t words[kValueWords];
-    for (int tries = 0; tries < (1 << 20); ++tries) {
+    uint32_t stuck_at = 0;
+    int spins = 0;
+    std::chrono::steady_clock::time_point since;
+    for (;;) {
         uint32_t before = load(s.seq, std::memory_order_acquire);
-        if (before & 1u)
+        if (before & 1u) {
+            spins = before == stuck_at ? spins + 1 : 0;
+            stuck_at = before;
+            if (spins == 1000)
+                since = std::chrono::steady_clock::now();
+            if (spins > 1000) {
+                if (std::chrono::steady_clock::now() - since > kStuckLimit)
+                    return kBadValue;
+                sched_yield();
+            }
             continue;
+        }
         uint32_t len = load(s.value_len, std::memory_order_relaxed);
         for (size_t i = 0; i < kValueWords; ++i)
             words[i] = load(s.value[i], std::memory_order_relaxed);
@@ -91,7 +113,6 @@ inline size_t read_value(const Slot &s, char *out)
         out[len] = '\0';
         return len;
     }
-    return kBadValue;
 }
 
 } // namespace prop_area
