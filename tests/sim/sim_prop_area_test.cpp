@@ -1,6 +1,10 @@
 // sim_prop_area_test.cpp - the property area: kvn-sim's writer against the
-// client's property_get, in one process and through a running daemon.
+// client's property_get, in one process and through a running daemon; and
+// the client's one connection for log lines.
+#include <android/log.h>
 #include <cutils/properties.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -134,6 +138,27 @@ TEST(PropAreaDaemon, SetThenGetAndStop)
     property_get("persist.t", v, "");
     EXPECT_STREQ("second", v);
     unsetenv("KVN_SIM_SOCKET");
+}
+
+// Log lines share one connection per process, and a closed one is replaced.
+TEST_F(PropAreaTest, LogLinesShareOneConnection)
+{
+    int l = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    sockaddr_un a{AF_UNIX, {}};
+    socket.copy(a.sun_path, sizeof a.sun_path - 1);
+    ASSERT_EQ(0, bind(l, reinterpret_cast<sockaddr *>(&a), sizeof a));
+    ASSERT_EQ(0, listen(l, 8));
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 3; ++i)
+            ASSERT_EQ(4, __android_log_print(ANDROID_LOG_INFO, "t", "line"));
+        int c = accept(l, nullptr, nullptr);
+        ASSERT_LE(0, c);
+        EXPECT_GT(0, accept(l, nullptr, nullptr)) << "a connection per line";
+        char buf[256];
+        EXPECT_EQ(3 * (16 + 7), recv(c, buf, sizeof buf, MSG_DONTWAIT));
+        close(c);
+    }
+    close(l);
 }
 
 } // namespace
