@@ -231,7 +231,6 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
 
     h.note(kLogInfo, "kvn-sim stopped");
     listener.reset();
-    h.props.unpublish();
     lock.reset();
     // The lock file goes first: once the socket is gone a new daemon may start.
     unlink((opt.socket + ".lock").c_str());

@@ -2,6 +2,7 @@
 #include "prop_area.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -46,8 +47,8 @@ void mark_dead(const std::string &path)
 
 } // namespace
 
-PropArea::PropArea(std::string path, void *base, dev_t dev, ino_t ino)
-    : path_(std::move(path)), base_(base), dev_(dev), ino_(ino)
+PropArea::PropArea(std::string path, int fd, void *base, dev_t dev, ino_t ino)
+    : path_(std::move(path)), fd_(fd), base_(base), dev_(dev), ino_(ino)
 {
 }
 
@@ -65,7 +66,7 @@ std::unique_ptr<PropArea> PropArea::create(const std::string &path, std::string 
     if (f.fd < 0)
         return fail("cannot create");
     struct stat st {};
-    if (fchmod(f.fd, 0600) != 0 || ftruncate(f.fd, static_cast<off_t>(pa::kFileSize)) != 0 || fstat(f.fd, &st) != 0)
+    if (flock(f.fd, LOCK_EX) != 0 || fchmod(f.fd, 0600) != 0 || ftruncate(f.fd, static_cast<off_t>(pa::kFileSize)) != 0 || fstat(f.fd, &st) != 0)
         return fail("cannot size");
     void *base = mmap(nullptr, pa::kFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, f.fd, 0);
     if (base == MAP_FAILED)
@@ -78,7 +79,9 @@ std::unique_ptr<PropArea> PropArea::create(const std::string &path, std::string 
         munmap(base, pa::kFileSize);
         return fail("cannot publish");
     }
-    return std::unique_ptr<PropArea>(new PropArea(path, base, st.st_dev, st.st_ino));
+    int fd = f.fd;
+    f.fd = -1;
+    return std::unique_ptr<PropArea>(new PropArea(path, fd, base, st.st_dev, st.st_ino));
 }
 
 PropArea::~PropArea()
@@ -88,6 +91,7 @@ PropArea::~PropArea()
     if (lstat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_)
         unlink(path_.c_str());
     munmap(base_, pa::kFileSize);
+    close(fd_);
 }
 
 void PropArea::set(const std::string &key, const std::string &value)

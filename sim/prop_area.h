@@ -19,6 +19,8 @@ public:
     // first, so clients that still map it open the new one. nullptr (err set)
     // when the file cannot be made.
     static std::unique_ptr<PropArea> create(const std::string &path, std::string *err);
+    // The writer holds an exclusive lock on the file while it lives, so
+    // readers can tell an area whose daemon died from a live one.
     // Marks the area dead and removes its file (when it is still this one).
     ~PropArea();
     PropArea(const PropArea &) = delete;
@@ -28,8 +30,9 @@ public:
     void set(const std::string &key, const std::string &value);
 
 private:
-    PropArea(std::string path, void *base, dev_t dev, ino_t ino);
+    PropArea(std::string path, int fd, void *base, dev_t dev, ino_t ino);
     std::string path_;
+    int fd_; // holds the lock
     void *base_;
     dev_t dev_;
     ino_t ino_;

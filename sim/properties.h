@@ -25,9 +25,8 @@ public:
     ~Properties();
     // Publishes every property, and every later change, in a property area
     // at `path`; false (err set) when it cannot be created.
+    // The area is marked dead and removed with the Properties.
     bool publish(const std::string &path, std::string *err);
-    // Marks the area dead and removes it.
-    void unpublish() { area_.reset(); }
     // Loads the persistent properties; false (err set) when the file exists
     // but cannot be parsed.
     bool load(std::string *err);

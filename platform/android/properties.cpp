@@ -11,6 +11,7 @@
 #include "prop_area_layout.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,11 +29,23 @@ namespace pa = prop_area;
 // The area this process has mapped, for the socket path it belongs to.
 struct Mapping {
     std::string path;
+    int fd = -1;
     const void *base = nullptr;
     ~Mapping()
     {
         if (base)
             munmap(const_cast<void *>(base), pa::kFileSize);
+        if (fd >= 0)
+            close(fd);
+    }
+    // The daemon holds an exclusive lock on its area while it lives: an area
+    // that can be locked was left by one that died or stopped.
+    bool writer_alive() const
+    {
+        if (flock(fd, LOCK_SH | LOCK_NB) != 0)
+            return true;
+        flock(fd, LOCK_UN);
+        return false;
     }
     const pa::Header &header() const { return *static_cast<const pa::Header *>(base); }
 };
@@ -53,10 +66,12 @@ std::unique_ptr<Mapping> map_area(const std::string &path)
     if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_uid == 0 || st.st_uid == geteuid()) &&
         !(st.st_mode & (S_IWGRP | S_IWOTH)) && static_cast<size_t>(st.st_size) == pa::kFileSize)
         base = mmap(nullptr, pa::kFileSize, PROT_READ, MAP_SHARED, fd, 0);
-    close(fd);
-    if (base == MAP_FAILED)
+    if (base == MAP_FAILED) {
+        close(fd);
         return nullptr;
+    }
     auto m = std::make_unique<Mapping>();
+    m->fd = fd;
     m->base = base;
     m->path = path;
     if (std::memcmp(m->header().magic, pa::kMagic, sizeof pa::kMagic) != 0 || m->header().slot_count != pa::kSlots)
@@ -69,15 +84,18 @@ constexpr int kAskService = -2, kUnset = -1;
 // Looks key up in the area of the socket at socket_path: the value's length
 // (value filled), kUnset, or kAskService when there is no trustworthy area or
 // it cannot answer for this key. An area whose daemon has stopped or been
-// replaced is dropped and the path opened again.
+// replaced is dropped and the path opened again; one whose daemon died is
+// not trusted.
 int area_lookup(const std::string &socket_path, const char *key, size_t klen, char *value)
 {
     std::string path = socket_path + ".props";
     std::lock_guard<std::mutex> lock(g_mutex);
     if (!g_area || g_area->path != path || pa::load(g_area->header().dead, std::memory_order_acquire))
         g_area = map_area(path);
-    if (!g_area)
+    if (!g_area || !g_area->writer_alive()) {
+        g_area.reset();
         return kAskService;
+    }
     const pa::Header &h = g_area->header();
     uint32_t used = pa::load(h.used, std::memory_order_acquire);
     const pa::Slot *slots = pa::slots(g_area->base);
