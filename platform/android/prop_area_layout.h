@@ -9,7 +9,11 @@
 // written. A reader copies the value between two loads of the number and
 // retries when they differ or the first is odd, so it never returns a value
 // half old and half new. Every byte of a value is accessed atomically, which
-// keeps the copy free of data races for the language and for TSan.
+// keeps the copy free of data races for the language and for TSan. The
+// ordering comes from the accesses themselves (no standalone fences): the
+// writer stores each value word with release, so a reader that loads one of
+// them (acquire) also sees the odd number stored before it; the reader's
+// acquire loads of the words keep its second load of the number after them.
 #pragma once
 
 #include <sched.h>
@@ -63,10 +67,9 @@ inline void write_value(Slot &s, const char *value, size_t len)
     std::memcpy(words, value, len);
     uint32_t seq = load(s.seq, std::memory_order_relaxed);
     store(s.seq, seq + 1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    store(s.value_len, static_cast<uint32_t>(len), std::memory_order_relaxed);
+    store(s.value_len, static_cast<uint32_t>(len), std::memory_order_release);
     for (size_t i = 0; i < kValueWords; ++i)
-        store(s.value[i], words[i], std::memory_order_relaxed);
+        store(s.value[i], words[i], std::memory_order_release);
     store(s.seq, seq + 2, std::memory_order_release);
 }
 
@@ -101,10 +104,9 @@ inline size_t read_value(const Slot &s, char *out)
             }
             continue;
         }
-        uint32_t len = load(s.value_len, std::memory_order_relaxed);
+        uint32_t len = load(s.value_len, std::memory_order_acquire);
         for (size_t i = 0; i < kValueWords; ++i)
-            words[i] = load(s.value[i], std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_acquire);
+            words[i] = load(s.value[i], std::memory_order_acquire);
         if (load(s.seq, std::memory_order_relaxed) != before)
             continue;
         if (len > 91)
