@@ -194,6 +194,11 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
         report(ready_fd, "ERR " + err);
         return 1;
     }
+    // Clients read properties from the area beside the socket, without a request.
+    if (!h.props.publish(opt.socket + ".props", &err)) {
+        report(ready_fd, "ERR " + err);
+        return 1;
+    }
     Fd listener(listen_unix(opt.socket, &err));
     if (listener.get() < 0) {
         report(ready_fd, "ERR " + err);

@@ -20,6 +20,19 @@ Properties::Properties(std::filesystem::path file, std::filesystem::path tmp_dir
 {
 }
 
+Properties::~Properties() = default;
+
+bool Properties::publish(const std::string &path, std::string *err)
+{
+    auto area = PropArea::create(path, err);
+    if (!area)
+        return false;
+    for (const auto &[k, v] : props_)
+        area->set(k, v);
+    area_ = std::move(area);
+    return true;
+}
+
 bool Properties::load(std::string *err)
 {
     std::error_code ec;
@@ -85,6 +98,8 @@ bool Properties::set(const std::string &key, const std::string &value, std::stri
             return false;
     }
     props_[key] = value;
+    if (area_)
+        area_->set(key, value);
     return true;
 }
 

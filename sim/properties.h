@@ -1,13 +1,18 @@
 // properties.h - the handset's property service: keys up to 64 bytes, values
 // up to 91 bytes; `persist.*` properties are kept in a file of the state
 // directory (rewritten atomically on every change) and survive a restart,
-// the others live only as long as the daemon.
+// the others live only as long as the daemon. Once published, every value
+// is also in the property area clients read without asking (prop_area.h),
+// updated before set() returns.
 #pragma once
 
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
+
+#include "prop_area.h"
 
 namespace kvn_sim {
 
@@ -17,6 +22,11 @@ public:
     static constexpr size_t kMaxValue = 91;
 
     Properties(std::filesystem::path file, std::filesystem::path tmp_dir);
+    ~Properties();
+    // Publishes every property, and every later change, in a property area
+    // at `path`; false (err set) when it cannot be created.
+    // The area is marked dead and removed with the Properties.
+    bool publish(const std::string &path, std::string *err);
     // Loads the persistent properties; false (err set) when the file exists
     // but cannot be parsed.
     bool load(std::string *err);
@@ -31,6 +41,7 @@ private:
     bool save(const std::map<std::string, std::string> &props, std::string *err) const;
     std::filesystem::path file_, tmp_dir_;
     std::map<std::string, std::string> props_;
+    std::unique_ptr<PropArea> area_;
 };
 
 } // namespace kvn_sim

@@ -1,8 +1,9 @@
-// router.cpp - the poll() loop and packet routing of kvn-sim.
+// router.cpp - the epoll loop and packet routing of kvn-sim.
 #include "router.h"
 
 #include <malloc.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,6 +22,10 @@ constexpr size_t kKeepBuffer = 64u << 10; // buffers larger than this are freed 
 constexpr size_t kTrimAfter = 4u << 20;   // freed bytes after which memory is handed back
 constexpr int kAndroidLogVerbose = 2, kAndroidLogSilent = 8;
 using Clock = std::chrono::steady_clock;
+// What an epoll event's data says: a connection's id (below kTagWatched),
+// a watched descriptor (kTagWatched | fd), the listener or the stop signal.
+constexpr uint64_t kTagWatched = 1ull << 62, kTagListen = ~0ull, kTagSignal = ~0ull - 1;
+constexpr uint32_t kNotAdded = ~0u; // interest of a descriptor not in the list yet
 } // namespace
 
 /* ---- timers ---- */
@@ -67,6 +72,7 @@ struct Router::Conn {
     bool got_packet = false;  // a whole packet has arrived
     Clock::time_point opened; // accepted
     Clock::time_point active; // last byte read or written
+    uint32_t events = ~0u;    // the loop's interest in fd now (~0: not added yet)
 
     size_t pending() const { return out.size() - out_off; }
     size_t buffered() const { return in.capacity() + out.capacity(); }
@@ -78,11 +84,50 @@ struct Router::Conn {
 };
 
 Router::Router(Handset &h, int listen_fd, int signal_fd, RouterLimits limits)
-    : h_(h), listen_fd_(listen_fd), signal_fd_(signal_fd), limits_(limits)
+    : h_(h), listen_fd_(listen_fd), signal_fd_(signal_fd), limits_(limits),
+      epoll_fd_(epoll_create1(EPOLL_CLOEXEC)), rbuf_(kReadChunk)
 {
 }
 
-Router::~Router() = default;
+Router::~Router()
+{
+    conns_.clear(); // their descriptors close before the loop's
+    if (epoll_fd_ >= 0)
+        close(epoll_fd_);
+}
+
+// Puts fd in the loop's interest list, or changes its events, when what it
+// needs differs from *current (kNotAdded until it is first added).
+void Router::set_interest(int fd, uint64_t tag, uint32_t events, uint32_t *current)
+{
+    if (fd < 0 || events == *current)
+        return;
+    epoll_event ev{};
+    ev.events = events;
+    ev.data.u64 = tag;
+    epoll_ctl(epoll_fd_, *current == kNotAdded ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fd, &ev);
+    *current = events;
+}
+
+void Router::watch(int fd, short events, FdHandler fn)
+{
+    auto &w = watched_[fd];
+    w.fn = std::move(fn);
+    if (w.events == events)
+        return;
+    epoll_event ev{};
+    ev.events = static_cast<uint16_t>(events); // poll and epoll share the bits of both
+    ev.data.u64 = kTagWatched | static_cast<uint32_t>(fd);
+    if (epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, fd, &ev) != 0)
+        epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &ev);
+    w.events = events;
+}
+
+void Router::unwatch(int fd)
+{
+    if (watched_.erase(fd))
+        epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
+}
 
 void Router::queue_bytes(Conn &c, const std::vector<uint8_t> &bytes)
 {
@@ -196,25 +241,28 @@ bool Router::wants_input(const Conn &c) const
            c.in.size() < kvn_wire::kHeaderSize + kvn_wire::kMaxPayload;
 }
 
+// Reads what the client has sent, every packet of it while the buffer
+// fills, and handles the whole packets.
 void Router::read_from(Conn &c)
 {
-    size_t old = c.in.size();
-    c.in.resize(old + kReadChunk);
-    ssize_t n = recv(c.fd, c.in.data() + old, kReadChunk, 0);
-    if (n < 0) {
-        c.in.resize(old);
-        if (errno != EAGAIN && errno != EINTR)
-            drop(c, "");
-        return;
+    for (;;) {
+        ssize_t n = recv(c.fd, rbuf_.data(), rbuf_.size(), 0);
+        if (n < 0) {
+            if (errno != EAGAIN && errno != EINTR)
+                drop(c, "");
+            return;
+        }
+        if (n == 0) {
+            // The client went away; an incomplete packet it left is just discarded.
+            c.dead = true;
+            return;
+        }
+        c.in.insert(c.in.end(), rbuf_.data(), rbuf_.data() + n);
+        c.active = Clock::now();
+        process_input(c);
+        if (static_cast<size_t>(n) < rbuf_.size() || !wants_input(c))
+            return;
     }
-    c.in.resize(old + static_cast<size_t>(n));
-    if (n == 0) {
-        // The client went away; an incomplete packet it left is just discarded.
-        c.dead = true;
-        return;
-    }
-    c.active = Clock::now();
-    process_input(c);
 }
 
 void Router::process_input(Conn &c)
@@ -638,38 +686,36 @@ size_t Router::indicate(uint32_t service, uint16_t msg_id, const std::vector<uin
 
 /* ---- loop ---- */
 
+void Router::update_interest()
+{
+    bool accepting = Clock::now() >= accept_paused_until_;
+    set_interest(listen_fd_, kTagListen, accepting ? uint32_t{EPOLLIN} : 0u, &listen_events_);
+    set_interest(signal_fd_, kTagSignal, EPOLLIN, &signal_events_);
+    for (auto &[id, c] : conns_) {
+        if (c->fd < 0 || c->dead)
+            continue;
+        // A connection whose replies back up is not read (back-pressure).
+        uint32_t ev = (wants_input(*c) ? uint32_t{EPOLLIN} : 0u) | (c->pending() > 0 ? uint32_t{EPOLLOUT} : 0u);
+        set_interest(c->fd, id, ev, &c->events);
+    }
+}
+
 void Router::run()
 {
-    std::vector<pollfd> fds;
-    std::vector<Conn *> order;
+    epoll_event evs[64];
+    std::vector<std::pair<uint64_t, uint32_t>> ready;
     while (!stopping_) {
-        fds.clear();
-        order.clear();
+        update_interest();
         bool accepting = Clock::now() >= accept_paused_until_;
-        fds.push_back({listen_fd_, static_cast<short>(accepting ? POLLIN : 0), 0});
-        fds.push_back({signal_fd_, POLLIN, 0});
-        for (auto &[id, c] : conns_) {
-            if (c->fd < 0)
-                continue;
-            // A connection whose replies back up is not read (back-pressure).
-            short ev = wants_input(*c) ? POLLIN : 0;
-            if (c->pending() > 0)
-                ev |= POLLOUT;
-            fds.push_back({c->fd, ev, 0});
-            order.push_back(c.get());
-        }
-        size_t first_watched = fds.size();
-        for (auto &[fd, w] : watched_)
-            fds.push_back({fd, w.events, 0});
         // Wake at least once a second while clients are connected (idle
         // timeouts), and when a paused listener may accept again.
         int timeout = timers_.timeout_ms();
         auto cap = [&](int ms) { timeout = timeout < 0 ? ms : std::min(timeout, ms); };
-        if (!order.empty())
+        if (!conns_.empty())
             cap(1000);
         if (!accepting)
             cap(static_cast<int>(limits_.accept_backoff.count()) + 1);
-        int n = poll(fds.data(), fds.size(), timeout);
+        int n = epoll_wait(epoll_fd_, evs, 64, timeout);
         if (n < 0 && errno != EINTR)
             break;
         timers_.run_due();
@@ -678,19 +724,39 @@ void Router::run()
             reap();
             continue;
         }
-        if (fds[1].revents & POLLIN) {
-            signalfd_siginfo si;
-            if (read(signal_fd_, &si, sizeof si) > 0) {
-                h_.note(kLogInfo, "stopping on signal " + std::to_string(si.ssi_signo));
-                stopping_ = true;
+        ready.clear();
+        bool accept_now = false;
+        for (int i = 0; i < n; ++i) {
+            uint64_t tag = evs[i].data.u64;
+            if (tag == kTagListen) {
+                accept_now = true;
+            } else if (tag == kTagSignal) {
+                signalfd_siginfo si;
+                if (read(signal_fd_, &si, sizeof si) > 0) {
+                    h_.note(kLogInfo, "stopping on signal " + std::to_string(si.ssi_signo));
+                    stopping_ = true;
+                }
+            } else {
+                ready.emplace_back(tag, static_cast<uint32_t>(evs[i].events));
             }
         }
-        for (size_t i = 0; i < order.size(); ++i) {
-            Conn &c = *order[i];
-            short re = fds[i + 2].revents;
-            if (!c.dead && (re & POLLIN))
+        for (auto [tag, re] : ready) {
+            if (tag & kTagWatched) {
+                // A handler may unwatch any descriptor, so look each one up again.
+                auto it = watched_.find(static_cast<int>(tag & 0xFFFFFFFFu));
+                if (it != watched_.end()) {
+                    FdHandler fn = it->second.fn; // the handler may unwatch itself
+                    fn(static_cast<short>(re));
+                }
+                continue;
+            }
+            auto it = conns_.find(tag);
+            if (it == conns_.end())
+                continue;
+            Conn &c = *it->second;
+            if (!c.dead && (re & EPOLLIN))
                 read_from(c);
-            else if (!c.dead && (re & (POLLHUP | POLLERR)) && !(re & POLLOUT))
+            else if (!c.dead && (re & (EPOLLHUP | EPOLLERR)) && !(re & EPOLLOUT))
                 c.dead = true;
             if (!c.dead && c.pending() > 0) {
                 flush(c);
@@ -701,15 +767,17 @@ void Router::run()
                 c.dead = true;
             }
         }
-        for (size_t i = first_watched; i < fds.size(); ++i) {
-            // A handler may unwatch any descriptor, so look each one up again.
-            auto it = watched_.find(fds[i].fd);
-            if (fds[i].revents && it != watched_.end()) {
-                FdHandler fn = it->second.fn; // the handler may unwatch itself
-                fn(fds[i].revents);
-            }
+        // Replies queued for other connections (notifications, indications)
+        // go out now rather than after another wait.
+        for (auto &[id, c] : conns_) {
+            if (c->dead || c->fd < 0)
+                continue;
+            if (c->pending() > 0)
+                flush(*c);
+            else if (c->closing)
+                c->dead = true;
         }
-        if (fds[0].revents & POLLIN)
+        if (accept_now)
             accept_clients();
         reap();
     }

@@ -1,4 +1,4 @@
-// router.h - the server side of the kvn-sim socket: one poll() loop that
+// router.h - the server side of the kvn-sim socket: one epoll loop that
 // accepts clients, reads packets into per-connection buffers, routes QMI
 // requests to the handset's services (applying faults), answers the device
 // requests (service list, watch, properties, log, control), and tells bound
@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -102,8 +103,10 @@ public:
     // say): `fn` runs on the loop's thread with the revents of `fd`. The
     // caller keeps owning `fd` and unwatches it before closing it.
     using FdHandler = std::function<void(short revents)>;
-    void watch(int fd, short events, FdHandler fn) { watched_[fd] = {events, std::move(fn)}; }
-    void unwatch(int fd) { watched_.erase(fd); }
+    // `events` are poll(2) bits (POLLIN, POLLOUT); watching a watched
+    // descriptor again replaces its events and handler.
+    void watch(int fd, short events, FdHandler fn);
+    void unwatch(int fd);
     TimerQueue &timers() { return timers_; }
 
 private:
@@ -111,6 +114,9 @@ private:
     void accept_clients();
     void admit(int fd);
     void read_from(Conn &c);
+    // Sets the loop's interest in each descriptor to what it now needs.
+    void update_interest();
+    void set_interest(int fd, uint64_t tag, uint32_t events, uint32_t *current);
     // Handles the whole packets buffered, while the output is not backed up.
     void process_input(Conn &c);
     bool wants_input(const Conn &c) const;
@@ -148,6 +154,9 @@ private:
         FdHandler fn;
     };
     std::map<int, Watched> watched_;
+    int epoll_fd_ = -1;
+    uint32_t listen_events_ = ~0u, signal_events_ = ~0u; // interest now (~0: not added yet)
+    std::vector<uint8_t> rbuf_; // every receive lands here first: sized once, never zero-filled again
 };
 
 } // namespace kvn_sim

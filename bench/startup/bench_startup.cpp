@@ -1,13 +1,22 @@
-// bench_startup.cpp - `kvn 4 1 0 550` against its floor (bench_floor: one
-// static process that makes the same exchange with kvn-sim and prints the same
-// lines) and against a static process that only starts and exits
-// (bench_noop), on one kvn-sim. The programs run in rotating order, one round
-// after another, so slow phases of a shared machine hit every side alike;
-// each figure is the median of the per-round ratios with its 10th and 90th
-// percentiles, for wall time and for the child's CPU time (user + system).
+// bench_startup.cpp - whole kvn commands against their floors, on one
+// kvn-sim. `kvn 4 1 0 550` against bench_floor (one static process that makes
+// the same exchange and prints the same lines) and against a static process
+// that only starts and exits (bench_noop), twice: with both print flags
+// pinned off, and in the environment a user has (only the shell flag set, so
+// the log flag is read from its property at every trace). Then `kvn 5 10 4 1`,
+// `kvn 9 0 0` and `kvn 7 1 0`, each against its own floor (bench_replay_floor:
+// a static process making the QMI requests kvn made, taken from kvn-sim's
+// journal, each run of one service on one connection, and printing the bytes
+// kvn printed), and `kvn 5 10 4 1` against qmicli reading the same card
+// status through kvn-sim's QMUX terminal. In each case the programs run in
+// rotating order, round after round, so slow phases of a shared machine hit
+// every side alike; each figure is the median of the per-round ratios with
+// its 10th and 90th percentiles, for wall time and for the child's CPU time
+// (user + system).
 //
-// Environment: KVN_BENCH_ROUNDS (default 150), KVN_BENCH_BASELINE (another
-// kvn binary, measured in the same rounds, e.g. a build before a change).
+// Environment: KVN_BENCH_ROUNDS (default 150; the added cases run a third of
+// it), KVN_BENCH_BASELINE (another kvn binary, measured in the same rounds,
+// e.g. a build before a change).
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -22,6 +31,9 @@
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
+#include "kvn_wire.h"
 #include "sim_handset.h"
 
 extern char **environ;
@@ -119,75 +131,196 @@ std::pair<double, double> row(const Program &a, const Program &b)
     return {pct(wall, 0.5), pct(cpu, 0.5)};
 }
 
+// Writes the replay script of what kvn did in `argv` on `sim`: the QMI requests
+// of the journal (a TLV the journal shortened is padded back to its length)
+// and, last, what kvn printed.
+bool record_script(const kvn_test::SimHandset &sim, const std::vector<std::string> &argv, const std::string &file)
+{
+    sim.clear_journal();
+    std::string printed = output_of(argv);
+    std::string script;
+    auto put32 = [&](uint32_t v) {
+        for (int i = 0; i < 4; ++i)
+            script.push_back(char(v >> (8 * i)));
+    };
+    for (const auto &line : sim.journal()) {
+        auto j = nlohmann::json::parse(line, nullptr, false);
+        if (!j.is_object() || !j.contains("service") || !j.contains("msg_id"))
+            continue;
+        std::vector<uint8_t> tlvs;
+        for (const auto &t : j["tlvs"]) {
+            std::string hex = t["hex"];
+            size_t len = t.value("len", hex.size() / 2);
+            tlvs.push_back(uint8_t(t["type"].get<int>()));
+            tlvs.push_back(uint8_t(len));
+            tlvs.push_back(uint8_t(len >> 8));
+            for (size_t k = 0; k < len; ++k)
+                tlvs.push_back(k * 2 + 1 < hex.size() ? uint8_t(std::stoi(hex.substr(k * 2, 2), nullptr, 16)) : 0);
+        }
+        kvn_wire::Header h;
+        h.kind = kvn_wire::Kind::Qmi;
+        h.service = j["service"].get<uint32_t>();
+        h.instance = 0xFFFF;
+        kvn_wire::QmiHeader q{kvn_wire::kQmiRequest, j["txn"].get<uint16_t>(), j["msg_id"].get<uint16_t>(),
+                              uint16_t(tlvs.size())};
+        auto pkt = kvn_wire::encode_packet(h, kvn_wire::encode_qmi(q, tlvs.data(), tlvs.size()));
+        put32(h.service);
+        put32(uint32_t(pkt.size()));
+        script.append(pkt.begin(), pkt.end());
+    }
+    put32(0);
+    put32(uint32_t(printed.size()));
+    script += printed;
+    FILE *f = fopen(file.c_str(), "wb");
+    bool ok = f && fwrite(script.data(), 1, script.size(), f) == script.size();
+    if (f)
+        fclose(f);
+    return ok;
+}
+
+// One case: progs[0] is kvn, progs[1] what it is measured against; a
+// baseline kvn, when given, runs in the same rounds.
+struct Case {
+    std::string title, summary, aim;
+    std::vector<Program> progs;
+    bool same_output = true;
+    bool user_env = false; // only the shell flag set; else both flags pinned off
+    int rounds = 0;
+};
+
+void set_env(bool user_env)
+{
+    setenv("PELMOX_SHELL_PRINT_FLAG", "0", 1);
+    if (user_env)
+        unsetenv("PELMOX_PRINT_FLAG");
+    else
+        setenv("PELMOX_PRINT_FLAG", "0", 1);
+}
+
+// Runs a case; false when a program fails or prints what its floor does not.
+bool run_case(Case &c)
+{
+    set_env(c.user_env);
+    if (c.same_output) {
+        const std::string expected = output_of(c.progs[1].argv);
+        for (size_t i = 0; i < c.progs.size(); ++i) {
+            if (c.progs[i].label == "no-op")
+                continue;
+            std::string out = output_of(c.progs[i].argv);
+            if (out != expected || out.empty()) {
+                fprintf(stderr, "%s: %s prints\n%s\nbut the floor prints\n%s\n", c.title.c_str(),
+                        c.progs[i].label.c_str(), out.c_str(), expected.c_str());
+                return false;
+            }
+        }
+    }
+    for (int round = 0; round < c.rounds; ++round)
+        for (size_t k = 0; k < c.progs.size(); ++k) {
+            Program &p = c.progs[(k + size_t(round)) % c.progs.size()];
+            Cost cost;
+            if (!run(p.argv, &cost)) {
+                fprintf(stderr, "%s: %s failed\n", c.title.c_str(), p.label.c_str());
+                return false;
+            }
+            p.runs.push_back(cost);
+        }
+    printf("%s, %d rounds in rotating order; median ratio (10th-90th percentile)\n\n", c.title.c_str(), c.rounds);
+    printf("| A / B | wall | CPU |\n|---|---|---|\n");
+    const auto [wall, cpu] = row(c.progs[0], c.progs[1]);
+    std::pair<double, double> base{0, 0};
+    for (size_t i = 2; i < c.progs.size(); ++i) {
+        if (c.progs[i].label == "baseline kvn")
+            base = row(c.progs[i], c.progs[1]);
+        else
+            row(c.progs[0], c.progs[i]);
+    }
+    printf("\nMedians: ");
+    for (const auto &p : c.progs) {
+        std::vector<double> w, cp;
+        for (const auto &x : p.runs) {
+            w.push_back(x.wall_us);
+            cp.push_back(x.cpu_us);
+        }
+        printf("%s %.0f us wall, %.0f us CPU; ", p.label.c_str(), pct(w, 0.5), pct(cp, 0.5));
+    }
+    printf("\n\n");
+    // One line per figure for scripts/bench's summary table.
+    printf("summary | %s, wall / CPU | %.2fx / %.2fx | %s\n", c.summary.c_str(), wall, cpu, c.aim.c_str());
+    if (base.first > 0)
+        printf("summary | (baseline kvn) %s, wall / CPU | %.2fx / %.2fx | (before)\n", c.summary.c_str(), base.first,
+               base.second);
+    return true;
+}
+
 } // namespace
 
 int main()
 {
     const char *r = getenv("KVN_BENCH_ROUNDS");
     const int rounds = r ? std::max(1, atoi(r)) : 150;
-    // The tool's quiet mode: no terminal traces, no log traces.
-    setenv("PELMOX_SHELL_PRINT_FLAG", "0", 1);
-    setenv("PELMOX_PRINT_FLAG", "0", 1);
+    set_env(false);
     kvn_test::SimHandset sim;
     if (!sim.started()) {
         fprintf(stderr, "kvn-sim did not start\n");
         return 1;
     }
     setenv("KVN_SIM_SOCKET", sim.socket().c_str(), 1);
-
-    const std::string dir = bin_dir();
-    std::vector<Program> progs = {
-        {"kvn", {kvn_test::kvn_bin(), "4", "1", "0", "550"}, {}},
-        {"floor", {dir + "/bench_floor"}, {}},
-        {"no-op", {dir + "/bench_noop"}, {}},
+    const char *baseline = getenv("KVN_BENCH_BASELINE");
+    const std::string dir = bin_dir(), kvn = kvn_test::kvn_bin();
+    auto with_baseline = [&](std::vector<Program> progs, const std::vector<std::string> &args) {
+        if (baseline && *baseline) {
+            std::vector<std::string> argv{baseline};
+            argv.insert(argv.end(), args.begin(), args.end());
+            progs.push_back({"baseline kvn", argv, {}});
+        }
+        return progs;
     };
-    if (const char *b = getenv("KVN_BENCH_BASELINE"); b && *b)
-        progs.push_back({"baseline kvn", {b, "4", "1", "0", "550"}, {}});
-
-    const std::string expected = output_of(progs[1].argv);
-    for (size_t i = 0; i < progs.size(); ++i) {
-        if (i == 2)
-            continue;
-        std::string out = output_of(progs[i].argv);
-        if (out != expected || out.empty()) {
-            fprintf(stderr, "%s prints\n%s\nbut the floor prints\n%s\n", progs[i].label.c_str(), out.c_str(),
-                    expected.c_str());
+    auto kvn_argv = [&](const std::vector<std::string> &args) {
+        std::vector<std::string> argv{kvn};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return argv;
+    };
+    const std::vector<std::string> nv = {"4", "1", "0", "550"};
+    std::vector<Case> cases;
+    for (bool user : {false, true})
+        cases.push_back({std::string("`kvn 4 1 0 550`") + (user ? ", shell flag only" : ", both flags pinned"),
+                         std::string("`kvn 4 1 0 550` against its floor") + (user ? ", shell flag only" : ", flags pinned"),
+                         user ? "at most 1.10x" : "at most 1.30x",
+                         with_baseline({{"kvn", kvn_argv(nv), {}}, {"floor", {dir + "/bench_floor"}, {}},
+                                        {"no-op", {dir + "/bench_noop"}, {}}},
+                                       nv),
+                         true, user, rounds});
+    for (const std::vector<std::string> &args :
+         {std::vector<std::string>{"5", "10", "4", "1"}, {"9", "0", "0"}, {"7", "1", "0"}}) {
+        std::string name = "`kvn";
+        for (const auto &a : args)
+            name += " " + a;
+        name += "`";
+        set_env(true);
+        std::string script = sim.dir() + "/replay-" + args[0] + ".bin";
+        if (!record_script(sim, kvn_argv(args), script)) {
+            fprintf(stderr, "%s: cannot record its exchanges\n", name.c_str());
             return 1;
         }
+        cases.push_back({name + ", shell flag only", name + " against its floor, shell flag only", "at most 1.30x",
+                         with_baseline({{"kvn", kvn_argv(args), {}}, {"floor", {dir + "/bench_replay_floor", script}, {}}},
+                                       args),
+                         true, true, std::max(1, rounds / 3)});
     }
-
-    for (int round = 0; round < rounds; ++round)
-        for (size_t k = 0; k < progs.size(); ++k) {
-            Program &p = progs[(k + size_t(round)) % progs.size()];
-            Cost c;
-            if (!run(p.argv, &c)) {
-                fprintf(stderr, "%s failed\n", p.label.c_str());
-                return 1;
-            }
-            p.runs.push_back(c);
-        }
-
-    printf("`kvn 4 1 0 550`, %d rounds in rotating order; median ratio (10th-90th percentile)\n\n", rounds);
-    printf("| A / B | wall | CPU |\n|---|---|---|\n");
-    const auto [wall, cpu] = row(progs[0], progs[1]);
-    row(progs[0], progs[2]);
-    row(progs[1], progs[2]);
-    if (progs.size() > 3) {
-        row(progs[0], progs[3]);
-        row(progs[3], progs[1]);
-    }
-    printf("\nMedians: ");
-    for (const auto &p : progs) {
-        std::vector<double> w, c;
-        for (const auto &x : p.runs) {
-            w.push_back(x.wall_us);
-            c.push_back(x.cpu_us);
-        }
-        printf("%s %.0f us wall, %.0f us CPU; ", p.label.c_str(), pct(w, 0.5), pct(c, 0.5));
-    }
-    printf("\n\n");
-    // One line per figure for scripts/bench's summary table.
-    printf("summary | `kvn 4 1 0 550` against its floor, wall | %.2fx | at most 1.30x\n", wall);
-    printf("summary | `kvn 4 1 0 550` against its floor, CPU | %.2fx | at most 1.30x\n", cpu);
+    // qmicli on the handset's QMUX terminal, when it has one.
+    const std::string status = sim.ctl({"status"}).out;
+    const auto at = status.find("\npty ");
+    const std::string pty = at == std::string::npos ? "" : status.substr(at + 5, status.find('\n', at + 5) - at - 5);
+    if (!pty.empty() && access("/usr/bin/qmicli", X_OK) == 0)
+        cases.push_back({"`kvn 5 10 4 1` against `qmicli --device-open-qmi --uim-get-card-status` on kvn-sim's terminal",
+                         "`kvn 5 10 4 1` against qmicli, same card status", "at most 0.30x",
+                         {{"kvn", kvn_argv({"5", "10", "4", "1"}), {}},
+                          {"qmicli", {"/usr/bin/qmicli", "-d", pty, "--device-open-qmi", "--uim-get-card-status"}, {}}},
+                         false, true, std::max(1, rounds / 5)});
+    else
+        printf("(no QMUX terminal or no qmicli: the qmicli case is not run)\n\n");
+    for (auto &c : cases)
+        if (!run_case(c))
+            return 1;
     return 0;
 }

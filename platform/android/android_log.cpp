@@ -1,17 +1,24 @@
 // android_log.cpp - host build of the Android log writer. Each line is
 // formatted here and sent to the simulated handset's log buffer as one LOG
 // packet; no reply is awaited and, with nothing listening, the line is
-// dropped. Nothing ever goes to the terminal. Kept apart from the property
-// code so a test can link its own recording __android_log_print instead.
+// dropped. Nothing ever goes to the terminal. A process keeps one connection
+// for its lines (as a handset's logger keeps its socket), opened at the first
+// line and again when the handset has closed it, its socket path changed or
+// the process is a fork of the one that opened it. Kept apart from the
+// property code so a test can link its own recording __android_log_print
+// instead.
 #include <android/log.h>
 
 #include "kvn_wire.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <string>
 #include <vector>
 
 namespace {
@@ -19,6 +26,48 @@ namespace {
 // Longest formatted message kept; longer lines are cut, as the handset's
 // logger cuts them.
 constexpr size_t kMaxMessage = 4068;
+
+// The process's connection for log lines.
+struct LogConnection {
+    std::mutex mutex;
+    int fd = -1;
+    pid_t owner = 0; // the process that opened fd
+    std::string path;
+
+    void reset()
+    {
+        if (fd >= 0)
+            close(fd);
+        fd = -1;
+    }
+    // Sends one packet, on the kept connection when it still takes it, else
+    // on a new one.
+    bool send(const kvn_wire::Header &h, const std::vector<uint8_t> &payload)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::string now = kvn_wire::default_socket_path();
+        if (fd >= 0 && (owner != getpid() || path != now))
+            reset();
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            if (fd < 0) {
+                fd = kvn_wire::connect_unix(now);
+                if (fd < 0)
+                    return false;
+                // A handset that stops reading never holds up the tool: a
+                // full socket counts as closed.
+                fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+                owner = getpid();
+                path = now;
+            }
+            if (kvn_wire::write_packet(fd, h, payload))
+                return true;
+            reset(); // the handset closed it (idle, restarted): once more on a new one
+        }
+        return false;
+    }
+};
+
+LogConnection g_log;
 
 } // namespace
 
@@ -48,12 +97,7 @@ extern "C" int __android_log_print(int prio, const char *tag, const char *fmt, .
     if (payload.size() > kvn_wire::kMaxPayload)
         payload.resize(kvn_wire::kMaxPayload);
 
-    int fd = kvn_wire::connect_unix(kvn_wire::default_socket_path());
-    if (fd < 0)
-        return 0;
     kvn_wire::Header h;
     h.kind = kvn_wire::Kind::Log;
-    bool ok = kvn_wire::write_packet(fd, h, payload);
-    close(fd);
-    return ok ? static_cast<int>(mlen) : 0;
+    return g_log.send(h, payload) ? static_cast<int>(mlen) : 0;
 }

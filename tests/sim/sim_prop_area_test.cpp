@@ -1,0 +1,146 @@
+// sim_prop_area_test.cpp - the property area (kvn-sim's writer against the client's
+// property_get, in one process and through a daemon); the client's one log connection.
+#include <android/log.h>
+#include <cutils/properties.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+#include <thread>
+
+#include "prop_area.h"
+#include "prop_area_layout.h"
+#include "sim_handset.h"
+
+namespace {
+
+class PropAreaTest : public testing::Test {
+protected:
+    void SetUp() override { setenv("KVN_SIM_SOCKET", socket.c_str(), 1); }
+    void TearDown() override { unsetenv("KVN_SIM_SOCKET"); }
+    std::string get(const char *key) { char v[PROPERTY_VALUE_MAX]; return property_get(key, v, "unset"), v; }
+    std::unique_ptr<kvn_sim::PropArea> make(const std::string &path)
+    {
+        std::string err;
+        auto w = kvn_sim::PropArea::create(path, &err);
+        EXPECT_TRUE(w) << err;
+        return w;
+    }
+    kvn_test::TempDir dir;
+    std::string socket = dir.path() + "/s.sock", area = socket + ".props";
+};
+
+// Readers racing a writer that flips between a short and a long value only
+// ever see one of the two whole.
+TEST_F(PropAreaTest, ReadersNeverSeeATornValue)
+{
+    auto w = make(area);
+    const std::string a = "a", b(91, 'b');
+    w->set("k", a);
+    std::atomic<bool> done{false};
+    std::atomic<int> bad{0}, seen_b{0};
+    auto reader = [&] {
+        for (std::string v; !done; bad += v != a && v != b, seen_b += v == b)
+            v = get("k");
+    };
+    std::thread readers[] = {std::thread(reader), std::thread(reader)};
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+    for (int i = 0; std::chrono::steady_clock::now() < end; ++i)
+        w->set("k", i % 2 ? b : a);
+    done = true;
+    for (auto &r : readers)
+        r.join();
+    EXPECT_EQ(0, bad.load());
+    EXPECT_GT(seen_b.load(), 0);
+}
+
+// Every change shows at the next read, also across a daemon replaced with an
+// area of its own; once the area is gone the value is unset again.
+TEST_F(PropAreaTest, NextReadSeesEveryChangeAndAReplacement)
+{
+    auto first = make(area);
+    for (const char *v : {"1", "two", ""}) {
+        first->set("p", v);
+        EXPECT_EQ(v, get("p"));
+    }
+    auto second = make(area);
+    second->set("p", "new");
+    EXPECT_EQ("new", get("p"));
+    second.reset();
+    EXPECT_EQ("unset", get("p"));
+}
+
+// A reader trusts neither a link nor a file others may write. The writer
+// makes an owner-only file and replaces a link planted at its path without
+// writing through it (here to another daemon's area, which stays alive).
+TEST_F(PropAreaTest, FileIsOwnerOnlyAndLinksAreNotFollowed)
+{
+    std::string real = dir.path() + "/real.props";
+    auto other = make(real);
+    other->set("p", "v");
+    ASSERT_EQ(0, symlink(real.c_str(), area.c_str()));
+    EXPECT_EQ("unset", get("p")) << "read through a link";
+    ASSERT_EQ(0, unlink(area.c_str()));
+    ASSERT_EQ(0, link(real.c_str(), area.c_str()));
+    ASSERT_EQ(0, chmod(area.c_str(), 0620));
+    EXPECT_EQ("unset", get("p")) << "trusted a file others may write";
+    ASSERT_EQ(0, chmod(area.c_str(), 0600));
+    EXPECT_EQ("v", get("p"));
+    ASSERT_EQ(0, unlink(area.c_str()));
+    ASSERT_EQ(0, symlink(real.c_str(), area.c_str()));
+    auto w = make(area);
+    struct stat st {};
+    ASSERT_EQ(0, lstat(area.c_str(), &st));
+    EXPECT_EQ(S_IFREG | 0600u, st.st_mode);
+    prop_area::Header h{};
+    std::ifstream(real).read(reinterpret_cast<char *>(&h), sizeof h);
+    EXPECT_EQ(0u, h.dead) << "marked the linked area dead";
+}
+
+// Through a daemon: property_set returns once readers see the value, a
+// change made another way shows at the next read, and the area of a daemon
+// that died is not trusted.
+TEST(PropAreaDaemon, ChangesShowAtOnceAndADeadDaemonIsNotTrusted)
+{
+    kvn_test::SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    setenv("KVN_SIM_SOCKET", sim.socket().c_str(), 1);
+    char v[PROPERTY_VALUE_MAX];
+    EXPECT_EQ(0, property_set("persist.t", "one"));
+    EXPECT_EQ(3, property_get("persist.t", v, ""));
+    sim.ctl({"prop", "set", "persist.t", "second"});
+    EXPECT_EQ(6, property_get("persist.t", v, ""));
+    std::string status = sim.ctl({"status"}).out;
+    ASSERT_EQ(0, kill(atoi(status.c_str() + status.find("pid ") + 4), SIGKILL));
+    for (int i = 0; i < 5000 && property_get("persist.t", v, "") != 0; ++i)
+        usleep(1000);
+    EXPECT_STREQ("", v);
+}
+
+// Log lines share one connection per process, and a closed one is replaced.
+TEST_F(PropAreaTest, LogLinesShareOneConnection)
+{
+    int l = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    sockaddr_un a{AF_UNIX, {}};
+    socket.copy(a.sun_path, sizeof a.sun_path - 1);
+    ASSERT_EQ(0, bind(l, reinterpret_cast<sockaddr *>(&a), sizeof a));
+    ASSERT_EQ(0, listen(l, 8));
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 3; ++i)
+            ASSERT_EQ(4, __android_log_print(ANDROID_LOG_INFO, "t", "line"));
+        int c = accept(l, nullptr, nullptr);
+        EXPECT_GT(0, accept(l, nullptr, nullptr)) << "a connection per line";
+        char buf[256];
+        EXPECT_EQ(3 * (16 + 7), recv(c, buf, sizeof buf, MSG_DONTWAIT));
+        close(c);
+    }
+    close(l);
+}
+
+} // namespace
