@@ -105,6 +105,13 @@ public:
     void watch(int fd, short events, FdHandler fn) { watched_[fd] = {events, std::move(fn)}; }
     void unwatch(int fd) { watched_.erase(fd); }
     TimerQueue &timers() { return timers_; }
+    // Another way in to the handset's services (the QMUX terminal), told of
+    // indications and modem restarts as the socket's clients are.
+    struct Peer {
+        std::function<size_t(uint32_t service, uint16_t msg_id, const std::vector<uint8_t> &tlvs)> indicate;
+        std::function<void()> modem_restarted;
+    };
+    void set_peer(Peer p) { peer_ = std::move(p); }
 
 private:
     struct Conn;
@@ -148,6 +155,7 @@ private:
         FdHandler fn;
     };
     std::map<int, Watched> watched_;
+    Peer peer_;
 };
 
 } // namespace kvn_sim
