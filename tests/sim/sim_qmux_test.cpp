@@ -126,7 +126,8 @@ TEST(QmuxPort, IndicationsAndAModemRestartAsTheTerminalSeesThem)
     EXPECT_NE(sim.ctl({"status"}).out.find("\nqmux_cids 0\n"), std::string::npos);
     // Until the services are back, version info lists CTL alone.
     c.write_hex("01 0b00 00 00 00 | 00 02 2100 0000");
-    EXPECT_EQ(c.read_frame(), frame("01 1b00 80 00 00 | 01 02 2100 1000 | 02 0400 0000 0000 | 01 0600 01 00 0100 0500"));
+    EXPECT_EQ(c.read_frame(),
+              frame("01 1b00 80 00 00 | 01 02 2100 1000 | 02 0400 0000 0000 | 01 0600 01 00 0100 0500"));
 }
 
 // Recorded: UIM message 0x7fff with TLV 1 = aa answered with TLV 0x10 = beef,
