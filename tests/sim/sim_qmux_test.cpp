@@ -192,17 +192,12 @@ TEST(AtTerminal, AWriterTurningEchoOnDoesNotMakeTheDaemonAnswerItself)
 {
     kvn_test::SimHandset sim;
     ASSERT_TRUE(sim.started());
-    std::string out = sim.ctl({"status"}).out, at;
-    auto pos = out.find("device at: up ");
-    ASSERT_NE(pos, std::string::npos) << out;
-    at = out.substr(pos + 14, out.find('\n', pos) - pos - 14);
-    int fd = open(at.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_GE(fd, 0) << at;
+    const std::string out = sim.ctl({"status"}).out;
+    const auto pos = out.find("device at: up ") + 14;
+    int fd = open(out.substr(pos, out.find('\n', pos) - pos).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     termios t{};
-    ASSERT_EQ(tcgetattr(fd, &t), 0);
-    t.c_lflag |= ECHO | ICANON;
-    t.c_iflag |= ICRNL;
-    t.c_oflag |= OPOST | ONLCR;
+    ASSERT_EQ(tcgetattr(fd, &t), 0) << out;
+    t.c_lflag |= ECHO | ICANON, t.c_iflag |= ICRNL, t.c_oflag |= OPOST | ONLCR; // a terminal program's modes
     ASSERT_EQ(tcsetattr(fd, TCSANOW, &t), 0);
     sim.clear_journal();
     ASSERT_EQ(write(fd, "AT\r", 3), 3);
