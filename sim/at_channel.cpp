@@ -83,8 +83,28 @@ void AtChannel::close_pty()
     line_.clear();
 }
 
+namespace {
+
+// A writer may change the shared terminal's modes; with echo on, the replies
+// the daemon writes would come back to it as input and be answered again. The
+// modes are put back to raw before every read and every reply.
+void keep_raw(int fd)
+{
+    termios t{};
+    if (fd < 0 || tcgetattr(fd, &t) != 0)
+        return;
+    termios raw = t;
+    cfmakeraw(&raw);
+    if (t.c_iflag != raw.c_iflag || t.c_oflag != raw.c_oflag || t.c_lflag != raw.c_lflag ||
+        t.c_cflag != raw.c_cflag)
+        tcsetattr(fd, TCSANOW, &raw);
+}
+
+} // namespace
+
 void AtChannel::on_readable(short revents)
 {
+    keep_raw(slave_);
     uint8_t buf[4096];
     ssize_t n = read(master_, buf, sizeof buf);
     if (n <= 0) {
@@ -97,7 +117,12 @@ void AtChannel::on_readable(short revents)
         }
         return;
     }
-    for (ssize_t i = 0; i < n; ++i) {
+    feed(buf, static_cast<size_t>(n));
+}
+
+void AtChannel::feed(const uint8_t *buf, size_t n)
+{
+    for (size_t i = 0; i < n; ++i) {
         char c = static_cast<char>(buf[i]);
         if (c == '\n')
             continue;
@@ -123,6 +148,7 @@ void AtChannel::on_line()
     line_.clear();
     const char *reply = at ? "\r\nOK\r\n" : "\r\nERROR\r\n";
     size_t len = std::strlen(reply);
+    keep_raw(slave_);
     // Nobody may be reading the replies: when the terminal's buffer is full,
     // drop what waits there rather than block the handset.
     if (write(master_, reply, len) < 0 && errno == EAGAIN) {

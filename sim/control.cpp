@@ -128,7 +128,10 @@ const std::pair<const char *, Op> kOps[] = {
                      {"devices", devices_of(c.h)},
                      {"restarts", c.h.counters.restarts},
                      {"full_dumps", c.h.counters.full_dumps},
-                     {"nv_syncs", c.h.counters.nv_syncs}};
+                     {"nv_syncs", c.h.counters.nv_syncs},
+                     {"qmux_cids", c.h.counters.qmux_cids},
+                     {"qmux_queued", c.h.counters.qmux_queued},
+                     {"qmux_dropped", c.h.counters.qmux_dropped}};
      }},
     {"stop", [](Ctx &c) {
          c.r.stop();

@@ -25,6 +25,9 @@ struct DeviceCounters {
     uint64_t restarts = 0;   // modem restarts (`kvn-sim ssr`, SSR requests, full dumps)
     uint64_t full_dumps = 0; // dump files written
     uint64_t nv_syncs = 0;   // NV sync requests
+    size_t qmux_cids = 0;    // client ids the QMUX terminal has handed out, now
+    size_t qmux_queued = 0;  // bytes of replies queued for the QMUX terminal, now
+    uint64_t qmux_dropped = 0; // replies dropped because that queue was full
 };
 
 } // namespace kvn_sim

@@ -29,6 +29,8 @@ public:
     void set_up(bool up) override;
     std::string handset_path() const override { return "/dev/smd8"; }
     std::string host_path() const override { return up() ? slave_path_ : std::string(); }
+    // Bytes as if a writer had written them to the terminal (fuzzing).
+    void feed(const uint8_t *p, size_t n);
 
 private:
     bool open_pty(std::string *err);

@@ -18,6 +18,7 @@
 #include "properties.h"
 #include "radio_state.h"
 #include "records.h"
+#include "replay.h"
 #include "service.h"
 #include "services/extend4.h"
 #include "uim_slots.h"
@@ -55,6 +56,7 @@ public:
     RadioState radio;     // statistics values, feature switches, SAR DSI
     ModemStatsAnswers modem_stats; // answers of command 4 request types 20 and 27
     ServiceRegistry services;
+    Replay replay; // recorded answers that take precedence over the services' own (scenario "replay")
 
     // The handset's device channels by name ("at", "diag"); each registers
     // itself while it exists (owned by the daemon).

@@ -24,7 +24,7 @@ constexpr size_t kQmuxHeader = 5;    // length u16, control flags, service, clie
 constexpr size_t kCtlHeader = 6;     // flags, u8 transaction, u16 message, u16 TLV length
 constexpr size_t kServiceHeader = 7; // flags, u16 transaction, u16 message, u16 TLV length
 constexpr uint8_t kFromControlPoint = 0x00, kFromService = 0x80;
-constexpr uint8_t kCtlResponse = 0x01, kServiceResponse = 0x02;
+constexpr uint8_t kCtlResponse = 0x01, kCtlIndication = 0x02, kServiceResponse = 0x02, kServiceIndication = 0x04;
 constexpr uint8_t kServiceCtl = 0x00;
 constexpr uint8_t kBroadcastCid = 0xFF; // never handed out
 
@@ -97,45 +97,61 @@ std::unique_ptr<QmuxPort> QmuxPort::open(Handset &h, Router &r, std::string *err
 QmuxPort::QmuxPort(Handset &h, Router &r, int master, int slave, std::string path)
     : h_(h), r_(r), master_(master), slave_(slave), path_(std::move(path))
 {
+    r_.set_peer({[this](uint32_t service, uint16_t msg, const std::vector<uint8_t> &tlvs) {
+                     return indicate(service, msg, tlvs);
+                 },
+                 [this] { modem_restarted(); }});
     rewatch();
 }
 
 QmuxPort::~QmuxPort()
 {
+    r_.set_peer({});
     r_.unwatch(master_);
     close(master_);
     close(slave_);
+    h_.counters.qmux_cids = h_.counters.qmux_queued = 0;
 }
 
 void QmuxPort::rewatch()
 {
-    r_.watch(master_, static_cast<short>(POLLIN | (out_.empty() ? 0 : POLLOUT)),
-             [this](short revents) { on_ready(revents); });
+    // No reading while the replies back up: the writer's requests wait in
+    // the terminal, which blocks the writer once full.
+    const short ev = static_cast<short>((out_bytes_ < kOutputHigh ? POLLIN : 0) | (out_.empty() ? 0 : POLLOUT));
+    r_.watch(master_, ev, [this](short revents) { on_ready(revents); });
 }
 
 void QmuxPort::on_ready(short revents)
 {
     if (revents & POLLOUT)
         flush();
-    if (!(revents & POLLIN))
-        return;
+    if (!in_.empty())
+        take_frames(); // frames held back while the queue was full
     uint8_t buf[4096];
-    for (;;) {
+    while ((revents & POLLIN) && out_bytes_ < kOutputHigh) {
         ssize_t n = read(master_, buf, sizeof buf);
         if (n <= 0)
             break;
         in_.insert(in_.end(), buf, buf + n);
+        take_frames();
     }
+    rewatch();
+}
+
+void QmuxPort::feed(std::span<const uint8_t> bytes)
+{
+    flush();
+    in_.insert(in_.end(), bytes.begin(), bytes.end());
     take_frames();
 }
 
-// Cuts whole frames off the front of what was read. A byte that cannot start
-// a frame (not the marker, or a length out of bounds) is skipped, so the
-// reader finds the next frame after line noise.
+// Cuts whole frames off the front of what was read, while the replies do not
+// back up. A byte that cannot start a frame (not the marker, or a length out
+// of bounds) is skipped, so the reader finds the next frame after line noise.
 void QmuxPort::take_frames()
 {
     size_t pos = 0, skipped = 0;
-    while (in_.size() - pos >= 1 + kQmuxHeader) {
+    while (out_bytes_ < kOutputHigh && in_.size() - pos >= 1 + kQmuxHeader) {
         const uint8_t *f = in_.data() + pos;
         size_t len = kvn_wire::get_u16(f + 1);
         if (f[0] != kMarker || len < kQmuxHeader + kCtlHeader || len > kMaxQmuxLength) {
@@ -154,27 +170,114 @@ void QmuxPort::take_frames()
     if (skipped)
         h_.note(kLogWarn, "qmux: " + std::to_string(skipped) + " bytes outside a frame skipped");
     in_.erase(in_.begin(), in_.begin() + static_cast<std::ptrdiff_t>(pos));
+    consumed_ += pos;
+    if (in_.empty() && in_.capacity() > 2 * kMaxQmuxLength)
+        in_.shrink_to_fit();
+    // What is left is a frame begun and not whole (unless the queue holds it
+    // back): it gets a deadline, counted from its first byte.
+    if (!in_.empty() && out_bytes_ < kOutputHigh && partial_armed_ != consumed_) {
+        partial_armed_ = consumed_;
+        r_.timers().add(kPartialFrame, [this, alive = std::weak_ptr<bool>(alive_), start = consumed_] {
+            if (alive.lock())
+                expire_partial(start);
+        });
+    }
 }
 
-void QmuxPort::send(uint8_t service, uint8_t cid, std::vector<uint8_t> sdu)
+void QmuxPort::expire_partial(uint64_t start)
 {
-    std::vector<uint8_t> frame{kMarker};
+    if (consumed_ != start || in_.empty())
+        return; // that frame was completed meanwhile
+    partial_armed_ = UINT64_MAX;
+    if (out_bytes_ >= kOutputHigh)
+        return; // held back, not partial; re-armed once the queue drains
+    h_.note(kLogWarn, "qmux: frame incomplete after " + std::to_string(kPartialFrame.count()) + " ms (" +
+                          std::to_string(in_.size()) + " bytes) dropped");
+    // Skip its marker and look for the next frame in what followed.
+    in_.erase(in_.begin());
+    ++consumed_;
+    take_frames();
+    rewatch();
+}
+
+void QmuxPort::send(uint8_t service, uint8_t cid, const std::vector<uint8_t> &sdu)
+{
+    const size_t size = 1 + kQmuxHeader + sdu.size();
+    if (size - 1 > 0xFFFF) {
+        h_.note(kLogWarn, "qmux: a reply of " + std::to_string(sdu.size()) + " bytes does not fit a frame; dropped");
+        return;
+    }
+    if (out_bytes_ + size > kOutputMax) {
+        ++h_.counters.qmux_dropped;
+        if (!dropping_)
+            h_.note(kLogWarn, "qmux: terminal not read, " + std::to_string(out_bytes_) +
+                                  " bytes waiting; replies dropped until it drains");
+        dropping_ = true;
+        return;
+    }
+    std::vector<uint8_t> frame;
+    frame.reserve(size);
+    frame.push_back(kMarker);
     put_u16(frame, static_cast<uint16_t>(kQmuxHeader + sdu.size()));
     frame.insert(frame.end(), {kFromService, service, cid});
     frame.insert(frame.end(), sdu.begin(), sdu.end());
-    out_.insert(out_.end(), frame.begin(), frame.end());
+    out_bytes_ += frame.size();
+    out_.push_back(std::move(frame));
     flush();
+    rewatch();
 }
 
 void QmuxPort::flush()
 {
     while (!out_.empty()) {
-        ssize_t n = write(master_, out_.data(), out_.size());
+        const auto &f = out_.front();
+        ssize_t n = write(master_, f.data() + out_offset_, f.size() - out_offset_);
         if (n <= 0)
             break;
-        out_.erase(out_.begin(), out_.begin() + n);
+        out_offset_ += static_cast<size_t>(n);
+        out_bytes_ -= static_cast<size_t>(n);
+        if (out_offset_ == f.size()) {
+            out_.pop_front();
+            out_offset_ = 0;
+        }
     }
-    rewatch();
+    if (out_.empty()) {
+        out_.shrink_to_fit(); // a backlog's memory goes back once it is written
+        dropping_ = false;
+    }
+    h_.counters.qmux_queued = out_bytes_;
+}
+
+size_t QmuxPort::cid_count() const
+{
+    size_t n = 0;
+    for (const auto &[service, used] : cids_)
+        n += used.count();
+    return n;
+}
+
+size_t QmuxPort::indicate(uint32_t service, uint16_t msg_id, const std::vector<uint8_t> &tlvs)
+{
+    auto it = service <= 0xFF ? cids_.find(static_cast<uint8_t>(service)) : cids_.end();
+    if (it == cids_.end() || it->second.none())
+        return 0;
+    send_qmi(it->first, kBroadcastCid, kServiceIndication, 0, msg_id, tlvs);
+    return it->second.count();
+}
+
+void QmuxPort::modem_restarted()
+{
+    if (cid_count() == 0)
+        return; // nobody to tell
+    for (auto &[service, used] : cids_)
+        for (unsigned cid = 1; cid < kBroadcastCid; ++cid)
+            if (used.test(cid))
+                release(service, static_cast<uint8_t>(cid));
+    h_.note(kLogInfo, "qmux: modem restart, every client id forgotten");
+    std::vector<uint8_t> sync{kCtlIndication, 0};
+    put_u16(sync, kCtlSync);
+    put_u16(sync, 0);
+    send(kServiceCtl, kBroadcastCid, sync);
 }
 
 /* ---- routing ---- */
@@ -206,22 +309,40 @@ void QmuxPort::on_service(uint8_t service, uint8_t cid, std::span<const uint8_t>
     const uint16_t txn = kvn_wire::get_u16(&sdu[1]);
     const uint16_t msg = kvn_wire::get_u16(&sdu[3]);
     auto tlvs = sdu.subspan(kServiceHeader);
-    h_.journal.record(service, msg, txn, tlvs);
+    h_.journal.record(service, msg, txn, tlvs, Via::Qmux);
     auto *e = h_.services.find(service);
     if (!e || !e->up)
         return; // a service that went down does not answer
-    std::vector<uint8_t> area = e->service->handle(QmiRequest{qmux_conn_id(service, cid), msg, txn, tlvs});
-    std::vector<uint8_t> out{kServiceResponse};
+    if (const auto *a = h_.replay.answer(service, msg, tlvs)) {
+        send_qmi(service, cid, kServiceResponse, txn, msg, a->response);
+        // Recorded indications go to this client, or to every client of
+        // another service.
+        for (const auto &ind : a->indications)
+            ind.service == service ? send_qmi(service, cid, kServiceIndication, 0, ind.msg_id, ind.tlvs)
+                                   : (void)r_.indicate(ind.service, ind.msg_id, ind.tlvs);
+        return;
+    }
+    send_qmi(service, cid, kServiceResponse, txn, msg,
+             e->service->handle(QmiRequest{qmux_conn_id(service, cid), msg, txn, tlvs}));
+    h_.run_after_reply();
+}
+
+void QmuxPort::send_qmi(uint8_t service, uint8_t cid, uint8_t flags, uint16_t txn, uint16_t msg,
+                        const std::vector<uint8_t> &tlvs)
+{
+    std::vector<uint8_t> out{flags};
+    out.reserve(kServiceHeader + tlvs.size());
     put_u16(out, txn);
     put_u16(out, msg);
-    put_u16(out, static_cast<uint16_t>(area.size()));
-    out.insert(out.end(), area.begin(), area.end());
-    send(service, cid, std::move(out));
+    put_u16(out, static_cast<uint16_t>(tlvs.size()));
+    out.insert(out.end(), tlvs.begin(), tlvs.end());
+    send(service, cid, out);
 }
 
 void QmuxPort::release(uint8_t service, uint8_t cid)
 {
     cids_[service].reset(cid);
+    h_.counters.qmux_cids = cid_count();
     if (auto *e = h_.services.find(service))
         e->service->connection_closed(qmux_conn_id(service, cid));
 }
@@ -233,7 +354,7 @@ void QmuxPort::on_ctl(std::span<const uint8_t> sdu)
     const uint8_t txn = sdu[1];
     const uint16_t msg = kvn_wire::get_u16(&sdu[2]);
     auto area = sdu.subspan(kCtlHeader);
-    h_.journal.record(kServiceCtl, msg, txn, area);
+    h_.journal.record(kServiceCtl, msg, txn, area, Via::Qmux);
     auto tlvs = parse_tlvs(area);
     const Tlv *arg = tlvs ? find_tlv(*tlvs, 0x01) : nullptr;
     std::vector<uint8_t> reply;
@@ -288,6 +409,7 @@ void QmuxPort::on_ctl(std::span<const uint8_t> sdu)
             break;
         }
         used.set(cid);
+        h_.counters.qmux_cids = cid_count();
         const uint8_t info[2] = {service, cid};
         ok.add(0x01, info, 2);
         reply = ok.take();
@@ -329,7 +451,7 @@ void QmuxPort::on_ctl(std::span<const uint8_t> sdu)
     put_u16(out, msg);
     put_u16(out, static_cast<uint16_t>(reply.size()));
     out.insert(out.end(), reply.begin(), reply.end());
-    send(kServiceCtl, 0, std::move(out));
+    send(kServiceCtl, 0, out);
 }
 
 } // namespace kvn_sim

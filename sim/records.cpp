@@ -73,7 +73,7 @@ void SeqRing::clear_upto(uint64_t seq)
 /* ---- journal ---- */
 
 // A stored entry starts with its kind: kLine, a ready JSON line, or kRequest,
-// then a QMI request stored as u32 service, u16 msg_id, u16 txn, u32 bytes of TLVs
+// then a QMI request stored as u8 Via, u32 service, u16 msg_id, u16 txn, u32 bytes of TLVs
 // that follow, the TLVs (u8 type, u16 whole length, at most kTlvKeep bytes of
 // value), then u32 whole length of a malformed rest and at most kTlvKeep of
 // its bytes.
@@ -102,6 +102,7 @@ std::string format_request(uint64_t seq, const std::string &e)
     if (!e.empty() && e[0] == kLine)
         return e.substr(1);
     size_t pos = 1;
+    const auto via = static_cast<Via>(get(e, pos, 1));
     nlohmann::ordered_json j;
     j["seq"] = seq;
     j["service"] = get(e, pos, 4);
@@ -126,6 +127,7 @@ std::string format_request(uint64_t seq, const std::string &e)
         if (rest > Journal::kTlvKeep)
             j["malformed_len"] = rest;
     }
+    j["via"] = via == Via::Qmux ? "qmux" : "socket";
     return j.dump();
 }
 
@@ -133,10 +135,11 @@ std::string format_request(uint64_t seq, const std::string &e)
 
 Journal::Journal() : ring_(kCapacity, kMaxBytes, format_request) {}
 
-void Journal::record(uint32_t service, uint16_t msg_id, uint16_t txn, std::span<const uint8_t> area)
+void Journal::record(uint32_t service, uint16_t msg_id, uint16_t txn, std::span<const uint8_t> area, Via via)
 {
     std::string e(1, kRequest);
-    e.reserve(17 + std::min(area.size(), 4 * kTlvKeep));
+    e.reserve(18 + std::min(area.size(), 4 * kTlvKeep));
+    put(e, static_cast<uint8_t>(via), 1);
     put(e, service, 4);
     put(e, msg_id, 2);
     put(e, txn, 2);

@@ -46,8 +46,11 @@ private:
     std::deque<std::pair<uint64_t, std::string>> entries_;
 };
 
+// Which way a QMI request came: kvn-sim's socket or the QMUX terminal.
+enum class Via : uint8_t { Socket, Qmux };
+
 // Every QMI request received, read as one JSON line each:
-// {"seq":n,"service":n,"msg_id":n,"txn":n,"tlvs":[{"type":n,"hex":"..."}]}.
+// {"seq":n,"service":n,"msg_id":n,"txn":n,"tlvs":[{"type":n,"hex":"..."}],"via":"socket"|"qmux"}.
 // A TLV value longer than kTlvKeep bytes keeps its first kTlvKeep bytes and
 // adds "len" (its whole length); so does a malformed rest ("malformed_len").
 // Keeps the last kCapacity requests within kMaxBytes of stored requests.
@@ -57,7 +60,7 @@ public:
     static constexpr size_t kMaxBytes = 8u << 20;
     static constexpr size_t kTlvKeep = 1024;
     Journal();
-    void record(uint32_t service, uint16_t msg_id, uint16_t txn, std::span<const uint8_t> tlv_area);
+    void record(uint32_t service, uint16_t msg_id, uint16_t txn, std::span<const uint8_t> tlv_area, Via via);
     // A request of another channel (AT, diag), already a JSON line carrying
     // its "seq" (ring().last_seq() + 1).
     void record_line(std::string line);

@@ -553,10 +553,21 @@ void Router::on_qmi(Conn &c, const Header &hd, const uint8_t *p, size_t len)
         return;
     }
     std::span<const uint8_t> tlvs(p + kvn_wire::kQmiHeaderSize, q->tlv_len);
-    h_.journal.record(c.service, q->msg_id, q->txn, tlvs);
+    h_.journal.record(c.service, q->msg_id, q->txn, tlvs, Via::Socket);
     auto *e = h_.services.find(c.service);
     if (!e || !e->up)
         return;
+    if (const auto *a = h_.replay.answer(c.service, q->msg_id, tlvs)) {
+        auto qmi = [&](uint8_t flags, uint16_t txn, uint16_t msg, const std::vector<uint8_t> &area) {
+            kvn_wire::QmiHeader rh{flags, txn, msg, static_cast<uint16_t>(area.size())};
+            send(c, Kind::Qmi, c.service, c.instance, c.client, 0, kvn_wire::encode_qmi(rh, area.data(), area.size()));
+        };
+        qmi(kvn_wire::kQmiResponse, q->txn, q->msg_id, a->response);
+        for (const auto &ind : a->indications)
+            ind.service == c.service ? qmi(kvn_wire::kQmiIndication, 0, ind.msg_id, ind.tlvs)
+                                     : (void)indicate(ind.service, ind.msg_id, ind.tlvs);
+        return;
+    }
     auto fault = h_.faults.take(c.service, q->msg_id);
     if (fault && fault->kind == FaultKind::NoReply)
         return;
@@ -659,6 +670,8 @@ void Router::restart_modem(std::chrono::milliseconds down_for)
     h_.note(kLogInfo, "modem restart, services back in " + std::to_string(down_for.count()) + " ms");
     for (auto &e : h_.services.entries())
         set_service(e, false);
+    if (peer_.modem_restarted)
+        peer_.modem_restarted();
     timers_.add(down_for, [this, gen] {
         if (gen != restart_generation_)
             return; // a later restart owns the timing now
@@ -681,7 +694,7 @@ size_t Router::indicate(uint32_t service, uint16_t msg_id, const std::vector<uin
         send(c, Kind::Qmi, c.service, c.instance, c.client, 0, qmi);
         ++n;
     }
-    return n;
+    return peer_.indicate ? n + peer_.indicate(service, msg_id, tlvs) : n;
 }
 
 /* ---- loop ---- */

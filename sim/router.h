@@ -108,6 +108,13 @@ public:
     void watch(int fd, short events, FdHandler fn);
     void unwatch(int fd);
     TimerQueue &timers() { return timers_; }
+    // Another way in to the handset's services (the QMUX terminal), told of
+    // indications and modem restarts as the socket's clients are.
+    struct Peer {
+        std::function<size_t(uint32_t service, uint16_t msg_id, const std::vector<uint8_t> &tlvs)> indicate;
+        std::function<void()> modem_restarted;
+    };
+    void set_peer(Peer p) { peer_ = std::move(p); }
 
 private:
     struct Conn;
@@ -157,6 +164,7 @@ private:
     int epoll_fd_ = -1;
     uint32_t listen_events_ = ~0u, signal_events_ = ~0u; // interest now (~0: not added yet)
     std::vector<uint8_t> rbuf_; // every receive lands here first: sized once, never zero-filled again
+    Peer peer_;
 };
 
 } // namespace kvn_sim

@@ -5,6 +5,7 @@
 #include "scenario.h"
 
 #include <functional>
+#include <memory>
 
 namespace kvn_sim {
 
@@ -432,6 +433,17 @@ const KeyRow kTopLevel[] = {
     {"vs_stats", parse_vs_stats},
     {"sar_dsi", parse_sar_dsi},
     {"modem_stats", parse_modem_stats},
+    {"replay",
+     [](const json &v, const std::string &where, Plan &plan) {
+         auto replay = std::make_shared<Replay>();
+         std::string err;
+         if (!replay->parse(v, &err))
+             fail("\"" + where + "\" " + err);
+         plan.steps.push_back([replay](Handset &h, std::string *) {
+             h.replay = std::move(*replay);
+             return true;
+         });
+     }},
 };
 
 } // namespace

@@ -1,0 +1,209 @@
+// sim_qmux_test.cpp - kvn-sim's QMUX terminal under misuse and loss: a writer
+// that never reads, one that dies mid-frame, a modem restart; recorded
+// answers played back on both ways in; the AT terminal keeping its own modes.
+#include <fcntl.h>
+#include <termios.h>
+
+#include <chrono>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "qmux_client.h"
+#include "replay.h"
+#include "sim_client.h"
+
+namespace {
+
+using interop::RawQmux;
+using interop::unhex;
+using nlohmann::json;
+
+std::string frame(const char *text) { return interop::hex(unhex(text)); }
+
+// The daemon's status reply (a socket request), null when none came.
+json status(const kvn_test::SimHandset &sim)
+{
+    sim_test::RawClient c(sim.socket());
+    const std::string req = R"({"op":"status"})";
+    auto p = c.send(kvn_wire::Kind::Control, 0, {req.begin(), req.end()}) ? c.read() : std::nullopt;
+    return p ? json::parse(p->payload, nullptr, false) : json();
+}
+
+constexpr const char *kAllocUim = "01 0f00 00 00 00 | 00 01 2200 0400 | 01 0100 0b";
+constexpr const char *kUimIs1 = "01 1700 80 00 00 | 01 01 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 01";
+
+TEST(QmuxPort, RepliesNobodyReadsStayBoundedAndTheSocketIsServed)
+{
+    // Ids 1 to 5, 16 records of 700 bytes each: one request's reply is ~57 KB.
+    json ids = json::object();
+    for (int id = 1; id <= 5; ++id)
+        for (int i = 0; i < 16; ++i)
+            ids[std::to_string(id)]["records"].push_back({{"sub", 0}, {"id", id}, {"data", std::string(1400, 'a')}});
+    kvn_test::SimHandset sim(json{{"vs_stats", {{"0", ids}}}}.dump());
+    ASSERT_TRUE(sim.started());
+    const std::string pty = interop::pty_of(sim);
+    RawQmux c(pty);
+    c.write_hex("01 0f00 00 00 00 | 00 01 2200 0400 | 01 0100 e4");
+    ASSERT_EQ(c.read_frame(), frame("01 1700 80 00 00 | 01 01 2200 0c00 | 02 0400 0000 0000 | 01 0200 e4 01"));
+
+    // Statistics of 255 ids, written as fast as the terminal takes them, never read.
+    auto tlvs = unhex("01 0200 0000 | 02 0200 0500 | 03 fd03 ff");
+    for (uint8_t i = 1; i != 0; ++i)
+        tlvs.insert(tlvs.end(), {i, 0, 0, 0});
+    auto rq = unhex("01 0000 00 e4 01 | 00 0100 0702");
+    rq.insert(rq.end(), {uint8_t(tlvs.size()), uint8_t(tlvs.size() >> 8)});
+    rq.insert(rq.end(), tlvs.begin(), tlvs.end());
+    rq[1] = uint8_t(rq.size() - 1), rq[2] = uint8_t((rq.size() - 1) >> 8);
+    int w = open(pty.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(w, 0);
+    size_t off = 0, written = 0;
+    for (int i = 0; i < 3000; ++i) {
+        ssize_t n = write(w, rq.data() + off, rq.size() - off);
+        if (n > 0)
+            off = (off + size_t(n)) % rq.size(), written += size_t(n);
+        else
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_LT(written, 1u << 20) << "the writer was not held back";
+    json s = status(sim);
+    ASSERT_TRUE(s.is_object()) << "a socket request goes unanswered";
+    EXPECT_GT(s["qmux_queued"], 0u);
+    EXPECT_LT(s["qmux_queued"], 128u << 10) << "more than one reply past the 64 KiB mark";
+    EXPECT_EQ(s["qmux_dropped"], 0u) << "requests were read while their replies backed up";
+
+    // Indications come regardless: beyond the hard cap they are dropped.
+    for (int i = 0; i < 40; ++i)
+        ASSERT_EQ(sim.ctl({"indicate", "vs", "1", std::string(60000, 'b')}).exit_code, 0);
+    s = status(sim);
+    EXPECT_LE(s["qmux_queued"], 1u << 20);
+    EXPECT_GT(s["qmux_dropped"], 0u);
+
+    // Read it all: the queue empties and the terminal serves again.
+    auto drain = [&] {
+        uint8_t buf[65536];
+        pollfd p{w, POLLIN, 0};
+        while (poll(&p, 1, 1000) == 1 && read(w, buf, sizeof buf) > 0) {
+        }
+    };
+    drain();
+    while (off != 0) { // the last request, finished now the daemon reads again
+        ssize_t n = write(w, rq.data() + off, rq.size() - off);
+        off = n > 0 ? (off + size_t(n)) % rq.size() : off;
+    }
+    drain();
+    close(w);
+    EXPECT_EQ(status(sim)["qmux_queued"], 0u);
+    c.write_hex(kAllocUim);
+    EXPECT_EQ(c.read_frame(), frame(kUimIs1));
+}
+
+TEST(QmuxPort, AWriterThatDiesMidFrameDoesNotHoldUpTheNext)
+{
+    kvn_test::SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    const std::string pty = interop::pty_of(sim);
+    RawQmux(pty).write_hex("01 0020 00 00 00 | 00 01"); // announces 8192 bytes, then goes
+    RawQmux next(pty);
+    next.write_hex(kAllocUim);
+    EXPECT_EQ(next.read_frame(), frame(kUimIs1));
+}
+
+TEST(QmuxPort, IndicationsAndAModemRestartAsTheTerminalSeesThem)
+{
+    kvn_test::SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    RawQmux c(interop::pty_of(sim));
+    c.write_hex(kAllocUim);
+    ASSERT_EQ(c.read_frame(), frame(kUimIs1));
+    EXPECT_NE(sim.ctl({"status"}).out.find("\nqmux_cids 1\n"), std::string::npos);
+    sim.ctl({"indicate", "uim", "50", "010100ab"});
+    EXPECT_EQ(c.read_frame(), frame("01 1000 80 0b ff | 04 0000 3200 0400 | 01 0100 ab"));
+    sim.ctl({"indicate", "sar", "50", "010100ab"}); // no client of SAR here: nothing comes
+
+    sim.ctl({"ssr", "5000"});
+    EXPECT_EQ(c.read_frame(), frame("01 0b00 80 00 ff | 02 00 2700 0000"));
+    EXPECT_NE(sim.ctl({"status"}).out.find("\nqmux_cids 0\n"), std::string::npos);
+    // Until the services are back, version info lists CTL alone.
+    c.write_hex("01 0b00 00 00 00 | 00 02 2100 0000");
+    EXPECT_EQ(c.read_frame(),
+              frame("01 1b00 80 00 00 | 01 02 2100 1000 | 02 0400 0000 0000 | 01 0600 01 00 0100 0500"));
+}
+
+// Recorded: UIM message 0x7fff with TLV 1 = aa answered with TLV 0x10 = beef,
+// then an indication 0x32; a later request of another service.
+constexpr const char *kReplay = R"({"replay": [
+  {"dir":"req","service":11,"msg_id":32767,"txn":5,"tlvs":[{"type":1,"hex":"aa"}]},
+  {"dir":"ind","service":11,"msg_id":49,"txn":0,"tlvs":[]},
+  {"dir":"resp","service":11,"msg_id":32767,"txn":5,"tlvs":[{"type":2,"hex":"00000000"},{"type":16,"hex":"beef"}]},
+  {"dir":"ind","service":11,"msg_id":50,"txn":0,"tlvs":[{"type":1,"hex":"01"}]},
+  {"dir":"req","service":3,"msg_id":1,"txn":6,"tlvs":[]}]})";
+
+TEST(Replay, RecordedAnswersOnBothWaysInOthersServedAsUsual)
+{
+    kvn_test::SimHandset sim(kReplay);
+    ASSERT_TRUE(sim.started());
+    RawQmux q(interop::pty_of(sim));
+    q.write_hex(kAllocUim);
+    ASSERT_EQ(q.read_frame(), frame(kUimIs1));
+    q.write_hex("01 1000 00 0b 01 | 00 0900 ff7f 0400 | 01 0100 aa");
+    EXPECT_EQ(q.read_frame(), frame("01 1800 80 0b 01 | 02 0900 ff7f 0c00 | 02 0400 00000000 | 10 0200 beef"));
+    EXPECT_EQ(q.read_frame(), frame("01 1000 80 0b 01 | 04 0000 3200 0400 | 01 0100 01"));
+    q.write_hex("01 1000 00 0b 01 | 00 0a00 ff7f 0400 | 01 0100 ab");
+    EXPECT_EQ(q.read_frame(), frame("01 1300 80 0b 01 | 02 0a00 ff7f 0700 | 02 0400 0100 4700"));
+
+    sim_test::RawClient s(sim.socket());
+    ASSERT_TRUE(s.bind(11));
+    auto payload = [&] {
+        auto p = s.read();
+        return p ? interop::hex(p->payload) : "";
+    };
+    s.request(0x7fff, 7, unhex("01 0100 aa"));
+    EXPECT_EQ(payload(), frame("02 0700 ff7f 0c00 | 02 0400 00000000 | 10 0200 beef"));
+    EXPECT_EQ(payload(), frame("04 0000 3200 0400 | 01 0100 01"));
+    s.request(0x7fff, 8, unhex("01 0100 ab"));
+    EXPECT_EQ(payload(), frame("02 0800 ff7f 0700 | 02 0400 0100 4700"));
+
+    std::string via;
+    for (const auto &line : sim.journal())
+        if (line.find("\"service\":11,") != std::string::npos)
+            via += json::parse(line)["via"].get<std::string>() + " ";
+    EXPECT_EQ(via, "qmux qmux socket socket ");
+}
+
+TEST(Replay, RecordsAreReadStrictly)
+{
+    const char *const bad[] = {
+        R"([{"dir":"req","service":11,"msg_id":1,"txn":1,"tlvs":[],"seq":1}])",
+        R"([{"dir":"rsp","service":11,"msg_id":1,"txn":1,"tlvs":[]}])",
+        R"([{"dir":"req","service":65536,"msg_id":1,"txn":1,"tlvs":[]}])",
+        R"([{"dir":"req","service":11,"msg_id":1,"txn":1,"tlvs":[{"type":256,"hex":""}]}])",
+        R"([{"dir":"req","service":11,"msg_id":1,"txn":1,"tlvs":[{"type":1,"hex":"a"}]}])",
+        R"({"dir":"req"})",
+    };
+    for (const char *doc : bad) {
+        kvn_sim::Replay r;
+        std::string err;
+        EXPECT_FALSE(r.parse(json::parse(doc), &err)) << doc;
+    }
+}
+
+TEST(AtTerminal, AWriterTurningEchoOnDoesNotMakeTheDaemonAnswerItself)
+{
+    kvn_test::SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    const std::string out = sim.ctl({"status"}).out;
+    const auto pos = out.find("device at: up ") + 14;
+    int fd = open(out.substr(pos, out.find('\n', pos) - pos).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios t{};
+    ASSERT_EQ(tcgetattr(fd, &t), 0) << out;
+    t.c_lflag |= ECHO | ICANON, t.c_iflag |= ICRNL, t.c_oflag |= OPOST | ONLCR; // a terminal program's modes
+    ASSERT_EQ(tcsetattr(fd, TCSANOW, &t), 0);
+    sim.clear_journal();
+    ASSERT_EQ(write(fd, "AT\r", 3), 3);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    close(fd);
+    EXPECT_EQ(sim.journal().size(), 1u);
+}
+
+} // namespace
