@@ -144,4 +144,44 @@ TEST_F(RadioTest, SarAndNasAnswers)
     EXPECT_EQ(result(ask(3, 0x0020, "")), "01004700");
 }
 
+// Malformed UIM requests are refused with the malformed-message error and
+// leave the card and the eUICC as they were: an APDU whose length field
+// disagrees with its bytes (here an eUICC memory reset) is not run.
+TEST_F(RadioTest, MalformedUimRequestsChangeNothing)
+{
+    std::string err;
+    ASSERT_TRUE(apply_scenario(h, nlohmann::json::parse(R"({"uim": {"slots": {"1": {}, "2": {"selected": "euicc",
+        "euicc": {"eid": "89049032123451234512345678901234", "profiles": 2}}}}})"),
+                               &err))
+        << err;
+    const std::string isdr = "10 1100 10 a0000005591010ffffffff8900000100";
+    auto t = ask(11, 0x42, "01 0100 02" + isdr);
+    ASSERT_EQ(result(t), "00000000");
+    const std::string reset = "80e29100 03 bf3400"; // 8 bytes
+    const std::pair<uint16_t, std::string> malformed[] = {
+        {0x3B, "01 0100 02" "10 0100 01" "02 0a00 0900" + reset},   // claims 9, carries 8
+        {0x3B, "01 0100 02" "10 0100 01" "02 0a00 0700" + reset},   // claims 7, carries 8
+        {0x3B, "01 0100 02" "10 0100 01" "02 0100 08"},             // no room for the length
+        {0x3B, "01 0100 02" "10 0200 0100" "02 0a00 0800" + reset}, // two-byte channel
+        {0x3B, "01 0200 0200" "10 0100 01" "02 0a00 0800" + reset}, // two-byte slot
+        {0x30, "01 0200 0100"},                                     // power off, two-byte slot
+        {0x31, "01 0100 01" "10 0200 0000"},                        // power on, two-byte hot-swap flag
+        {0x42, "01 0100 02" "10 1100 11 a0000005591010ffffffff8900000100"}, // AID count past its bytes
+        {0x3F, "01 0100 02" "11 0200 0100"},                        // close, two-byte channel
+        {0x2F, "10 0200 0100"},                                     // two-byte extended flag
+        {0x3B, "01 0100 02" "10 0100 01" "02 0a00 0800 80e29100"},  // TLV runs past the end
+    };
+    for (const auto &[msg, hex] : malformed) {
+        EXPECT_EQ(result(ask(11, msg, hex)), "01000100") << hex;
+        EXPECT_EQ(h.uim.slot(2)->euicc->profiles, 2u) << hex;
+        EXPECT_TRUE(h.uim.slot(1)->powered && h.uim.slot(2)->powered) << hex;
+        EXPECT_TRUE(h.uim.channel_open(2, 1)) << hex;
+        EXPECT_FALSE(h.uim.channel_open(2, 2)) << hex;
+    }
+    // The same reset, well formed, runs.
+    t = ask(11, 0x3B, "01 0100 02" "10 0100 01" "02 0a00 0800" + reset);
+    EXPECT_EQ(result(t), "00000000");
+    EXPECT_EQ(h.uim.slot(2)->euicc->profiles, 0u);
+}
+
 } // namespace
