@@ -420,34 +420,4 @@ TEST(UimWire, PowerChannelApduAndCloseBytes)
     EXPECT_EQ(reqs, want);
 }
 
-/* ---- the scenario key ---- */
-
-TEST(UimScenario, BadDocumentsAreRefusedWithTheirPath)
-{
-    SimHandset sim;
-    ASSERT_TRUE(sim.started());
-    struct Row {
-        const char *doc;
-        const char *error;
-    } rows[] = {
-        {R"({"uim": {"slots": {"1": {"cardd": "present"}}}})", "unknown key \"uim.slots.1.cardd\""},
-        {R"({"uim": {"slot": {}}})", "unknown key \"uim.slot\""},
-        {R"({"uim": {"slots": {"2": {}}}})", "\"uim.slots\" needs slot \"1\""},
-        {R"({"uim": {"slots": {"1": {}, "3": {}}}})", "unknown key \"uim.slots.3\""},
-        {R"({"uim": {"slots": {"1": {"selected": "euicc"}}}})", "\"uim.slots.1.selected\" is \"euicc\""},
-        {R"({"uim": {"slots": {"1": {"euicc": {"eid": "89"}}}}})", "\"uim.slots.1.euicc.eid\" must be 32 hex"},
-        {R"({"uim": {"slots": {"1": {"euicc": {"profiles": 1}}}}})", "\"uim.slots.1.euicc\" needs \"eid\""},
-        {R"({"uim": {"slots": {"1": {"power": "off"}}}})", "\"uim.slots.1.power\" must be one of down, up"},
-        {R"({"uim": {"extended_card_status": 1}})", "\"uim.extended_card_status\" must be true or false"},
-    };
-    for (const auto &row : rows) {
-        std::ofstream(sim.dir() + "/bad.json") << row.doc;
-        auto r = sim.ctl({"load", sim.dir() + "/bad.json"});
-        EXPECT_NE(r.exit_code, 0) << row.doc;
-        EXPECT_TRUE(contains(r.err, row.error)) << row.doc << " -> " << r.err;
-    }
-    // Nothing changed: the default handset's two cards.
-    EXPECT_EQ(esim(sim, 4, 0), "PRESENT,PRESENT\n");
-}
-
 } // namespace

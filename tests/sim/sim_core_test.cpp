@@ -281,6 +281,15 @@ TEST(Scenario, UnknownKeysAreNamedAndNothingChanges)
         {R"({"efs":{"0":{"/a/../b":"01"}}})", "\"efs.0./a/../b\""},
         {R"({"efs_read_chunk":425})", "\"efs_read_chunk\""},
         {R"({"properties":{"a.key.that.is.longer.than.sixty.four.bytes.and.so.refused.by.the.store":"v"}})", "a.key.that.is.longer.than.sixty.four.bytes.and.so.refused.by.the.store"},
+        {R"({"uim": {"slots": {"1": {"cardd": "present"}}}})", "unknown key \"uim.slots.1.cardd\""},
+        {R"({"uim": {"slot": {}}})", "unknown key \"uim.slot\""},
+        {R"({"uim": {"slots": {"2": {}}}})", "\"uim.slots\" needs slot \"1\""},
+        {R"({"uim": {"slots": {"1": {}, "3": {}}}})", "unknown key \"uim.slots.3\""},
+        {R"({"uim": {"slots": {"1": {"selected": "euicc"}}}})", "\"uim.slots.1.selected\" is \"euicc\""},
+        {R"({"uim": {"slots": {"1": {"euicc": {"eid": "89"}}}}})", "\"uim.slots.1.euicc.eid\" must be 32 hex"},
+        {R"({"uim": {"slots": {"1": {"euicc": {"profiles": 1}}}}})", "\"uim.slots.1.euicc\" needs \"eid\""},
+        {R"({"uim": {"slots": {"1": {"power": "off"}}}})", "\"uim.slots.1.power\" must be one of down, up"},
+        {R"({"uim": {"extended_card_status": 1}})", "\"uim.extended_card_status\" must be true or false"},
     };
     for (const auto &[text, names] : cases) {
         kvn_test::TempDir dir;
@@ -295,6 +304,7 @@ TEST(Scenario, UnknownKeysAreNamedAndNothingChanges)
         EXPECT_NE(err.find(names), std::string::npos) << text << " -> " << err;
         EXPECT_FALSE(h.store.nv_get(0, 10)) << text;
         EXPECT_TRUE(h.faults.all().empty());
+        EXPECT_EQ(h.uim.count(), 2u) << text;
     }
 }
 
