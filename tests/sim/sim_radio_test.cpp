@@ -1,7 +1,7 @@
 // sim_radio_test.cpp - kvn-sim's radio side in-process: the vs_stats and
-// sar_dsi scenario keys (what they refuse, that a load replaces only what it
-// names), and the vendor statistics, SAR and NAS services' answers to good
-// and malformed requests.
+// sar_dsi scenario keys (a load replaces only what it names), the vendor
+// statistics, SAR, NAS and UIM services' answers to good and malformed
+// requests.
 #include <gtest/gtest.h>
 
 #include "handset.h"
@@ -41,42 +41,6 @@ protected:
     }
     Bytes last_, reply_;
 };
-
-// Each bad document names its key and changes nothing (the good pair
-// beside it included).
-TEST_F(RadioTest, ScenarioRefusals)
-{
-    std::string big(1402, 'a'), huge(2002, 'a'), seventeen;
-    for (int i = 0; i < 17; ++i)
-        seventeen += std::string(i ? "," : "") + R"({"sub": 0, "id": 1, "data": "01"})";
-    const std::pair<std::string, const char *> cases[] = {
-        {R"({"vs_stats": {"2": {"82": "01"}}})", "\"vs_stats.2\""},
-        {R"({"vs_stats": {"0": {"0x52": "01"}}})", "\"vs_stats.0.0x52\""},
-        {R"({"vs_stats": {"0": {"82": ""}}})", "\"vs_stats.0.82\""},
-        {R"({"vs_stats": {"0": {"82": ")" + big + R"("}}})", "\"vs_stats.0.82\""},
-        {R"({"vs_stats": {"0": {"82": {"records": [)" + seventeen + "]}}}}", "\"vs_stats.0.82.records\""},
-        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "id": 1, "data": ")" + huge + R"("}]}}}})",
-         "\"vs_stats.0.82.records[0].data\""},
-        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "data": "01"}]}}}})", "\"vs_stats.0.82.records[0]\""},
-        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "id": 1, "data": "", "x": 1}]}}}})",
-         "\"vs_stats.0.82.records[0].x\""},
-        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 65536, "id": 1, "data": ""}]}}}})",
-         "\"vs_stats.0.82.records[0].sub\""},
-        {R"({"sar_dsi": "seven"})", "\"sar_dsi\""},
-        {R"({"sar_dsi": -1})", "\"sar_dsi\""},
-    };
-    const auto before = h.radio.vs_stats[0].at(82);
-    for (const auto &[text, names] : cases) {
-        auto doc = nlohmann::json::parse(text);
-        doc["vs_stats"]["1"]["94"] = "01";
-        std::string err;
-        EXPECT_FALSE(apply_scenario(h, doc, &err)) << text;
-        EXPECT_NE(err.find(names), std::string::npos) << text << " -> " << err;
-        EXPECT_EQ(h.radio.vs_stats[0].at(82)[0].data, before[0].data) << text;
-        EXPECT_EQ(h.radio.vs_stats[1].at(94)[0].data.size(), 20u) << text;
-        EXPECT_EQ(h.radio.sar_dsi, 0u) << text;
-    }
-}
 
 // The statistics service answers the records of each asked id it holds, in
 // the order asked, as the scenario gave them; a load replaces only the
