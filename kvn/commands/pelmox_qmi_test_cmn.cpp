@@ -3,6 +3,8 @@
  * bytes come from the command line; mode 0 uses the diag callback interface,
  * any other mode a DCI client; type 0 waits for the reply, any other type does
  * not. Everything but the traces is printed only under the shell print flag.
+ * Only a send that succeeded traces the exit: the too-few-inputs and failed
+ * send paths return at once.
  */
 #include "pelmox_qmi_test_cmn.h"
 
@@ -45,7 +47,6 @@ int pelmox_cmn_diag_cmd_send(int argc, char *argv[])
     int result = 0;
     if (argc <= DIAG_FIRST_BYTE_ARG) {
         DIAG_PRINT("\nnote: Too few inputs, Pls refer to the following cmd:\n");
-        PELMOX_TRACE(k_trace_src, "function exit <-------------");
         return 0;
     }
     int mode = atoi(argv[3]);
@@ -55,10 +56,8 @@ int pelmox_cmn_diag_cmd_send(int argc, char *argv[])
     uint32_t converted = cmd_len < DIAG_CMD_CONVERT_MAX ? cmd_len : DIAG_CMD_CONVERT_MAX;
     size_t cap = cmd_len > DIAG_CMD_CONVERT_MAX ? cmd_len : DIAG_CMD_CONVERT_MAX;
     uint8_t *cmd = (uint8_t *)calloc(cap, 1);
-    if (cmd == NULL) {
-        PELMOX_TRACE(k_trace_src, "function exit <-------------");
+    if (cmd == NULL)
         return -1;
-    }
 
     DIAG_PRINT("diag cmd:\n");
     for (uint32_t i = 0; i < converted; ++i) {
@@ -88,7 +87,6 @@ int pelmox_cmn_diag_cmd_send(int argc, char *argv[])
 
     if (result != 0) {
         DIAG_PRINT("pelmox_diag_cmd_send fail\n");
-        PELMOX_TRACE(k_trace_src, "function exit <-------------");
         return result;
     }
     if (!with_result) {

@@ -46,6 +46,17 @@ inline std::string tool_lines(const std::string &out)
     return kept;
 }
 
+// The extend transport's debug lines of the first send of a run (client
+// handle masked), and of each send.
+inline const std::string k_open = "PELMOX_QMI_NV: qmi_client_get_service_list() returned 0 num_services = 1\n"
+                                  "qmi_client_get_service_list, err = 0, num_entries = 1, num_services = 1"
+                                  "qmi_client_init, err = 0, handle = H, client_handle = 0QMI client inited\n";
+inline std::string send_ok(int len)
+{
+    return "pelmox_extend_qmi_send_sync resp_len:" + std::to_string(len) +
+           "\npelmox_extend_qmi_handle_req_cb result:0\n";
+}
+
 inline ProcessOptions shell_flag(const char *value)
 {
     ProcessOptions o;

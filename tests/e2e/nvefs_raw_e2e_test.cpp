@@ -8,10 +8,11 @@
 #include <vector>
 
 #include "../extend/extend_journal.h"
+#include "device_tests_e2e.h"
 
+using namespace devtests;
+using help_text::for_group;
 using kvn_test::masked_out;
-using kvn_test::ProcessOptions;
-using kvn_test::SimHandset;
 using extend_test::extend_requests;
 using extend_test::le32;
 
@@ -19,43 +20,8 @@ namespace {
 
 /* ---- expected texts ---- */
 
-const std::string kBanner =
-    "\n=========== blew: kovrin(kvn) cmd help =======================================================\n";
-const std::string kFooter =
-    "=========== above: kovrin(kvn) cmd help =======================================================\n\n";
-const std::string kHelp4 = kBanner +
-                           "4: nvefs option cmd: \n"
-                           "   kvn 4 1 sub nv_id             /* nv read */\n"
-                           "   kvn 4 2 sub nv_id nv_data     /* nv write */\n"
-                           "   kvn 4 3 sub nv_id             /* nv delete */\n"
-                           "   kvn 4 4 sub efs_path          /* efs read */\n"
-                           "   kvn 4 5 sub efs_path efs_data /* efs write */\n"
-                           "   kvn 4 6 sub efs_path          /* efs delete */\n" +
-                           kFooter;
-const std::string kHelp6 = kBanner +
-                           "6: pelmox qmi send_data\n"
-                           "   kvn 6 qmi_id qmi_data         /* qmi_id: Any binary data you will send */\n"
-                           "                                    qmi_data: Any binary data you will send \n" +
-                           kFooter;
-// The transport's debug lines of the first send of a run (client handle masked).
-const std::string kOpen =
-    "PELMOX_QMI_NV: qmi_client_get_service_list() returned 0 num_services = 1\n"
-    "qmi_client_get_service_list, err = 0, num_entries = 1, num_services = 1"
-    "qmi_client_init, err = 0, handle = H, client_handle = 0QMI client inited\n";
-std::string send_ok(int len)
-{
-    return "pelmox_extend_qmi_send_sync resp_len:" + std::to_string(len) +
-           "\npelmox_extend_qmi_handle_req_cb result:0\n";
-}
 const std::string kFailLine = "pelmox_extend_qmi_send_sync fail, REQUEST_ID_EFS\n";
 std::string error_note(int code) { return "\nnote: Error happen! error_code(" + std::to_string(code) + ")\n"; }
-
-ProcessOptions quiet()
-{
-    ProcessOptions o;
-    o.env["PELMOX_SHELL_PRINT_FLAG"] = "0";
-    return o;
-}
 
 std::vector<std::string> args_of(std::vector<std::string> head, size_t n, const std::string &value)
 {
@@ -96,7 +62,7 @@ TEST(NvefsE2e, NvReadPrintsTracesAndData)
               "RIL[pelmox_nv_read:N]: function entry ------------->\n"
               "RIL[pelmox_nv_read:N]: pelmox_nv_read, sub_id 0, nv_id: 550\n"
               "RIL[pelmox_nv_read:N]: buf_len: 365\n" +
-                  kOpen + send_ok(444) +
+                  k_open + send_ok(444) +
                   "RIL[pelmox_qmi_result_map:N]: pelmox_qmi_result_map, old_result 0, new_result 0\n"
                   "RIL[pelmox_nv_read:N]: result = 0, rsp.result = 0\n"
                   "RIL[pelmox_nv_read:N]: rsp.data_len_all = 9\n"
@@ -110,7 +76,7 @@ TEST(NvefsE2e, NvReadPrintsTracesAndData)
 TEST(NvefsE2e, NvWriteReadDeleteWithSubFlagAndByteCuts)
 {
     SimHandset sim(scenario());
-    EXPECT_EQ(masked_out(sim.kvn({"4", "2", "2", "7232", "1", "2", "300", "0x10"}, quiet())), kOpen + send_ok(444));
+    EXPECT_EQ(masked_out(sim.kvn({"4", "2", "2", "7232", "1", "2", "300", "0x10"}, shell_flag("0"))), k_open + send_ok(444));
     auto w = extend_requests(sim);
     ASSERT_EQ(w.size(), 1u);
     EXPECT_EQ(w[0].cmd_id, 2u);
@@ -118,13 +84,13 @@ TEST(NvefsE2e, NvWriteReadDeleteWithSubFlagAndByteCuts)
     EXPECT_EQ(w[0].data[1], 1) << "sub 2 sent as 1";
     EXPECT_EQ(le32(w[0].data, 76), 4u);
 
-    EXPECT_EQ(masked_out(sim.kvn({"4", "1", "-1", "7232"}, quiet())),
-              kOpen + send_ok(444) + "\ndata len(4)\ndata:  01 02 2C 00\n");
+    EXPECT_EQ(masked_out(sim.kvn({"4", "1", "-1", "7232"}, shell_flag("0"))),
+              k_open + send_ok(444) + "\ndata len(4)\ndata:  01 02 2C 00\n");
     EXPECT_EQ(sim.ctl({"nv", "get", "1", "7232"}).out, "01 02 2c 00\n");
 
-    EXPECT_EQ(masked_out(sim.kvn({"4", "3", "5", "7232"}, quiet())), kOpen + send_ok(444));
-    EXPECT_EQ(masked_out(sim.kvn({"4", "1", "1", "7232"}, quiet())),
-              kOpen + send_ok(444) + kFailLine + error_note(5) + kHelp4);
+    EXPECT_EQ(masked_out(sim.kvn({"4", "3", "5", "7232"}, shell_flag("0"))), k_open + send_ok(444));
+    EXPECT_EQ(masked_out(sim.kvn({"4", "1", "1", "7232"}, shell_flag("0"))),
+              k_open + send_ok(444) + kFailLine + error_note(5) + for_group(4));
 }
 
 TEST(NvefsE2e, NvIdAboveTheRangeIsRefusedBeforeSending)
@@ -135,16 +101,16 @@ TEST(NvefsE2e, NvIdAboveTheRangeIsRefusedBeforeSending)
                          "RIL[pelmox_nv_read:N]: pelmox_nv_read, sub_id 0, nv_id: 7233\n"
                          "RIL[pelmox_nv_read:N]: nv_id is out range(7232)\n"
                          "RIL[pelmox_nv_read:N]: function exit <-------------\n" +
-                             kFailLine + error_note(-109) + kHelp4);
+                             kFailLine + error_note(-109) + for_group(4));
     EXPECT_TRUE(extend_requests(sim).empty());
 }
 
 TEST(NvefsE2e, ArgumentCountNotes)
 {
     SimHandset sim(scenario());
-    const std::string need5 = "\nnote: need 5 inputs, Pls refer to the following cmd:\n" + error_note(268431370) + kHelp4;
+    const std::string need5 = "\nnote: need 5 inputs, Pls refer to the following cmd:\n" + error_note(268431370) + for_group(4);
     const std::string few_inputs =
-        "\nnote: Too few inputs, Pls refer to the following cmd:\n" + error_note(268431370) + kHelp4;
+        "\nnote: Too few inputs, Pls refer to the following cmd:\n" + error_note(268431370) + for_group(4);
     struct {
         std::vector<std::string> args;
         std::string out;
@@ -154,13 +120,13 @@ TEST(NvefsE2e, ArgumentCountNotes)
         {{"4", "4", "0", "/a", "x"}, need5},
         {{"4", "2", "0", "550"}, few_inputs},
         {{"4", "5", "0", "/a"}, few_inputs},
-        {{"4"}, "\nnote: Too few parameters, Pls refer to the following cmd:\n" + kHelp4},
-        {{"4", "7"}, "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n" + kHelp4},
-        {{"4", "0", "0", "1"}, "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n" + kHelp4},
+        {{"4"}, "\nnote: Too few parameters, Pls refer to the following cmd:\n" + for_group(4)},
+        {{"4", "7"}, "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n" + for_group(4)},
+        {{"4", "0", "0", "1"}, "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n" + for_group(4)},
     };
     // Group 4's notes do not depend on the shell print flag.
     for (const auto &c : cases)
-        EXPECT_EQ(masked_out(sim.kvn(c.args, quiet())), c.out) << c.args.size();
+        EXPECT_EQ(masked_out(sim.kvn(c.args, shell_flag("0"))), c.out) << c.args.size();
     EXPECT_TRUE(extend_requests(sim).empty());
 }
 
@@ -169,10 +135,10 @@ TEST(NvefsE2e, ArgumentCountNotes)
 TEST(NvefsE2e, FourHundredDataBytesNvDeclares400EfsDeclares365)
 {
     SimHandset sim(scenario());
-    auto nv = sim.kvn(args_of({"4", "2", "0", "900"}, 400, "7"), quiet());
-    EXPECT_EQ(masked_out(nv), kOpen + send_ok(444));
-    auto efs = sim.kvn(args_of({"4", "5", "0", "/four/hundred"}, 400, "9"), quiet());
-    EXPECT_EQ(masked_out(efs), kOpen + send_ok(444));
+    auto nv = sim.kvn(args_of({"4", "2", "0", "900"}, 400, "7"), shell_flag("0"));
+    EXPECT_EQ(masked_out(nv), k_open + send_ok(444));
+    auto efs = sim.kvn(args_of({"4", "5", "0", "/four/hundred"}, 400, "9"), shell_flag("0"));
+    EXPECT_EQ(masked_out(efs), k_open + send_ok(444));
     auto w = extend_requests(sim);
     ASSERT_EQ(w.size(), 2u);
     EXPECT_EQ(le32(w[0].data, 76), 400u);
@@ -185,20 +151,20 @@ TEST(NvefsE2e, FourHundredDataBytesNvDeclares400EfsDeclares365)
     EXPECT_EQ(sim.ctl({"efs", "ls", "0", "/four"}).out, "365 /four/hundred\n");
 
     // Beyond 424 the NV write refuses before sending.
-    auto too_long = sim.kvn(args_of({"4", "2", "0", "900"}, 425, "1"), quiet());
-    EXPECT_EQ(masked_out(too_long), kFailLine + error_note(-108) + kHelp4);
+    auto too_long = sim.kvn(args_of({"4", "2", "0", "900"}, 425, "1"), shell_flag("0"));
+    EXPECT_EQ(masked_out(too_long), kFailLine + error_note(-108) + for_group(4));
     EXPECT_EQ(extend_requests(sim).size(), 2u);
 }
 
 TEST(NvefsE2e, EfsWriteReadDeleteAcrossRestart)
 {
     SimHandset sim(scenario());
-    EXPECT_EQ(masked_out(sim.kvn({"4", "5", "1", "/e2e/persist", "1", "2", "255", "256"}, quiet())), kOpen + send_ok(444));
+    EXPECT_EQ(masked_out(sim.kvn({"4", "5", "1", "/e2e/persist", "1", "2", "255", "256"}, shell_flag("0"))), k_open + send_ok(444));
     ASSERT_TRUE(sim.restart());
-    EXPECT_EQ(masked_out(sim.kvn({"4", "4", "1", "/e2e/persist"}, quiet())),
-              kOpen + send_ok(444) + "\ndata len(4)\ndata:  01 02 FF 00\n");
-    EXPECT_EQ(masked_out(sim.kvn({"4", "6", "1", "/e2e/persist"}, quiet())), kOpen + send_ok(444));
-    auto gone = sim.kvn({"4", "4", "1", "/e2e/persist"}, quiet());
+    EXPECT_EQ(masked_out(sim.kvn({"4", "4", "1", "/e2e/persist"}, shell_flag("0"))),
+              k_open + send_ok(444) + "\ndata len(4)\ndata:  01 02 FF 00\n");
+    EXPECT_EQ(masked_out(sim.kvn({"4", "6", "1", "/e2e/persist"}, shell_flag("0"))), k_open + send_ok(444));
+    auto gone = sim.kvn({"4", "4", "1", "/e2e/persist"}, shell_flag("0"));
     EXPECT_NE(gone.out.find(kFailLine + "\nnote: Error happen! error_code(-"), std::string::npos) << gone.out;
 }
 
@@ -208,14 +174,14 @@ TEST(NvefsE2e, SeventyOneBytePathReadVersusWriteAndDelete)
 {
     SimHandset sim(scenario());
     const std::string p71 = "/" + std::string(70, 'p');
-    auto rd = sim.kvn({"4", "4", "0", p71}, quiet());
+    auto rd = sim.kvn({"4", "4", "0", p71}, shell_flag("0"));
     EXPECT_EQ(extend_requests(sim).size(), 1u);
     EXPECT_EQ(rd.out.find("error_code(-106)"), std::string::npos) << rd.out;
     for (const char *cmd : {"5", "6"}) {
         std::vector<std::string> args = {"4", cmd, "0", p71};
         if (std::string(cmd) == "5")
             args.push_back("1");
-        EXPECT_EQ(masked_out(sim.kvn(args, quiet())), kFailLine + error_note(-106) + kHelp4) << cmd;
+        EXPECT_EQ(masked_out(sim.kvn(args, shell_flag("0"))), kFailLine + error_note(-106) + for_group(4)) << cmd;
     }
     EXPECT_EQ(extend_requests(sim).size(), 1u);
 }
@@ -232,7 +198,7 @@ TEST(NvefsE2e, EfsReadIntoSmallerCapacityAborts)
                        "read_count = 4, data_len_cur = 300\n"
                        "RIL[pelmox_efs_read:N]: abort, buf_len <= data_len_recv\n"
                        "RIL[pelmox_efs_read:N]: function exit <-------------\n" +
-                       kFailLine + error_note(-108) + kHelp4),
+                       kFailLine + error_note(-108) + for_group(4)),
               std::string::npos)
         << out;
     EXPECT_EQ(extend_requests(sim).size(), 4u);
@@ -245,7 +211,7 @@ TEST(RawE2e, SendsCommandAndBytesAndShowsTheEmptyReply)
     SimHandset sim(scenario());
     auto r = sim.kvn({"6", "5", "1", "2", "0x1FF"});
     // The canned reply has 20 bytes; the capacity offered is 0, so it is cut to nothing.
-    EXPECT_EQ(masked_out(r), "px_qmi req data(qmi_id: 5, len: 3[max: 500]):\n0x01 0x02 0xFF " + kOpen + send_ok(0) +
+    EXPECT_EQ(masked_out(r), "px_qmi req data(qmi_id: 5, len: 3[max: 500]):\n0x01 0x02 0xFF " + k_open + send_ok(0) +
                              "qmi_id = 5, result = 0\npx_qmi rsp data(qmi_id: 5, len: 0[max: 500]):\n\n");
     auto w = extend_requests(sim);
     ASSERT_EQ(w.size(), 1u);
@@ -261,12 +227,12 @@ TEST(RawE2e, SendsCommandAndBytesAndShowsTheEmptyReply)
 TEST(RawE2e, QmiIdOutOfRangeAndTooFewArguments)
 {
     SimHandset sim(scenario());
-    const std::string range = "\nnote: the second parameters(qmi_id) should be >= 0 && < 6\n" + kHelp6;
+    const std::string range = "\nnote: the second parameters(qmi_id) should be >= 0 && < 6\n" + for_group(6);
     EXPECT_EQ(sim.kvn({"6", "6", "1"}).out, range);
     EXPECT_EQ(sim.kvn({"6", "-1", "1"}).out, range);
-    EXPECT_EQ(sim.kvn({"6", "1"}).out, "\nnote: Too few parameters, Pls refer to the following cmd:\n" + kHelp6);
+    EXPECT_EQ(sim.kvn({"6", "1"}).out, "\nnote: Too few parameters, Pls refer to the following cmd:\n" + for_group(6));
     // The notes follow the shell print flag; the help does not.
-    EXPECT_EQ(sim.kvn({"6", "6", "1"}, quiet()).out, kHelp6);
+    EXPECT_EQ(sim.kvn({"6", "6", "1"}, shell_flag("0")).out, for_group(6));
     EXPECT_TRUE(extend_requests(sim).empty());
 }
 
@@ -287,10 +253,10 @@ TEST(RawE2e, ModemRefusalShowsFailAndHelp)
     SimHandset sim(scenario());
     // Command 3 has no handler in the sim: the modem refuses it with result 1.
     EXPECT_EQ(masked_out(sim.kvn({"6", "3", "9"})),
-              "px_qmi req data(qmi_id: 3, len: 1[max: 500]):\n0x09 " + kOpen +
+              "px_qmi req data(qmi_id: 3, len: 1[max: 500]):\n0x09 " + k_open +
                   "1 QMI service framework error. Check client\npelmox_extend_qmi_handle_req_cb result:-3\n"
                   "qmi_id = 3, result = -3\npelmox_extend_qmi_send_sync fail\n" +
-                  kHelp6);
+                  for_group(6));
 }
 
 TEST(RawE2e, NoReplyTimesOutWithMinus3)
@@ -298,9 +264,9 @@ TEST(RawE2e, NoReplyTimesOutWithMinus3)
     SimHandset sim(scenario());
     ASSERT_EQ(sim.ctl({"fault", "extend", "2", "no-reply"}).exit_code, 0);
     auto t0 = std::chrono::steady_clock::now();
-    auto r = sim.kvn({"6", "0", "1"}, quiet());
+    auto r = sim.kvn({"6", "0", "1"}, shell_flag("0"));
     auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
-    EXPECT_EQ(masked_out(r), kOpen + "send msg sync failed:-3\npelmox_extend_qmi_handle_req_cb result:-3\n" + kHelp6);
+    EXPECT_EQ(masked_out(r), k_open + "send msg sync failed:-3\npelmox_extend_qmi_handle_req_cb result:-3\n" + for_group(6));
     EXPECT_GE(ms, 2900) << "the send waits out its 3-second timeout";
     EXPECT_EQ(extend_requests(sim).size(), 1u);
 }
@@ -329,7 +295,7 @@ TEST(RawE2e, NoHandsetFailsWithMinus2AfterPollingAboutASecond)
         << out;
     EXPECT_NE(out.find(" QMI client init failed\npelmox_extend_qmi_handle_req_cb result:-2\n"
                        "qmi_id = 1, result = -2\npelmox_extend_qmi_send_sync fail\n" +
-                       kHelp6),
+                       for_group(6)),
               std::string::npos)
         << out;
     EXPECT_GE(ms, 900) << "fifty polls 20 ms apart";

@@ -12,39 +12,21 @@
 #include <vector>
 
 #include "../extend/extend_journal.h"
+#include "device_tests_e2e.h"
 
+using namespace devtests;
+using help_text::for_group;
 using kvn_test::masked_out;
-using kvn_test::ProcessOptions;
-using kvn_test::ProcessResult;
-using kvn_test::SimHandset;
 
 namespace {
 
 /* ---- expected texts ---- */
 
-const std::string kHelp7 =
-    "\n=========== blew: kovrin(kvn) cmd help =======================================================\n"
-    "7: pelmox modem stats test\n"
-    "   kvn 7 0 print                 /* modem stats diag-parsed test */\n"
-    "                                    print: 0 - print-off for temp info, 1 - print-on for temp info \n"
-    "   kvn 7 1 type                  /* get the debug info of modem stats */\n"
-    "                                    type: 0 - check, 1 - debuginfo \n"
-    "=========== above: kovrin(kvn) cmd help =======================================================\n\n";
 const std::string kNote = "\nnote: Too few parameters, Pls refer to the following cmd:\n";
 const std::string kSummary =
     "version = 196609, mcc = 29440, mnc_num 128, mnc 704, tac 497189504, cgi 2028284490176, pci 51666\n"
     "freq_band_ind = 64, dl_earfcn = 27450241, dl_bw 1280, ul_earfcn 24836608, ul_bw 1280, allow_access 128, scs 0\n";
 const std::string kRule = "===========================================\n";
-// The transport's lines of the first send of a run (client handle masked).
-const std::string kOpen =
-    "PELMOX_QMI_NV: qmi_client_get_service_list() returned 0 num_services = 1\n"
-    "qmi_client_get_service_list, err = 0, num_entries = 1, num_services = 1"
-    "qmi_client_init, err = 0, handle = H, client_handle = 0QMI client inited\n";
-std::string send_ok(int len)
-{
-    return "pelmox_extend_qmi_send_sync resp_len:" + std::to_string(len) +
-           "\npelmox_extend_qmi_handle_req_cb result:0\n";
-}
 std::string get(int type)
 {
     return "Get the debug info of modem_stats, mask = 0x" + std::to_string(type) + "\n";
@@ -57,12 +39,6 @@ std::string check_lines(int version, int enabled, uint64_t not_supported)
            "\nUNPK[size:8], modem_stats_cmd_ok_count = 0\nUNPK[size:8], modem_stats_cmd_fail_count = 0\n";
 }
 
-ProcessOptions quiet()
-{
-    ProcessOptions o;
-    o.env["PELMOX_SHELL_PRINT_FLAG"] = "0";
-    return o;
-}
 
 std::string scenario(const std::string &modem_stats) { return R"({"modem_stats": )" + modem_stats + "}"; }
 
@@ -215,12 +191,12 @@ TEST(StatsE2e, SelfTestAndDispatcherLines)
     };
     EXPECT_EQ(run({"7", "0", "0"}), "length = 48, print_flag = 0\n" + kSummary);
     EXPECT_EQ(run({"7", "0", "256"}).substr(0, 40), "length = 48, print_flag = 256\n    UNPK_I");
-    EXPECT_EQ(run({"7", "0"}), kNote + "pelmox_test_modem_stats_parsing_process FAIL\n" + kHelp7);
-    EXPECT_EQ(run({"7", "1"}), kNote + "pelmox_test_modem_stats_get_debug_info FAIL\n" + kHelp7);
-    EXPECT_EQ(run({"7", "2"}), "invalid type = 2\n" + kHelp7);
-    EXPECT_EQ(run({"7"}), kNote + kHelp7);
+    EXPECT_EQ(run({"7", "0"}), kNote + "pelmox_test_modem_stats_parsing_process FAIL\n" + for_group(7));
+    EXPECT_EQ(run({"7", "1"}), kNote + "pelmox_test_modem_stats_get_debug_info FAIL\n" + for_group(7));
+    EXPECT_EQ(run({"7", "2"}), "invalid type = 2\n" + for_group(7));
+    EXPECT_EQ(run({"7"}), kNote + for_group(7));
     none.env["PELMOX_SHELL_PRINT_FLAG"] = "0"; // the notes follow the shell print flag
-    EXPECT_EQ(run({"7", "1"}), "pelmox_test_modem_stats_get_debug_info FAIL\n" + kHelp7);
+    EXPECT_EQ(run({"7", "1"}), "pelmox_test_modem_stats_get_debug_info FAIL\n" + for_group(7));
 }
 
 TEST(StatsE2e, SelfTestFullTrace)
@@ -238,8 +214,8 @@ TEST(StatsE2e, SelfTestFullTrace)
 TEST(StatsE2e, DefaultBlockPrintsEverySection)
 {
     SimHandset sim;
-    auto r = sim.kvn({"7", "1", "1"}, quiet());
-    EXPECT_EQ(masked_out(r), get(1) + kOpen + send_ok(229) + kDefaultBlock);
+    auto r = sim.kvn({"7", "1", "1"}, shell_flag("0"));
+    EXPECT_EQ(masked_out(r), get(1) + k_open + send_ok(229) + kDefaultBlock);
     EXPECT_EQ(request_types(sim), std::vector<uint32_t>{20});
 }
 
@@ -261,7 +237,7 @@ TEST(StatsE2e, BlockVersionsAndCursorLines)
         char v[4];
         snprintf(v, sizeof(v), "%02x", c.version);
         SimHandset sim(scenario(R"({"debug_info": ")" + std::string(v) + hex + "\"}"));
-        std::string out = sim.kvn({"7", "1", "3"}, quiet()).out;
+        std::string out = sim.kvn({"7", "1", "3"}, shell_flag("0")).out;
         std::string markers;
         size_t fields = 0;
         std::regex line("[^\n]*\n");
@@ -323,8 +299,8 @@ TEST(StatsE2e, CheckSuccesClosedFailAndIdWrap)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         SimHandset sim(scenario(c.modem_stats));
-        auto r = sim.kvn({"7", "1", "0"}, quiet());
-        std::string head = get(0) + kOpen;
+        auto r = sim.kvn({"7", "1", "0"}, shell_flag("0"));
+        std::string head = get(0) + k_open;
         std::string out = masked_out(r);
         ASSERT_EQ(out.substr(0, head.size()), head);
         std::string rest = out.substr(head.size());
@@ -367,7 +343,7 @@ TEST(StatsE2e, BothRequestsFail)
         if (c.down) {
             ASSERT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
         }
-        std::string out = sim.kvn({"7", "1", c.type}, quiet()).out;
+        std::string out = sim.kvn({"7", "1", c.type}, shell_flag("0")).out;
         ASSERT_GE(out.size(), c.last.size()) << out;
         EXPECT_EQ(out.substr(out.size() - c.last.size()), c.last) << out;
         EXPECT_EQ(out.find(c.last), out.size() - c.last.size()) << "printed twice";
@@ -382,7 +358,7 @@ TEST(StatsE2e, NotSupportedListWithServiceGoingDown)
     ASSERT_EQ(sim.ctl({"fault", "extend", "2", "no-reply", "--after", "1"}).exit_code, 0);
     sim.clear_journal();
     ProcessResult r;
-    std::thread run([&] { r = sim.kvn({"7", "1", "0"}, quiet()); });
+    std::thread run([&] { r = sim.kvn({"7", "1", "0"}, shell_flag("0")); });
     for (int i = 0; i < 1500 && request_types(sim).size() < 2; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);

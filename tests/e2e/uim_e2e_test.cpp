@@ -11,11 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "sim_handset.h"
+#include "device_tests_e2e.h"
 
-using kvn_test::ProcessOptions;
-using kvn_test::ProcessResult;
-using kvn_test::SimHandset;
+using namespace devtests;
 
 namespace {
 
@@ -28,13 +26,6 @@ std::string masked(const ProcessResult &r)
     static const std::regex ptr(R"((0x[0-9a-f]+|\(nil\)))");
     std::string t = std::regex_replace(kvn_test::mask_trace_lines(r.out), handle, "handle = H, client_handle");
     return std::regex_replace(t, ptr, "P");
-}
-
-ProcessOptions shell_flag(int on)
-{
-    ProcessOptions o;
-    o.env["PELMOX_SHELL_PRINT_FLAG"] = std::to_string(on);
-    return o;
 }
 
 bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
@@ -90,21 +81,6 @@ std::string esim(const SimHandset &sim, int opt, int debug_on)
 const std::string kEid = "89049032123451234512345678901235";
 const char kEidFile[] = "/nv/item_files/modem/uim/uimdrv/esim_eid";
 
-// The extend transport's lines of the first send of a run, and of each send.
-const std::string kOpen = "PELMOX_QMI_NV: qmi_client_get_service_list() returned 0 num_services = 1\n"
-                          "qmi_client_get_service_list, err = 0, num_entries = 1, num_services = 1"
-                          "qmi_client_init, err = 0, handle = H, client_handle = 0QMI client inited\n";
-std::string send_ok(int len)
-{
-    return "pelmox_extend_qmi_send_sync resp_len:" + std::to_string(len) +
-           "\npelmox_extend_qmi_handle_req_cb result:0\n";
-}
-
-const std::string kBanner =
-    "\n=========== blew: kovrin(kvn) cmd help =======================================================\n";
-const std::string kFooter =
-    "=========== above: kovrin(kvn) cmd help =======================================================\n\n";
-
 /* ---- card commands (sub-commands 1-4, 6) ---- */
 
 // What a card command prints from its parameter line on: the send line, the
@@ -119,7 +95,7 @@ std::string card_sent(const std::string &head, int type, int param_len, int valu
         snprintf(block, sizeof(block), "\ndata len(12)\ndata: %02X 00 00 00 04 00 00 00 %02X 00 00 00\n", type,
                  value);
     return head + "pelmox_cmn_cmd_send, t: " + std::to_string(type) + ", l: " + std::to_string(param_len) + "\n" +
-           kOpen + send_ok(value < 0 ? 16 : 20) + "result = 0, rsp.result = 0\n" + block;
+           k_open + send_ok(value < 0 ? 16 : 20) + "result = 0, rsp.result = 0\n" + block;
 }
 
 // One sim, commands in order: each row sees what the rows before it did to
@@ -155,7 +131,7 @@ TEST(UimCardCommands, QueryGetSetTypeAndHotSwapInOrder)
         {{"5", "2", "2"}, 0, "param(cnt: 1):\n 1\n", 0x37, 4, 1},
     };
     for (const auto &row : rows) {
-        auto r = sim.kvn(row.args, shell_flag(row.flag));
+        auto r = sim.kvn(row.args, shell_flag(row.flag ? "1" : "0"));
         std::string joined;
         for (const auto &a : row.args)
             joined += a + " ";
@@ -164,9 +140,9 @@ TEST(UimCardCommands, QueryGetSetTypeAndHotSwapInOrder)
     // A one-slot handset: one slot by type, and slot 2 refused.
     std::ofstream(sim.dir() + "/one.json") << R"({"uim": {"slots": {"1": {}}}})";
     ASSERT_EQ(sim.ctl({"load", sim.dir() + "/one.json"}).exit_code, 0);
-    EXPECT_EQ(masked(sim.kvn({"5", "4"}, shell_flag(0))), card_sent("param(cnt: 0):\n\n", 0x38, 0, 1));
-    std::string out = masked(sim.kvn({"5", "2", "1"}, shell_flag(0)));
-    EXPECT_EQ(out.substr(0, out.find(kBanner)), "param(cnt: 1):\n 1\npelmox_cmn_cmd_send, t: 55, l: 4\n" + kOpen +
+    EXPECT_EQ(masked(sim.kvn({"5", "4"}, shell_flag("0"))), card_sent("param(cnt: 0):\n\n", 0x38, 0, 1));
+    std::string out = masked(sim.kvn({"5", "2", "1"}, shell_flag("0")));
+    EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), "param(cnt: 1):\n 1\npelmox_cmn_cmd_send, t: 55, l: 4\n" + k_open +
                                                     send_ok(16) + "result = 0, rsp.result = 1\nrsp.result fail\n");
 }
 
@@ -176,7 +152,7 @@ TEST(UimCardCommands, WrongCountsAndTransportFailure)
 {
     SimHandset sim;
     ASSERT_TRUE(sim.started());
-    const std::string help5_head = kBanner + "5: cmn option cmd: \n";
+    const std::string help5_head = help_text::k_banner + "5: cmn option cmd: \n";
     struct Row {
         std::vector<std::string> args;
         int flag;
@@ -193,9 +169,9 @@ TEST(UimCardCommands, WrongCountsAndTransportFailure)
         {{"5", "6", "1", "2"}, 0, "opt: 1\n\nnote: need 7 inputs, Pls refer to the following cmd:\n"},
     };
     for (const auto &row : rows) {
-        auto r = sim.kvn(row.args, shell_flag(row.flag));
+        auto r = sim.kvn(row.args, shell_flag(row.flag ? "1" : "0"));
         std::string out = masked(r);
-        EXPECT_EQ(out.substr(0, out.find(kBanner)), row.head) << row.args.size();
+        EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), row.head) << row.args.size();
         EXPECT_TRUE(contains(out, help5_head)) << out;
     }
     sim.clear_journal();
@@ -203,7 +179,7 @@ TEST(UimCardCommands, WrongCountsAndTransportFailure)
 
     // The vendor service gone: the send fails, its result is the error code.
     ASSERT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
-    std::string out = masked(sim.kvn({"5", "4"}, shell_flag(0)));
+    std::string out = masked(sim.kvn({"5", "4"}, shell_flag("0")));
     EXPECT_TRUE(contains(out, "result = -2, rsp.result = 0\npelmox_extend_qmi_send_sync fail\n")) << out;
 }
 
@@ -220,12 +196,12 @@ TEST(UimEsim, EveryOptionWithTracesOff)
     } rows[] = {
         {4, "PRESENT,PRESENT\n"},
         {3, "value=FAILED\n"}, // slot 2 runs on its physical card: no EID
-        {1, kOpen + send_ok(16) + send_ok(444) + send_ok(444) + "eID=" + kEid + "\n"},
+        {1, k_open + send_ok(16) + send_ok(444) + send_ok(444) + "eID=" + kEid + "\n"},
         {4, "PRESENT,PRESENT\n"},
         {3, "eID=" + kEid + "\n"},
         {5, "value=SUCCEED\n"},
         {5, "value=SUCCEED\n"},
-        {2, kOpen + send_ok(16) + "value=SUCCEED\n"},
+        {2, k_open + send_ok(16) + "value=SUCCEED\n"},
         {3, "value=FAILED\n"},
         {0, "value=FAILED\n"},
         {6, "value=FAILED\n"},
@@ -233,8 +209,8 @@ TEST(UimEsim, EveryOptionWithTracesOff)
     for (const auto &row : rows)
         EXPECT_EQ(esim(sim, row.opt, 0), row.out) << "option " << row.opt;
     // Too few arguments: nothing printed, the dispatcher's note and help.
-    std::string out = masked(sim.kvn({"5", "10", "1"}, shell_flag(0)));
-    EXPECT_EQ(out.substr(0, out.find(kBanner)), "");
+    std::string out = masked(sim.kvn({"5", "10", "1"}, shell_flag("0")));
+    EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), "");
 }
 
 /* ---- eSIM test: traces on ---- */
@@ -318,7 +294,7 @@ TEST(UimEsim, EidOnFifthAttemptStoredOnce)
     // Next run: the file reads back, nothing is written; traces off leave
     // only the transport lines and the result line.
     out = esim(sim, 1, 0);
-    EXPECT_EQ(out, kOpen + send_ok(16) + send_ok(444) + "eID=" + kEid + "\n");
+    EXPECT_EQ(out, k_open + send_ok(16) + send_ok(444) + "eID=" + kEid + "\n");
 }
 
 TEST(UimEsim, EidNeverReadyBadCheckAndOptionThreeAttempts)
@@ -442,36 +418,6 @@ TEST(UimWire, PowerChannelApduAndCloseBytes)
         "2f: 10=01",
     };
     EXPECT_EQ(reqs, want);
-}
-
-/* ---- the scenario key ---- */
-
-TEST(UimScenario, BadDocumentsAreRefusedWithTheirPath)
-{
-    SimHandset sim;
-    ASSERT_TRUE(sim.started());
-    struct Row {
-        const char *doc;
-        const char *error;
-    } rows[] = {
-        {R"({"uim": {"slots": {"1": {"cardd": "present"}}}})", "unknown key \"uim.slots.1.cardd\""},
-        {R"({"uim": {"slot": {}}})", "unknown key \"uim.slot\""},
-        {R"({"uim": {"slots": {"2": {}}}})", "\"uim.slots\" needs slot \"1\""},
-        {R"({"uim": {"slots": {"1": {}, "3": {}}}})", "unknown key \"uim.slots.3\""},
-        {R"({"uim": {"slots": {"1": {"selected": "euicc"}}}})", "\"uim.slots.1.selected\" is \"euicc\""},
-        {R"({"uim": {"slots": {"1": {"euicc": {"eid": "89"}}}}})", "\"uim.slots.1.euicc.eid\" must be 32 hex"},
-        {R"({"uim": {"slots": {"1": {"euicc": {"profiles": 1}}}}})", "\"uim.slots.1.euicc\" needs \"eid\""},
-        {R"({"uim": {"slots": {"1": {"power": "off"}}}})", "\"uim.slots.1.power\" must be one of down, up"},
-        {R"({"uim": {"extended_card_status": 1}})", "\"uim.extended_card_status\" must be true or false"},
-    };
-    for (const auto &row : rows) {
-        std::ofstream(sim.dir() + "/bad.json") << row.doc;
-        auto r = sim.ctl({"load", sim.dir() + "/bad.json"});
-        EXPECT_NE(r.exit_code, 0) << row.doc;
-        EXPECT_TRUE(contains(r.err, row.error)) << row.doc << " -> " << r.err;
-    }
-    // Nothing changed: the default handset's two cards.
-    EXPECT_EQ(esim(sim, 4, 0), "PRESENT,PRESENT\n");
 }
 
 } // namespace

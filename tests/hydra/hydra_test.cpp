@@ -364,7 +364,6 @@ TEST_F(HydraSimTest, RefusalsLeaveTheOpenClientWorking)
     modem_stats_param_result result{};
     sim().clear_journal();
     EXPECT_EQ(modem_api_get_stats_parameter(0, 0, 1, 0, ids, &result), 5u);
-    EXPECT_EQ(modem_api_get_stats_parameter(0, 0, 1, 11, ids, &result), 5u);
     EXPECT_EQ(modem_api_get_stats_parameter(0, 0, 1, 1, nullptr, &result), 5u);
     EXPECT_EQ(modem_api_get_stats_parameter(0, 0, 1, 1, ids, nullptr), 5u);
     EXPECT_EQ(modem_api_get_stats_parameter(-1, 0, 1, 1, ids, &result), 7u);
@@ -392,6 +391,22 @@ TEST_F(HydraSimTest, RefusalsLeaveTheOpenClientWorking)
     EXPECT_EQ(reqs[0].tlvs[1], "0100");
     EXPECT_EQ(reqs[0].tlvs[2], "0900");
     EXPECT_EQ(reqs[0].tlvs[3], "02520000005e000000");
+
+    // The id count's bound: up to ten ids go out behind their count, eleven
+    // are refused before sending.
+    for (int32_t n : {9, 10, 11}) {
+        std::vector<uint32_t> many(size_t(n), 82);
+        std::string tlv = n == 9 ? "09" : "0a";
+        for (int32_t i = 0; i < n; ++i)
+            tlv += "52000000";
+        sim().clear_journal();
+        EXPECT_EQ(modem_api_get_stats_parameter(0, 0, 1, n, many.data(), &result), n <= 10 ? 0u : 5u) << n;
+        reqs = requests(sim(), 0xE4);
+        ASSERT_EQ(reqs.size(), n <= 10 ? 1u : 0u) << n;
+        if (n <= 10) {
+            EXPECT_EQ(reqs[0].tlvs[3], tlv);
+        }
+    }
 
     // A SAR client is not a statistics client.
     uint32_t sar = open(MODEM_API_CLIENT_SAR);

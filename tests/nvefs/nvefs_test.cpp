@@ -222,4 +222,22 @@ TEST_F(NvefsTest, TransportFailureIsMapped)
     EXPECT_EQ(extend_requests().size(), 2u) << "the write stops at its first failed chunk";
 }
 
+// A read reply claiming more item bytes (500) than a reply carries gives the
+// 424 it carries and reads nothing past it. Last in the program: the canned
+// reply stays for the shared handset's life.
+TEST_F(NvefsTest, ReadReplyClaimingFiveHundredBytesGivesFourHundredTwentyFour)
+{
+    auto item = pattern(424, 5);
+    std::string hex = "01000000" "f4010000" "0000000000000000" "00000000";
+    for (uint8_t b : item)
+        hex += "0123456789abcdef"[b >> 4], hex += "0123456789abcdef"[b & 15];
+    load_scenario(R"({"extend_replies": {"2": {"result": 0, "data": ")" + hex + R"("}}})");
+    std::vector<uint8_t> buf(1000, 0xEE);
+    uint32_t len = 1000;
+    ASSERT_EQ(pelmox_nv_read(0, 1, buf.data(), &len), 0);
+    EXPECT_EQ(len, 424u);
+    EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + 424), item);
+    EXPECT_EQ(buf[424], 0xEE);
+}
+
 } // namespace

@@ -1,22 +1,31 @@
 // android_test.cpp - system properties and the Android log of the host
-// platform against the fake handset, and with nothing listening.
-#include "fake_handset.h"
-
+// platform against a kvn-sim, against a handset that answers a value no
+// property can hold, and with nothing listening.
 #include <android/log.h>
 #include <cutils/properties.h>
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <string>
+#include <thread>
+
+#include "kvn_wire.h"
+#include "sim_handset.h"
 
 namespace {
 
-TEST(Properties, SetGetAndLengthLimits)
+TEST(Properties, SetGetLengthLimitsAndTheLog)
 {
-    fake::Handset sim;
+    kvn_test::SimHandset sim;
+    setenv("KVN_SIM_SOCKET", sim.socket().c_str(), 1);
     char value[PROPERTY_VALUE_MAX];
     EXPECT_EQ(0, property_set("persist.vendor.radio.x", "42"));
-    EXPECT_EQ("42", sim.properties()["persist.vendor.radio.x"]);
+    EXPECT_EQ("42\n", sim.ctl({"prop", "get", "persist.vendor.radio.x"}).out);
     EXPECT_EQ(2, property_get("persist.vendor.radio.x", value, "d"));
     EXPECT_STREQ("42", value);
     EXPECT_EQ(1, property_get("unset.key", value, "d"));
@@ -24,36 +33,55 @@ TEST(Properties, SetGetAndLengthLimits)
     EXPECT_EQ(0, property_get("unset.key", value, nullptr));
     EXPECT_STREQ("", value);
 
-    // Keys up to 64 and values up to 91 characters; longer ones are refused.
-    const std::string key64(64, 'k'), value91(91, 'v'), value92(92, 'v');
+    // Keys up to 64 and values up to 91 characters; longer ones are refused
+    // before anything is sent.
+    const std::string key64(64, 'k'), value91(91, 'v');
     EXPECT_EQ(0, property_set(key64.c_str(), value91.c_str()));
     EXPECT_GT(0, property_set(std::string(65, 'k').c_str(), "1"));
-    EXPECT_GT(0, property_set("k", value92.c_str()));
-    EXPECT_EQ(2u, sim.properties().size());
+    EXPECT_GT(0, property_set("k", std::string(92, 'v').c_str()));
+    EXPECT_NE(0, sim.ctl({"prop", "get", "k"}).exit_code);
     EXPECT_EQ(91, property_get(key64.c_str(), value, ""));
     EXPECT_EQ(value91, value);
-    // A value the handset should never hold is not copied past the buffer.
-    sim.set_property("long", value92);
-    EXPECT_EQ(3, property_get("long", value, "def"));
-    EXPECT_STREQ("def", value);
+
+    __android_log_print(ANDROID_LOG_INFO, "HYDRA", "value %d %s", 7, "x");
+    EXPECT_NE(std::string::npos, sim.ctl({"logcat"}).out.find(" I HYDRA: value 7 x\n"));
 }
 
-TEST(AndroidLog, LineGoesToTheHandset)
+// A handset that answers every property read with 92 bytes, one more than a
+// property holds: the default is given and nothing is copied past the buffer.
+TEST(Properties, OverlongValueFromTheHandsetGivesTheDefault)
 {
-    fake::Handset sim;
-    __android_log_print(ANDROID_LOG_INFO, "HYDRA", "value %d %s", 7, "x");
-    ASSERT_TRUE(sim.wait_until([&] { return sim.log().size() == 1; }));
-    auto line = sim.log()[0];
-    EXPECT_EQ(ANDROID_LOG_INFO, line.prio);
-    EXPECT_EQ("HYDRA", line.tag);
-    EXPECT_EQ("value 7 x", line.msg);
+    kvn_test::TempDir dir;
+    const std::string path = dir.path() + "/h.sock";
+    int lfd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::strncpy(a.sun_path, path.c_str(), sizeof(a.sun_path) - 1);
+    ASSERT_EQ(0, bind(lfd, reinterpret_cast<sockaddr *>(&a), sizeof(a)));
+    ASSERT_EQ(0, listen(lfd, 1));
+    std::thread handset([lfd] {
+        int fd = accept(lfd, nullptr, nullptr);
+        if (fd >= 0 && kvn_wire::read_packet(fd, 3000))
+            kvn_wire::write_packet(fd, {kvn_wire::Kind::PropValue}, std::vector<uint8_t>(92, 'v'));
+        if (fd >= 0)
+            close(fd);
+    });
+    setenv("KVN_SIM_SOCKET", path.c_str(), 1);
+    char value[PROPERTY_VALUE_MAX + 8];
+    std::memset(value, 'x', sizeof(value));
+    EXPECT_EQ(3, property_get("long", value, "def"));
+    EXPECT_STREQ("def", value);
+    EXPECT_EQ('x', value[PROPERTY_VALUE_MAX]);
+    handset.join();
+    close(lfd);
 }
 
 // With no handset, reads get the default, writes fail, and log lines are
 // dropped without blocking or printing.
 TEST(NothingListening, DefaultsFailuresAndDroppedLines)
 {
-    fake::socket_path();
+    kvn_test::TempDir dir;
+    setenv("KVN_SIM_SOCKET", (dir.path() + "/nobody.sock").c_str(), 1);
     char value[PROPERTY_VALUE_MAX];
     EXPECT_EQ(7, property_get("persist.radio.ssr_wait_s", value, "default"));
     EXPECT_STREQ("default", value);

@@ -1,9 +1,7 @@
-// client_test.cpp - the QMI client library against a fake handset: round
-// trips, timeouts, a service that goes away mid-call, service-up
+// client_test.cpp - the QMI client library against a kvn-sim: round trips,
+// timeouts and late replies, a service that goes away mid-call, service-up
 // notifications, indications on the library's thread, release racing
 // indications, and the service list with nothing listening.
-#include "fake_handset.h"
-
 #include <qmi_client.h>
 #include <user_identity_module_v01.h>
 
@@ -11,32 +9,79 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <thread>
 
+#include "kvn_wire.h"
+#include "sim_handset.h"
+
 namespace {
 
-using fake::Bytes;
+using Bytes = std::vector<uint8_t>;
 using namespace std::chrono_literals;
 
 constexpr uint32_t kUim = QMI_UIM_SERVICE_ID_V01;
+constexpr uint16_t kGetEid = QMI_UIM_GET_EID_REQ_V01;
 
 qmi_idl_service_object_type uim() { return uim_get_service_object_v01(); }
 
-const Bytes kOk = {0x02, 0x04, 0x00, 0x00, 0x00, 0x00, 0x00};
-
-Bytes eid_response()
+// Slot 1 holds a physical card (Get EID refused: not supported), slot 2 an
+// eUICC that answers its EID.
+const char kScenario[] = R"({"uim": {"slots": {"1": {}, "2": {"selected": "euicc",
+    "euicc": {"eid": "89000102030405060708090a0b0c0d0e"}}}}})";
+Bytes eid_tlvs()
 {
-    Bytes b = kOk;
-    b.insert(b.end(), {0x10, 0x11, 0x00, 0x10});
-    for (int i = 0; i < 16; ++i)
-        b.push_back(uint8_t(0x89 + i));
+    Bytes b = {0x02, 0x04, 0x00, 0x00, 0x00, 0x00, 0x00, 0x10, 0x11, 0x00, 0x10, 0x89};
+    for (uint8_t i = 0; i < 15; ++i)
+        b.push_back(i);
     return b;
 }
 
-// Opens a UIM client on the fake, failing the test when it cannot.
+std::string hex(const Bytes &b)
+{
+    std::string s;
+    for (uint8_t c : b)
+        s += "0123456789abcdef"[c >> 4], s += "0123456789abcdef"[c & 15];
+    return s;
+}
+
+// A handset of the test's own, which the library finds through KVN_SIM_SOCKET.
+struct Handset {
+    kvn_test::SimHandset sim{kScenario};
+    Handset() { setenv("KVN_SIM_SOCKET", sim.socket().c_str(), 1); }
+    bool ctl(const std::vector<std::string> &args) const { return sim.ctl(args).exit_code == 0; }
+    // Over the control channel directly: a process per indication would be
+    // too slow to flood.
+    void indicate(uint16_t msg, const Bytes &tlvs) const
+    {
+        std::string body = R"({"op":"indicate","service":"uim","msg":)" + std::to_string(msg) + R"(,"hex":")" +
+                           hex(tlvs) + R"("})";
+        auto r = kvn_wire::exchange(sim.socket(), {kvn_wire::Kind::Control}, Bytes(body.begin(), body.end()), 3000);
+        EXPECT_TRUE(r && r->hdr.status == 0);
+    }
+    size_t uim_requests() const
+    {
+        size_t n = 0;
+        for (const auto &l : sim.journal())
+            n += l.find("\"service\":11,") != std::string::npos;
+        return n;
+    }
+};
+
+bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout = 5000ms)
+{
+    for (auto end = std::chrono::steady_clock::now() + timeout; std::chrono::steady_clock::now() < end;)
+        if (pred())
+            return true;
+        else
+            std::this_thread::sleep_for(5ms);
+    return pred();
+}
+
 qmi_client_type open_uim(qmi_client_ind_cb ind_cb = nullptr, void *ind_data = nullptr, unsigned timeout_ms = 1000)
 {
     qmi_client_os_params os{};
@@ -51,7 +96,18 @@ int get_eid(qmi_client_type h, uim_get_eid_resp_msg_v01 *resp, unsigned timeout_
 {
     uim_get_eid_req_msg_v01 req{};
     req.slot = slot;
-    return qmi_client_send_msg_sync(h, QMI_UIM_GET_EID_REQ_V01, &req, sizeof(req), resp, sizeof(*resp), timeout_ms);
+    std::memset(resp, 0xCC, sizeof(*resp));
+    return qmi_client_send_msg_sync(h, kGetEid, &req, sizeof(req), resp, sizeof(*resp), timeout_ms);
+}
+
+// The answer a slot gets: slot 2 its EID, slot 1 the not-supported refusal.
+bool answer_fits(const uim_get_eid_resp_msg_v01 &r, int slot)
+{
+    if (slot == 2)
+        return r.resp.result == QMI_RESULT_SUCCESS_V01 && r.eid_value_valid == 1 && r.eid_value_len == 16 &&
+               r.eid_value[0] == 0x89 && r.eid_value[15] == 0x0e;
+    return r.resp.result == QMI_RESULT_FAILURE_V01 && r.resp.error == QMI_ERR_NOT_SUPPORTED_V01 &&
+           r.eid_value_valid == 0;
 }
 
 // Records every call of a callback: its value and the thread it ran on.
@@ -79,66 +135,42 @@ void on_notify(qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_e
     static_cast<CallLog *>(d)->add(ev);
 }
 
-// A handset with UIM up; open() connects a client and waits until the
-// handset has seen it. A watched client also has an error callback, which
+// A handset with UIM up. A watched client also has an error callback, which
 // makes the library watch its connection while the caller is idle.
 class Uim : public testing::Test {
 protected:
-    Uim() { sim.set_up(kUim, true); }
     qmi_client_type open(qmi_client_ind_cb cb = nullptr, void *data = nullptr, bool watched = true)
     {
         qmi_client_type h = open_uim(cb, data);
-        EXPECT_TRUE(h && sim.wait_until([&] { return sim.clients(kUim) == 1; }));
         if (h && watched) {
             EXPECT_EQ(QMI_NO_ERR, qmi_client_register_error_cb(h, on_error, &errors));
         }
         return h;
     }
-    fake::Handset sim;
+    Handset hs;
     CallLog errors;
 };
 
 /* ---- requests ---- */
 
-// One handle through a timeout, a round trip and a broken reply. The first
-// request is answered only after the client gave up, and with a failure, so
-// taking that late reply for the next request would show.
-TEST_F(Uim, TimeoutRoundTripAndCodecErrors)
+// One handle through a timeout, round trips and a broken reply. The refusal
+// to slot 1 comes only after the client gave up on it, while the request for
+// slot 2 waits: taking that late reply for it would show.
+TEST_F(Uim, TimeoutLateReplyRoundTripAndCodecErrors)
 {
-    Bytes seen;
-    std::atomic<int> calls{0};
-    sim.set_handler([&](uint32_t service, uint16_t msg_id, const Bytes &tlvs) -> std::optional<Bytes> {
-        if (service != kUim || msg_id != QMI_UIM_GET_EID_REQ_V01)
-            return std::nullopt;
-        seen = tlvs;
-        Bytes b = eid_response();
-        switch (calls++) {
-        case 0:
-            std::this_thread::sleep_for(300ms);
-            b = kOk;
-            b[3] = 1;
-            break;
-        case 2:
-            b.resize(b.size() - 4); // cut inside the EID TLV
-            break;
-        }
-        return b;
-    });
+    ASSERT_TRUE(hs.ctl({"fault", "uim", "0x65", "delay=400", "--count", "2"}));
     qmi_client_type h = open();
     ASSERT_NE(nullptr, h);
     uim_get_eid_resp_msg_v01 resp;
-    EXPECT_EQ(QMI_TIMEOUT_ERR, get_eid(h, &resp, 100));
-
-    std::memset(&resp, 0xCC, sizeof(resp));
-    ASSERT_EQ(QMI_NO_ERR, get_eid(h, &resp));
-    EXPECT_EQ((Bytes{0x01, 0x01, 0x00, 0x02}), seen);
-    EXPECT_EQ(QMI_RESULT_SUCCESS_V01, resp.resp.result);
-    EXPECT_EQ(1, resp.eid_value_valid);
-    EXPECT_EQ(16u, resp.eid_value_len);
-    EXPECT_EQ(0x89, resp.eid_value[0]);
-    EXPECT_EQ(0x98, resp.eid_value[15]);
+    EXPECT_EQ(QMI_TIMEOUT_ERR, get_eid(h, &resp, 100, UIM_SLOT_1_V01));
+    ASSERT_EQ(QMI_NO_ERR, get_eid(h, &resp, 3000));
+    EXPECT_TRUE(answer_fits(resp, 2));
+    ASSERT_EQ(QMI_NO_ERR, get_eid(h, &resp, 3000, UIM_SLOT_1_V01));
+    EXPECT_TRUE(answer_fits(resp, 1));
+    EXPECT_NE(hs.sim.journal().back().find(R"("tlvs":[{"type":1,"hex":"01"}])"), std::string::npos);
 
     // Codec errors on either side are passed through as they are.
+    ASSERT_TRUE(hs.ctl({"fault", "uim", "0x65", "truncate"}));
     EXPECT_EQ(QMI_IDL_LIB_MESSAGE_DATA_ERROR, get_eid(h, &resp));
     uim_open_logical_channel_req_msg_v01 req{};
     req.aid_valid = 1;
@@ -146,48 +178,44 @@ TEST_F(Uim, TimeoutRoundTripAndCodecErrors)
     uim_open_logical_channel_resp_msg_v01 oresp;
     EXPECT_EQ(QMI_IDL_LIB_ARRAY_TOO_BIG, qmi_client_send_msg_sync(h, QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01, &req,
                                                                   sizeof(req), &oresp, sizeof(oresp), 1000));
-    EXPECT_EQ(3, calls.load());
+    EXPECT_EQ(4u, hs.uim_requests());
     EXPECT_EQ(QMI_IDL_LIB_BUFFER_TOO_SMALL,
-              qmi_client_send_msg_sync(h, QMI_UIM_GET_EID_REQ_V01, &req, 4, &resp, sizeof(resp) - 1, 1000));
+              qmi_client_send_msg_sync(h, kGetEid, &req, 4, &resp, sizeof(resp) - 1, 1000));
     EXPECT_EQ(QMI_NO_ERR, qmi_client_release(h));
 }
 
 // Several threads share one handle while indications arrive: each gets the
-// response to its own request, and every indication reaches the callback.
+// answer to its own request, and every indication reaches the callback.
 TEST_F(Uim, ConcurrentSendersAndIndicationsOnOneHandle)
 {
-    sim.set_handler([](uint32_t, uint16_t, const Bytes &tlvs) -> std::optional<Bytes> {
-        Bytes b = eid_response();
-        b[11] = tlvs[3]; // first EID byte = the slot asked for
-        return b;
-    });
     std::atomic<int> inds{0};
     auto cb = [](qmi_client_type, unsigned, void *, unsigned, void *data) { ++*static_cast<std::atomic<int> *>(data); };
     qmi_client_type h = open(cb, &inds);
     ASSERT_NE(nullptr, h);
-    constexpr int kThreads = 4, kRequests = 50, kInds = 100;
+    constexpr int kThreads = 4, kRequests = 50, kInds = 20;
     std::atomic<int> wrong{0};
     std::vector<std::thread> senders;
     for (int t = 0; t < kThreads; ++t)
         senders.emplace_back([&, t] {
+            const int slot = 1 + t % 2;
             for (int i = 0; i < kRequests; ++i) {
                 uim_get_eid_resp_msg_v01 resp;
-                if (get_eid(h, &resp, 5000, uim_slot_enum_v01(t + 1)) != QMI_NO_ERR || resp.eid_value[0] != t + 1)
+                if (get_eid(h, &resp, 5000, uim_slot_enum_v01(slot)) != QMI_NO_ERR || !answer_fits(resp, slot))
                     ++wrong;
             }
         });
     for (int i = 0; i < kInds; ++i)
-        sim.indicate(kUim, 0x32, kOk);
+        hs.indicate(0x32, {0x02, 0x04, 0x00, 0x00, 0x00, 0x00, 0x00});
     for (auto &t : senders)
         t.join();
     EXPECT_EQ(0, wrong.load());
-    EXPECT_TRUE(sim.wait_until([&] { return inds.load() == kInds; }));
+    EXPECT_TRUE(wait_until([&] { return inds.load() == kInds; }));
     qmi_client_release(h);
 }
 
 /* ---- the service going away ---- */
 
-// The service dies under a waiting call, announced (SERVICE_DOWN then close)
+// The service dies under a waiting call, announced (the service goes down)
 // or not (the connection just drops). The call fails with a service error and
 // the error callback runs exactly once, whether it was registered before the
 // death (then on the library's thread) or only after it.
@@ -195,15 +223,8 @@ TEST(Client, ServiceKilledMidCallFailsTheCallAndReportsOnce)
 {
     for (bool announced : {true, false}) {
         SCOPED_TRACE(announced ? "announced" : "dropped");
-        fake::Handset sim;
-        sim.set_up(kUim, true);
-        std::promise<void> arrived;
-        std::atomic<bool> first{true};
-        sim.set_handler([&](uint32_t, uint16_t, const Bytes &) -> std::optional<Bytes> {
-            if (first.exchange(false))
-                arrived.set_value();
-            return std::nullopt;
-        });
+        Handset hs;
+        ASSERT_TRUE(hs.ctl({"fault", "uim", "0x65", announced ? "no-reply" : "drop"}));
         qmi_client_type h = open_uim();
         ASSERT_NE(nullptr, h);
         CallLog errs;
@@ -232,17 +253,16 @@ TEST(Client, ServiceKilledMidCallFailsTheCallAndReportsOnce)
             }
         } join{checked, caller_thread};
         auto result = call.get_future();
-        arrived.get_future().wait();
-        if (announced)
-            sim.set_up(kUim, false);
-        else
-            sim.drop_clients(kUim);
+        if (announced) {
+            ASSERT_TRUE(wait_until([&] { return hs.uim_requests() == 1; }));
+            ASSERT_TRUE(hs.ctl({"service", "uim", "down"}));
+        }
         EXPECT_EQ(QMI_SERVICE_ERR, result.get());
         if (!announced) {
             ASSERT_EQ(QMI_NO_ERR, qmi_client_register_error_cb(h, on_error, &errs));
         }
 
-        ASSERT_TRUE(sim.wait_until([&] { return errs.count(QMI_SERVICE_ERR) >= 1; }));
+        ASSERT_TRUE(wait_until([&] { return errs.count(QMI_SERVICE_ERR) >= 1; }));
         std::this_thread::sleep_for(50ms); // room for a wrong second report
         {
             std::lock_guard<std::mutex> lock(errs.mu);
@@ -250,6 +270,7 @@ TEST(Client, ServiceKilledMidCallFailsTheCallAndReportsOnce)
             EXPECT_NE(caller, errs.threads[0]);
             EXPECT_TRUE(!announced || errs.threads[0] != std::this_thread::get_id());
         }
+        ASSERT_TRUE(hs.ctl({"service", "uim", "up"}));
         uim_get_eid_resp_msg_v01 resp;
         EXPECT_EQ(QMI_SERVICE_ERR, get_eid(h, &resp)); // the handle stays dead
         qmi_client_release(h);
@@ -260,7 +281,8 @@ TEST(Client, ServiceKilledMidCallFailsTheCallAndReportsOnce)
 
 TEST(ServiceList, NothingListening)
 {
-    fake::socket_path(); // points KVN_SIM_SOCKET at a path where nothing listens
+    kvn_test::TempDir dir;
+    setenv("KVN_SIM_SOCKET", (dir.path() + "/nobody.sock").c_str(), 1);
     unsigned n = 7;
     EXPECT_EQ(QMI_SERVICE_ERR, qmi_client_get_service_list(uim(), nullptr, nullptr, &n));
     EXPECT_EQ(0u, n);
@@ -303,7 +325,8 @@ TEST_F(Uim, ServiceListCountsAndFillsAtMostTheCallersEntries)
 // reported too.
 TEST(Notifier, ServiceUpAfterTheClientWaits)
 {
-    fake::Handset sim;
+    Handset hs;
+    ASSERT_TRUE(hs.ctl({"service", "uim", "down"}));
     qmi_client_os_params os{}; // zero-filled, as callers hand it over
     qmi_client_type n = nullptr;
     ASSERT_EQ(QMI_NO_ERR, qmi_client_notifier_init(uim(), &os, &n));
@@ -313,10 +336,10 @@ TEST(Notifier, ServiceUpAfterTheClientWaits)
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(0u, log.count(QMI_CLIENT_SERVICE_COUNT_INC));
 
-    sim.set_up(kUim, true);
+    ASSERT_TRUE(hs.ctl({"service", "uim", "up"}));
     qmi_cci_os_signal_wait(&os, 5000);
     EXPECT_EQ(0, os.timed_out);
-    ASSERT_TRUE(sim.wait_until([&] { return log.count(0) == 1; }));
+    ASSERT_TRUE(wait_until([&] { return log.count(0) == 1; }));
     {
         std::lock_guard<std::mutex> lock(log.mu);
         EXPECT_NE(std::this_thread::get_id(), log.threads[0]);
@@ -333,13 +356,13 @@ TEST(Notifier, ServiceUpAfterTheClientWaits)
     ASSERT_EQ(0, os2.timed_out);
     CallLog log2;
     ASSERT_EQ(QMI_NO_ERR, qmi_client_register_notify_cb(n2, on_notify, &log2));
-    ASSERT_TRUE(sim.wait_until([&] { return log2.count(QMI_CLIENT_SERVICE_COUNT_INC) >= 1; }));
+    ASSERT_TRUE(wait_until([&] { return log2.count(QMI_CLIENT_SERVICE_COUNT_INC) >= 1; }));
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(1u, log2.count(QMI_CLIENT_SERVICE_COUNT_INC));
     qmi_client_release(n2);
 
-    sim.set_up(kUim, false);
-    EXPECT_TRUE(sim.wait_until([&] { return log.count(QMI_CLIENT_SERVICE_COUNT_DEC) == 1; }));
+    ASSERT_TRUE(hs.ctl({"service", "uim", "down"}));
+    EXPECT_TRUE(wait_until([&] { return log.count(QMI_CLIENT_SERVICE_COUNT_DEC) == 1; }));
     qmi_client_release(n);
 }
 
@@ -359,7 +382,6 @@ TEST_F(Uim, IndicationDeliveredOnTheLibrarysThreadAsEncodedTlvs)
         qmi_client_type handle;
         int decode_rc;
     };
-    sim.set_handler([](uint32_t, uint16_t, const Bytes &) -> std::optional<Bytes> { return eid_response(); });
     auto cb = [](qmi_client_type h, unsigned msg_id, void *buf, unsigned len, void *data) {
         uim_get_eid_resp_msg_v01 rec;
         const int rc = qmi_client_message_decode(h, QMI_IDL_RESPONSE, msg_id, buf, len, &rec, sizeof(rec));
@@ -379,7 +401,7 @@ TEST_F(Uim, IndicationDeliveredOnTheLibrarysThreadAsEncodedTlvs)
         auto first = got[0].get_future(), second = got[1].get_future();
         qmi_client_type h = open(cb, &got, watched);
         ASSERT_NE(nullptr, h);
-        sim.indicate(kUim, QMI_UIM_GET_EID_RESP_V01, eid_response());
+        hs.indicate(kGetEid, eid_tlvs());
         if (!watched) {
             EXPECT_EQ(std::future_status::timeout, first.wait_for(100ms)); // nothing reads yet
             uim_get_eid_resp_msg_v01 resp;
@@ -387,45 +409,46 @@ TEST_F(Uim, IndicationDeliveredOnTheLibrarysThreadAsEncodedTlvs)
         }
         ASSERT_EQ(std::future_status::ready, first.wait_for(3s));
         const Seen s = first.get();
-        EXPECT_EQ(QMI_UIM_GET_EID_RESP_V01, s.msg_id);
-        EXPECT_EQ(eid_response(), s.tlvs);
+        EXPECT_EQ(kGetEid, s.msg_id);
+        EXPECT_EQ(eid_tlvs(), s.tlvs);
         EXPECT_NE(std::this_thread::get_id(), s.thread);
         EXPECT_EQ(h, s.handle);
         EXPECT_EQ(QMI_NO_ERR, s.decode_rc);
         // From now on the client is watched either way.
-        sim.indicate(kUim, QMI_UIM_GET_EID_RESP_V01, eid_response());
+        hs.indicate(kGetEid, eid_tlvs());
         ASSERT_EQ(std::future_status::ready, second.wait_for(3s));
         EXPECT_EQ(s.thread, second.get().thread);
         qmi_client_release(h);
-        ASSERT_TRUE(sim.wait_until([&] { return sim.clients(kUim) == 0; }));
     }
 }
 
 // A callback may send a request on its own handle: the request reads its
-// response on the library's thread, and indications that arrive meanwhile
-// wait until the callback has returned.
+// response on the library's thread, and an indication that arrives meanwhile
+// waits until the callback has returned.
 TEST_F(Uim, IndicationCallbackMaySendOnItsOwnHandle)
 {
-    sim.set_handler([&](uint32_t, uint16_t, const Bytes &) -> std::optional<Bytes> {
-        sim.indicate(kUim, 0x32, kOk); // arrives before the response
-        return eid_response();
-    });
     struct State {
+        const Handset *hs;
         std::atomic<int> depth{0}, max_depth{0}, calls{0}, rc{1};
+        std::thread second;
     } st;
+    st.hs = &hs;
+    ASSERT_TRUE(hs.ctl({"fault", "uim", "0x65", "delay=500"}));
     auto cb = [](qmi_client_type h, unsigned, void *, unsigned, void *data) {
         auto *s = static_cast<State *>(data);
         s->max_depth = std::max(s->max_depth.load(), ++s->depth);
         if (s->calls++ == 0) {
+            s->second = std::thread([s] { s->hs->indicate(0x32, {0x02, 0x04, 0, 0, 0, 0, 0}); });
             uim_get_eid_resp_msg_v01 resp;
-            s->rc = get_eid(h, &resp);
+            s->rc = get_eid(h, &resp); // answered after the indication went out
         }
         --s->depth;
     };
     qmi_client_type h = open(cb, &st);
     ASSERT_NE(nullptr, h);
-    sim.indicate(kUim, 0x32, kOk);
-    ASSERT_TRUE(sim.wait_until([&] { return st.calls.load() == 2; }));
+    hs.indicate(0x32, {0x02, 0x04, 0, 0, 0, 0, 0});
+    ASSERT_TRUE(wait_until([&] { return st.calls.load() == 2; }));
+    st.second.join();
     EXPECT_EQ(QMI_NO_ERR, st.rc.load());
     EXPECT_EQ(1, st.max_depth.load());
     qmi_client_release(h);
@@ -452,7 +475,7 @@ TEST_F(Uim, ReleaseWaitsForARunningCallbackThatUsesItsHandle)
     };
     qmi_client_type h = open(cb, &st);
     ASSERT_NE(nullptr, h);
-    sim.indicate(kUim, QMI_UIM_GET_EID_RESP_V01, eid_response());
+    hs.indicate(kGetEid, eid_tlvs());
     ASSERT_EQ(std::future_status::ready, st.entered.get_future().wait_for(3s));
     EXPECT_EQ(QMI_NO_ERR, qmi_client_release(h));
     EXPECT_EQ(QMI_NO_ERR, st.rc.load()); // the callback had finished
@@ -475,20 +498,20 @@ TEST_F(Uim, ReleaseWhileIndicationsArrive)
     };
     for (int round = 0; round < 10; ++round) {
         st.released = false;
+        st.calls = 0;
         qmi_client_type h = open(cb, &st);
         ASSERT_NE(nullptr, h);
         std::atomic<bool> stop{false};
         std::thread flood([&] {
             while (!stop)
-                sim.indicate(kUim, 0x32, kOk);
+                hs.indicate(0x32, {0x02, 0x04, 0, 0, 0, 0, 0});
         });
-        ASSERT_TRUE(sim.wait_until([&] { return st.calls.load() > 0; }));
+        ASSERT_TRUE(wait_until([&] { return st.calls.load() > 0; }));
         qmi_client_release(h);
         st.released = true;
         std::this_thread::sleep_for(5ms);
         stop = true;
         flood.join();
-        ASSERT_TRUE(sim.wait_until([&] { return sim.clients(kUim) == 0; }));
     }
     EXPECT_EQ(0, st.late.load());
 }

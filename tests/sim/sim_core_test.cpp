@@ -269,7 +269,10 @@ TEST_F(NvEfsTest, WritesWithAnFsyncQueueAreVisibleAtOnceAndReleaseTheirDescripto
 
 TEST(Scenario, UnknownKeysAreNamedAndNothingChanges)
 {
-    const std::pair<const char *, const char *> cases[] = {
+    std::string big(1402, 'a'), huge(2002, 'a'), seventeen;
+    for (int i = 0; i < 17; ++i)
+        seventeen += std::string(i ? "," : "") + R"({"sub": 0, "id": 1, "data": "01"})";
+    const std::pair<std::string, const char *> cases[] = {
         {R"({"nv":{"0":{"10":"01"}},"bogus":1})", "\"bogus\""},
         {R"({"nv":{"2":{"10":"01"}}})", "\"nv.2\""},
         {R"({"nv":{"0":{"ten":"01"}}})", "\"nv.0.ten\""},
@@ -281,6 +284,29 @@ TEST(Scenario, UnknownKeysAreNamedAndNothingChanges)
         {R"({"efs":{"0":{"/a/../b":"01"}}})", "\"efs.0./a/../b\""},
         {R"({"efs_read_chunk":425})", "\"efs_read_chunk\""},
         {R"({"properties":{"a.key.that.is.longer.than.sixty.four.bytes.and.so.refused.by.the.store":"v"}})", "a.key.that.is.longer.than.sixty.four.bytes.and.so.refused.by.the.store"},
+        {R"({"uim": {"slots": {"1": {"cardd": "present"}}}})", "unknown key \"uim.slots.1.cardd\""},
+        {R"({"uim": {"slot": {}}})", "unknown key \"uim.slot\""},
+        {R"({"uim": {"slots": {"2": {}}}})", "\"uim.slots\" needs slot \"1\""},
+        {R"({"uim": {"slots": {"1": {}, "3": {}}}})", "unknown key \"uim.slots.3\""},
+        {R"({"uim": {"slots": {"1": {"selected": "euicc"}}}})", "\"uim.slots.1.selected\" is \"euicc\""},
+        {R"({"uim": {"slots": {"1": {"euicc": {"eid": "89"}}}}})", "\"uim.slots.1.euicc.eid\" must be 32 hex"},
+        {R"({"uim": {"slots": {"1": {"euicc": {"profiles": 1}}}}})", "\"uim.slots.1.euicc\" needs \"eid\""},
+        {R"({"uim": {"slots": {"1": {"power": "off"}}}})", "\"uim.slots.1.power\" must be one of down, up"},
+        {R"({"uim": {"extended_card_status": 1}})", "\"uim.extended_card_status\" must be true or false"},
+        {R"({"vs_stats": {"2": {"82": "01"}}})", "\"vs_stats.2\""},
+        {R"({"vs_stats": {"0": {"0x52": "01"}}})", "\"vs_stats.0.0x52\""},
+        {R"({"vs_stats": {"0": {"82": ""}}})", "\"vs_stats.0.82\""},
+        {R"({"vs_stats": {"0": {"82": ")" + big + R"("}}})", "\"vs_stats.0.82\""},
+        {R"({"vs_stats": {"0": {"82": {"records": [)" + seventeen + "]}}}}", "\"vs_stats.0.82.records\""},
+        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "id": 1, "data": ")" + huge + R"("}]}}}})",
+         "\"vs_stats.0.82.records[0].data\""},
+        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "data": "01"}]}}}})", "\"vs_stats.0.82.records[0]\""},
+        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "id": 1, "data": "", "x": 1}]}}}})",
+         "\"vs_stats.0.82.records[0].x\""},
+        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 65536, "id": 1, "data": ""}]}}}})",
+         "\"vs_stats.0.82.records[0].sub\""},
+        {R"({"sar_dsi": "seven"})", "\"sar_dsi\""},
+        {R"({"sar_dsi": -1})", "\"sar_dsi\""},
     };
     for (const auto &[text, names] : cases) {
         kvn_test::TempDir dir;
@@ -295,6 +321,7 @@ TEST(Scenario, UnknownKeysAreNamedAndNothingChanges)
         EXPECT_NE(err.find(names), std::string::npos) << text << " -> " << err;
         EXPECT_FALSE(h.store.nv_get(0, 10)) << text;
         EXPECT_TRUE(h.faults.all().empty());
+        EXPECT_EQ(h.uim.count(), 2u) << text;
     }
 }
 

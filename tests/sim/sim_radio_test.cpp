@@ -1,7 +1,7 @@
 // sim_radio_test.cpp - kvn-sim's radio side in-process: the vs_stats and
-// sar_dsi scenario keys (what they refuse, that a load replaces only what it
-// names), and the vendor statistics, SAR and NAS services' answers to good
-// and malformed requests.
+// sar_dsi scenario keys (a load replaces only what it names), the vendor
+// statistics, SAR, NAS and UIM services' answers to good and malformed
+// requests.
 #include <gtest/gtest.h>
 
 #include "handset.h"
@@ -41,42 +41,6 @@ protected:
     }
     Bytes last_, reply_;
 };
-
-// Each bad document names its key and changes nothing (the good pair
-// beside it included).
-TEST_F(RadioTest, ScenarioRefusals)
-{
-    std::string big(1402, 'a'), huge(2002, 'a'), seventeen;
-    for (int i = 0; i < 17; ++i)
-        seventeen += std::string(i ? "," : "") + R"({"sub": 0, "id": 1, "data": "01"})";
-    const std::pair<std::string, const char *> cases[] = {
-        {R"({"vs_stats": {"2": {"82": "01"}}})", "\"vs_stats.2\""},
-        {R"({"vs_stats": {"0": {"0x52": "01"}}})", "\"vs_stats.0.0x52\""},
-        {R"({"vs_stats": {"0": {"82": ""}}})", "\"vs_stats.0.82\""},
-        {R"({"vs_stats": {"0": {"82": ")" + big + R"("}}})", "\"vs_stats.0.82\""},
-        {R"({"vs_stats": {"0": {"82": {"records": [)" + seventeen + "]}}}}", "\"vs_stats.0.82.records\""},
-        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "id": 1, "data": ")" + huge + R"("}]}}}})",
-         "\"vs_stats.0.82.records[0].data\""},
-        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "data": "01"}]}}}})", "\"vs_stats.0.82.records[0]\""},
-        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 0, "id": 1, "data": "", "x": 1}]}}}})",
-         "\"vs_stats.0.82.records[0].x\""},
-        {R"({"vs_stats": {"0": {"82": {"records": [{"sub": 65536, "id": 1, "data": ""}]}}}})",
-         "\"vs_stats.0.82.records[0].sub\""},
-        {R"({"sar_dsi": "seven"})", "\"sar_dsi\""},
-        {R"({"sar_dsi": -1})", "\"sar_dsi\""},
-    };
-    const auto before = h.radio.vs_stats[0].at(82);
-    for (const auto &[text, names] : cases) {
-        auto doc = nlohmann::json::parse(text);
-        doc["vs_stats"]["1"]["94"] = "01";
-        std::string err;
-        EXPECT_FALSE(apply_scenario(h, doc, &err)) << text;
-        EXPECT_NE(err.find(names), std::string::npos) << text << " -> " << err;
-        EXPECT_EQ(h.radio.vs_stats[0].at(82)[0].data, before[0].data) << text;
-        EXPECT_EQ(h.radio.vs_stats[1].at(94)[0].data.size(), 20u) << text;
-        EXPECT_EQ(h.radio.sar_dsi, 0u) << text;
-    }
-}
 
 // The statistics service answers the records of each asked id it holds, in
 // the order asked, as the scenario gave them; a load replaces only the
@@ -142,6 +106,46 @@ TEST_F(RadioTest, SarAndNasAnswers)
     EXPECT_EQ(result(ask(3, 0x0045, "01 0100 03")), "01003000");
     EXPECT_EQ(result(ask(3, 0x0003, "13 0100 00")), "00000000");
     EXPECT_EQ(result(ask(3, 0x0020, "")), "01004700");
+}
+
+// Malformed UIM requests are refused with the malformed-message error and
+// leave the card and the eUICC as they were: an APDU whose length field
+// disagrees with its bytes (here an eUICC memory reset) is not run.
+TEST_F(RadioTest, MalformedUimRequestsChangeNothing)
+{
+    std::string err;
+    ASSERT_TRUE(apply_scenario(h, nlohmann::json::parse(R"({"uim": {"slots": {"1": {}, "2": {"selected": "euicc",
+        "euicc": {"eid": "89049032123451234512345678901234", "profiles": 2}}}}})"),
+                               &err))
+        << err;
+    const std::string isdr = "10 1100 10 a0000005591010ffffffff8900000100";
+    auto t = ask(11, 0x42, "01 0100 02" + isdr);
+    ASSERT_EQ(result(t), "00000000");
+    const std::string reset = "80e29100 03 bf3400"; // 8 bytes
+    const std::pair<uint16_t, std::string> malformed[] = {
+        {0x3B, "01 0100 02" "10 0100 01" "02 0a00 0900" + reset},   // claims 9, carries 8
+        {0x3B, "01 0100 02" "10 0100 01" "02 0a00 0700" + reset},   // claims 7, carries 8
+        {0x3B, "01 0100 02" "10 0100 01" "02 0100 08"},             // no room for the length
+        {0x3B, "01 0100 02" "10 0200 0100" "02 0a00 0800" + reset}, // two-byte channel
+        {0x3B, "01 0200 0200" "10 0100 01" "02 0a00 0800" + reset}, // two-byte slot
+        {0x30, "01 0200 0100"},                                     // power off, two-byte slot
+        {0x31, "01 0100 01" "10 0200 0000"},                        // power on, two-byte hot-swap flag
+        {0x42, "01 0100 02" "10 1100 11 a0000005591010ffffffff8900000100"}, // AID count past its bytes
+        {0x3F, "01 0100 02" "11 0200 0100"},                        // close, two-byte channel
+        {0x2F, "10 0200 0100"},                                     // two-byte extended flag
+        {0x3B, "01 0100 02" "10 0100 01" "02 0a00 0800 80e29100"},  // TLV runs past the end
+    };
+    for (const auto &[msg, hex] : malformed) {
+        EXPECT_EQ(result(ask(11, msg, hex)), "01000100") << hex;
+        EXPECT_EQ(h.uim.slot(2)->euicc->profiles, 2u) << hex;
+        EXPECT_TRUE(h.uim.slot(1)->powered && h.uim.slot(2)->powered) << hex;
+        EXPECT_TRUE(h.uim.channel_open(2, 1)) << hex;
+        EXPECT_FALSE(h.uim.channel_open(2, 2)) << hex;
+    }
+    // The same reset, well formed, runs.
+    t = ask(11, 0x3B, "01 0100 02" "10 0100 01" "02 0a00 0800" + reset);
+    EXPECT_EQ(result(t), "00000000");
+    EXPECT_EQ(h.uim.slot(2)->euicc->profiles, 0u);
 }
 
 } // namespace
