@@ -602,9 +602,28 @@ int efs_put(const Client &c, unsigned sub, const Args &o)
     json req = {{"op", "efs_put"}, {"sub", sub}, {"path", o.pos[1]}};
     if (attach_content(c, &req, *data, "hex", true, &err) && c.call(req, &err))
         return 0;
-    if (from != "-" && predates_uploads(err))
-        return simple(c, {{"op", "efs_put"}, {"sub", sub}, {"path", o.pos[1]}, {"file", fs::absolute(from).string()}});
-    return failed(err);
+    if (!predates_uploads(err))
+        return failed(err);
+    // A kvn-sim without uploads reads the host file itself: standard input
+    // goes through a private temporary file.
+    std::string tmp;
+    if (from == "-") {
+        char name[] = "/tmp/kvn-sim-put.XXXXXX";
+        int fd = mkstemp(name);
+        if (fd < 0)
+            return failed("cannot create a temporary file");
+        tmp = from = name;
+        bool wrote = write(fd, data->data(), data->size()) == static_cast<ssize_t>(data->size());
+        close(fd);
+        if (!wrote) {
+            unlink(name);
+            return failed("cannot write " + tmp);
+        }
+    }
+    int rc = simple(c, {{"op", "efs_put"}, {"sub", sub}, {"path", o.pos[1]}, {"file", fs::absolute(from).string()}});
+    if (!tmp.empty())
+        unlink(tmp.c_str());
+    return rc;
 }
 
 int cmd_efs(const Client &c, const std::string &what, const Args &o)
