@@ -4,6 +4,7 @@
 // own --help, every one takes --socket PATH. Bad usage exits 2, a failed
 // command prints why on stderr and exits 1, success exits 0.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -164,32 +165,47 @@ bool predates_uploads(const std::string &err)
     return err == "unknown control operation \"upload\"" || err == "missing field \"file\"";
 }
 
-// Reads at most `max` bytes of a file or of standard input (path "-");
-// nullopt with err set when it is longer or cannot be read.
+// Reads at most `max` bytes of a regular file or of standard input (path
+// "-"); nullopt with err set when it is longer or cannot be read. A FIFO or
+// device named as FILE is refused at once rather than waited on.
 std::optional<std::string> read_bounded(const std::string &path, size_t max, const std::string &what, std::string *err)
 {
-    std::ifstream file;
-    std::istream *in = &std::cin;
+    const std::string name = path == "-" ? std::string("standard input") : path;
+    int fd = 0;
     if (path != "-") {
-        file.open(path, std::ios::binary);
-        if (!file) {
-            *err = "cannot read " + path;
+        fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        struct stat st {};
+        if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+            *err = fd < 0 ? "cannot read " + path : path + ": not a regular file";
+            if (fd >= 0)
+                close(fd);
             return std::nullopt;
         }
-        in = &file;
     }
     std::string data(max + 1, '\0');
-    in->read(data.data(), static_cast<std::streamsize>(data.size()));
-    if (in->bad()) {
-        *err = "cannot read " + (path == "-" ? std::string("standard input") : path);
+    size_t got = 0;
+    bool read_failed = false;
+    while (got < data.size()) {
+        ssize_t n = read(fd, data.data() + got, data.size() - got);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            read_failed = n < 0;
+            break;
+        }
+        got += static_cast<size_t>(n);
+    }
+    if (fd != 0)
+        close(fd);
+    if (read_failed) {
+        *err = "cannot read " + name;
         return std::nullopt;
     }
-    data.resize(static_cast<size_t>(in->gcount()));
-    if (data.size() > max) {
-        *err = (path == "-" ? std::string("standard input") : path) + " is larger than " + std::to_string(max) +
-               " bytes, " + what;
+    if (got > max) {
+        *err = name + " is larger than " + std::to_string(max) + " bytes, " + what;
         return std::nullopt;
     }
+    data.resize(got);
     return data;
 }
 
