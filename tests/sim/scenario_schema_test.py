@@ -63,6 +63,11 @@ bad = [  # (class, document): refused by the loader and by the schema
     ("vs statistic id in hex", {"vs_stats": {"0": {"0x10": "01"}}}),
 ]
 
+# Refusals that need more than one value at a time, which a schema cannot see:
+# a path used both as a file and as a directory (in the document or against
+# the handset's files), a key given twice.
+beyond_schema = ("a directory on the way is a file", "is a directory", "duplicate key")
+
 with tempfile.TemporaryDirectory(prefix="kvn-sim-schema-") as tmp:
     sock = os.path.join(tmp, "s.sock")
     for n, path in enumerate(shipped):
@@ -84,6 +89,8 @@ with tempfile.TemporaryDirectory(prefix="kvn-sim-schema-") as tmp:
             valid = validator.is_valid(doc)
             if expected is not None and loads.returncode == 0:
                 fail(f"{where}: the loader accepts it")
+            if valid and loads.returncode != 0 and any(w in loads.stderr for w in beyond_schema):
+                continue
             if valid != (loads.returncode == 0):
                 fail(f"{where}: schema says {'valid' if valid else 'invalid'}, loader {loads.stderr.strip() or 'loads it'}: {json.dumps(doc)[:200]}")
     finally:
