@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include <nlohmann/json.hpp>
@@ -144,6 +145,14 @@ void AtChannel::on_line()
     j["seq"] = h_.journal.ring().last_seq() + 1;
     j["at"] = to_hex(reinterpret_cast<const uint8_t *>(line_.data()), line_.size());
     h_.journal.record_line(j.dump());
+    // The log shows each line too (bytes outside printable ASCII as \xNN).
+    std::string shown;
+    for (unsigned char ch : line_) {
+        char esc[5];
+        std::snprintf(esc, sizeof esc, "\\x%02X", ch);
+        shown += ch >= 0x20 && ch < 0x7F ? std::string(1, static_cast<char>(ch)) : std::string(esc);
+    }
+    h_.note(kLogInfo, "AT line received: " + shown);
     bool at = line_.size() >= 2 && (line_[0] == 'A' || line_[0] == 'a') && (line_[1] == 'T' || line_[1] == 't');
     line_.clear();
     const char *reply = at ? "\r\nOK\r\n" : "\r\nERROR\r\n";

@@ -1,28 +1,40 @@
 // cli.cpp - the kvn-sim command line: starting and stopping a simulated
 // handset, and the control commands that talk to a running one through
-// CONTROL packets. One table of {name, usage, summary, handler}; every command
-// takes `--socket PATH` anywhere among its arguments. Bad usage exits 2, a
-// failed command prints why on stderr and exits 1.
+// CONTROL packets. Parsing is CLI11's: every command and sub-command has its
+// own --help, every one takes --socket PATH. Bad usage exits 2, a failed
+// command prints why on stderr and exits 1, success exits 0.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <deque>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
-#include <iterator>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
 #include <thread>
-#include <tuple>
 
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include "control.h"
 #include "daemon.h"
 #include "faults.h"
 #include "kvn_wire.h"
+#include "service.h"
 #include "util.h"
+
+#ifndef KVN_VERSION
+#define KVN_VERSION "unknown"
+#endif
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -30,15 +42,9 @@ using namespace kvn_sim;
 
 namespace {
 
+// A usage error found after parsing: exits 2 with the command's usage.
 struct Usage {
     std::string text;
-};
-
-struct Options {
-    std::string socket;
-    std::string state_dir;
-    std::string scenario;
-    std::vector<std::string> args; // what is left after the options
 };
 
 std::string default_state_dir()
@@ -106,31 +112,194 @@ int simple(const Client &c, const json &req)
     return c.call(req, &err) ? 0 : failed(err);
 }
 
-// Pages through the journal or the log, printing each line.
-int print_pages(const Client &c, const char *op, uint64_t *last_seen)
+// The bytes of a request's content: carried inline when the whole request
+// fits one packet (and `inline_field` is given), otherwise staged as an
+// upload in chunks and consumed by the request through its number. An empty
+// result with err set on failure.
+constexpr size_t kUploadChunk = 24000;
+
+bool attach_content(const Client &c, json *req, const std::string &data, const char *inline_field, bool hex_inline,
+                    std::string *err)
 {
-    uint64_t after = 0;
+    if (inline_field) {
+        json try_req = *req;
+        try_req[inline_field] = hex_inline ? to_hex(reinterpret_cast<const uint8_t *>(data.data()), data.size())
+                                           : data;
+        std::string text;
+        try {
+            text = try_req.dump();
+        } catch (const json::type_error &) {
+            *err = "the document is not valid UTF-8";
+            return false;
+        }
+        if (text.size() <= kvn_wire::kMaxPayload) {
+            *req = std::move(try_req);
+            return true;
+        }
+    }
+    std::optional<uint64_t> id;
+    for (size_t at = 0; at == 0 || at < data.size(); at += kUploadChunk) {
+        size_t n = std::min(kUploadChunk, data.size() - at);
+        json up = {{"op", "upload"}, {"hex", to_hex(reinterpret_cast<const uint8_t *>(data.data()) + at, n)}};
+        if (id)
+            up["upload"] = *id;
+        auto r = c.call(up, err);
+        if (!r)
+            return false;
+        if (!id) {
+            if (!r->contains("upload") || !(*r)["upload"].is_number_unsigned()) {
+                *err = "malformed reply from kvn-sim to an upload";
+                return false;
+            }
+            id = (*r)["upload"].get<uint64_t>();
+        }
+    }
+    (*req)["upload"] = *id;
+    return true;
+}
+
+// A kvn-sim built before uploads and inline documents existed answers one of
+// these; the caller then names the host file instead.
+bool predates_uploads(const std::string &err)
+{
+    return err == "unknown control operation \"upload\"" || err == "missing field \"file\"";
+}
+
+// Reads at most `max` bytes of a regular file or of standard input (path
+// "-"); nullopt with err set when it is longer or cannot be read. A FIFO or
+// device named as FILE is refused at once rather than waited on.
+std::optional<std::string> read_bounded(const std::string &path, size_t max, const std::string &what, std::string *err)
+{
+    const std::string name = path == "-" ? std::string("standard input") : path;
+    int fd = 0;
+    if (path != "-") {
+        fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        struct stat st {};
+        if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+            *err = fd < 0 ? "cannot read " + path : path + ": not a regular file";
+            if (fd >= 0)
+                close(fd);
+            return std::nullopt;
+        }
+    }
+    std::string data(max + 1, '\0');
+    size_t got = 0;
+    bool read_failed = false;
+    while (got < data.size()) {
+        ssize_t n = read(fd, data.data() + got, data.size() - got);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            read_failed = n < 0;
+            break;
+        }
+        got += static_cast<size_t>(n);
+    }
+    if (fd != 0)
+        close(fd);
+    if (read_failed) {
+        *err = "cannot read " + name;
+        return std::nullopt;
+    }
+    if (got > max) {
+        *err = name + " is larger than " + std::to_string(max) + " bytes, " + what;
+        return std::nullopt;
+    }
+    data.resize(got);
+    return data;
+}
+
+/* ---- journal and log pages ---- */
+
+volatile std::sig_atomic_t g_stop = 0;
+
+// The largest scenario document sent (the daemon's own bound is the same).
+constexpr size_t kScenarioLimit = 4u << 20;
+
+// Pages through the journal or the log after line `*after`, handing each line
+// to `each`; *after becomes the last line seen.
+int read_pages(const Client &c, const char *op, uint64_t *after, const std::function<void(std::string)> &each)
+{
     for (;;) {
         std::string err;
-        auto r = c.call({{"op", op}, {"after", after}}, &err);
+        auto r = c.call({{"op", op}, {"after", *after}}, &err);
         if (!r)
             return failed(err);
         for (const auto &l : (*r)["lines"])
-            std::cout << l.get<std::string>() << "\n";
-        after = (*r)["last"].get<uint64_t>();
+            each(l.get<std::string>());
+        *after = (*r)["last"].get<uint64_t>();
         if (!(*r)["more"].get<bool>())
-            break;
+            return 0;
     }
+}
+
+// Prints what exists (the last `last` lines when given), then, when
+// following, every new line as it comes until interrupted or stdout closes.
+int print_lines(const Client &c, const char *op, std::optional<uint64_t> last, bool follow,
+                const std::function<bool(const std::string &)> &keep, uint64_t *last_seen = nullptr)
+{
+    uint64_t after = 0;
+    std::deque<std::string> tail;
+    int rc = read_pages(c, op, &after, [&](std::string l) {
+        if (!keep(l))
+            return;
+        if (!last) {
+            std::cout << l << "\n";
+            return;
+        }
+        tail.push_back(std::move(l));
+        if (tail.size() > *last)
+            tail.pop_front();
+    });
+    if (rc)
+        return rc;
+    for (const auto &l : tail)
+        std::cout << l << "\n";
     if (last_seen)
         *last_seen = after;
+    if (follow) {
+        // Ctrl-C or a TERM ends following with status 0 after the lines so far.
+        struct sigaction sa {};
+        sa.sa_handler = [](int) { g_stop = 1; };
+        sigaction(SIGINT, &sa, nullptr);
+        sigaction(SIGTERM, &sa, nullptr);
+    }
+    while (follow && !g_stop && std::cout.flush()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if ((rc = read_pages(c, op, &after, [&](const std::string &l) {
+                 if (keep(l))
+                     std::cout << l << "\n";
+             })))
+            return g_stop ? 0 : rc;
+    }
     return 0;
+}
+
+// A log line reads "MM-DD hh:mm:ss.mmm P TAG: text"; its TAG.
+std::string log_tag(const std::string &line)
+{
+    constexpr size_t kTagAt = 21;
+    if (line.size() < kTagAt)
+        return {};
+    size_t end = line.find(": ", kTagAt);
+    return line.substr(kTagAt, end == std::string::npos ? std::string::npos : end - kTagAt);
+}
+
+/* ---- argument checks ---- */
+
+std::string join(const std::vector<std::string> &v)
+{
+    std::string out;
+    for (const auto &s : v)
+        out += (out.empty() ? "" : ", ") + s;
+    return out;
 }
 
 unsigned need_sub(const std::string &s)
 {
-    auto v = parse_number(s, 1);
+    auto v = parse_number(s, ModemStore::kSubs - 1);
     if (!v)
-        throw Usage{"SUB must be 0 or 1"};
+        throw Usage{"subscription '" + s + "' is not 0 or 1"};
     return static_cast<unsigned>(*v);
 }
 
@@ -138,16 +307,27 @@ uint64_t need_number(const std::string &s, uint64_t max, const char *what)
 {
     auto v = parse_number(s, max);
     if (!v)
-        throw Usage{std::string(what) + " must be a number up to " + std::to_string(max)};
+        throw Usage{std::string(what) + " '" + s + "' is not a number from 0 to " + std::to_string(max)};
     return *v;
 }
 
-/* ---- daemon life ---- */
+const std::vector<std::string> kFaultServices = {"extend", "uim", "vs", "sar", "nas", "diag"};
+const std::vector<std::string> kServiceNames = {"extend", "uim", "vs", "sar", "nas", "all", "at", "diag"};
 
-int cmd_start(const Options &o, bool foreground)
+/* ---- the commands ---- */
+
+struct Args {
+    std::string socket = kvn_wire::default_socket_path();
+    std::string state_dir, scenario, replay;
+    std::vector<std::string> pos; // positionals of the command that runs
+    std::vector<std::string> tags;
+    uint64_t count = 1, after = 0, last = 0;
+    bool json_out = false, follow = false, clear = false;
+    bool last_given = false;
+};
+
+int cmd_start(const Args &o, bool foreground)
 {
-    if (!o.args.empty())
-        throw Usage{"unexpected argument " + o.args[0]};
     DaemonOptions d;
     d.socket = fs::absolute(o.socket).string();
     d.state_dir = fs::absolute(o.state_dir.empty() ? default_state_dir() : o.state_dir).lexically_normal().string();
@@ -215,10 +395,8 @@ int cmd_start(const Options &o, bool foreground)
     return failed(msg.rfind("ERR ", 0) == 0 ? msg.substr(4) : "the daemon did not start");
 }
 
-int cmd_stop(const Client &c, const Options &o)
+int cmd_stop(const Client &c)
 {
-    if (!o.args.empty())
-        throw Usage{"unexpected argument " + o.args[0]};
     std::string err;
     if (!c.call({{"op", "stop"}}, &err))
         return failed(err);
@@ -235,14 +413,16 @@ int cmd_stop(const Client &c, const Options &o)
     return failed("kvn-sim on " + c.socket() + " did not stop");
 }
 
-int cmd_status(const Client &c, const Options &o)
+int cmd_status(const Client &c, const Args &o)
 {
-    if (!o.args.empty())
-        throw Usage{"unexpected argument " + o.args[0]};
     std::string err;
     auto r = c.call({{"op", "status"}}, &err);
     if (!r)
         return failed(err);
+    if (o.json_out) {
+        std::cout << r->dump() << "\n";
+        return 0;
+    }
     std::cout << "kvn-sim running: pid " << (*r)["pid"] << ", socket " << (*r)["socket"].get<std::string>()
               << ", state " << (*r)["state"].get<std::string>() << "\n"
               << "clients " << (*r)["clients"] << ", journal " << (*r)["journal"] << " requests, faults "
@@ -264,280 +444,453 @@ int cmd_status(const Client &c, const Options &o)
     return 0;
 }
 
-/* ---- control commands ---- */
-
-int cmd_load(const Client &c, const Options &o)
+// A recorded QMI session (one JSON object per line) as the scenario document
+// {"replay": [...]}; a line that is not an object is refused by number.
+std::optional<std::string> replay_document(const std::string &path, std::string *err)
 {
-    if (o.args.size() != 1)
-        throw Usage{"load FILE"};
-    return simple(c, {{"op", "load"}, {"file", fs::absolute(o.args[0]).string()}});
+    auto text = read_bounded(path, kScenarioLimit, "the largest scenario", err);
+    if (!text)
+        return std::nullopt;
+    json records = json::array();
+    std::istringstream in(*text);
+    std::string line;
+    for (size_t n = 1; std::getline(in, line); ++n) {
+        if (line.find_first_not_of(" \t\r") == std::string::npos)
+            continue;
+        auto j = json::parse(line, nullptr, false);
+        if (!j.is_object()) {
+            *err = path + ":" + std::to_string(n) + ": not a JSON object";
+            return std::nullopt;
+        }
+        records.push_back(std::move(j));
+    }
+    return json{{"replay", std::move(records)}}.dump();
 }
 
-int cmd_ssr(const Client &c, const Options &o)
+int cmd_load(const Client &c, const Args &o)
 {
-    if (o.args.size() > 1)
-        throw Usage{"ssr [MS]"};
-    uint64_t ms = o.args.empty() ? 2000 : need_number(o.args[0], 3600000, "MS");
+    if (o.pos.empty() == o.replay.empty())
+        throw Usage{"give either FILE or --replay FILE"};
+    std::string err;
+    json req = {{"op", "load"}};
+    if (!o.replay.empty()) {
+        auto doc = replay_document(o.replay, &err);
+        if (!doc || !attach_content(c, &req, *doc, nullptr, false, &err))
+            return failed(err);
+        return simple(c, req);
+    }
+    auto doc = read_bounded(o.pos[0], kScenarioLimit, "the largest scenario", &err);
+    if (!doc)
+        return failed(err);
+    if (attach_content(c, &req, *doc, "document", false, &err) && c.call(req, &err))
+        return 0;
+    if (predates_uploads(err))
+        return simple(c, {{"op", "load"}, {"file", fs::absolute(o.pos[0]).string()}});
+    return failed(err);
+}
+
+int cmd_ssr(const Client &c, const Args &o)
+{
+    uint64_t ms = o.pos.empty() ? 2000 : need_number(o.pos[0], 3600000, "MS");
     return simple(c, {{"op", "ssr"}, {"ms", ms}});
 }
 
-int cmd_service(const Client &c, const Options &o)
+int cmd_service(const Client &c, const Args &o)
 {
-    static const char *names[] = {"extend", "uim", "vs", "sar", "nas", "all", "at", "diag"};
-    if (o.args.size() != 2 || (o.args[1] != "up" && o.args[1] != "down") ||
-        std::find(std::begin(names), std::end(names), o.args[0]) == std::end(names))
-        throw Usage{"service extend|uim|vs|sar|nas|all|at|diag down|up"};
-    return simple(c, {{"op", "service"}, {"name", o.args[0]}, {"up", o.args[1] == "up"}});
+    if (std::find(kServiceNames.begin(), kServiceNames.end(), o.pos[0]) == kServiceNames.end())
+        throw Usage{"unknown service '" + o.pos[0] + "'; accepted: " + join(kServiceNames)};
+    if (o.pos[1] != "up" && o.pos[1] != "down")
+        throw Usage{"unknown state '" + o.pos[1] + "'; accepted: up, down"};
+    return simple(c, {{"op", "service"}, {"name", o.pos[0]}, {"up", o.pos[1] == "up"}});
 }
 
-int cmd_fault(const Client &c, const Options &o)
+int cmd_fault(const Client &c, const Args &o)
 {
-    if (o.args.size() == 1 && o.args[0] == "clear")
-        return simple(c, {{"op", "fault_clear"}});
-    std::vector<std::string> a = o.args;
-    uint64_t count = 1, after = 0;
-    for (auto [opt, value, what] : {std::tuple{"--count", &count, "N"}, std::tuple{"--after", &after, "M"}}) {
-        for (size_t i = 0; i < a.size(); ++i) {
-            if (a[i] == opt && i + 1 < a.size()) {
-                *value = need_number(a[i + 1], UINT32_MAX, what);
-                a.erase(a.begin() + static_cast<std::ptrdiff_t>(i), a.begin() + static_cast<std::ptrdiff_t>(i) + 2);
-                break;
-            }
-        }
-    }
-    if (a.size() != 3 || count == 0 || !service_id_from_text(a[0]) || !parse_fault_kind(a[2]))
-        throw Usage{"fault SERVICE MSG no-reply|delay=MS|qmi-error=N|drop|truncate [--count N] [--after M] | "
-                    "fault diag CODE no-reply|delay=MS [--count N] | fault clear"};
-    uint64_t msg = need_number(a[1], 0xFFFF, "MSG");
-    return simple(c, {{"op", "fault"}, {"service", a[0]}, {"msg", msg}, {"kind", a[2]}, {"count", count},
-                      {"after", after}});
+    if (o.pos.size() != 3)
+        throw Usage{"fault takes SERVICE MSG KIND (or: fault clear)"};
+    if (!service_id_from_text(o.pos[0]))
+        throw Usage{"unknown service '" + o.pos[0] + "'; accepted: " + join(kFaultServices) + " or a service number"};
+    uint64_t msg = need_number(o.pos[1], 0xFFFF, "MSG");
+    if (!parse_fault_kind(o.pos[2]))
+        throw Usage{"unknown fault kind '" + o.pos[2] + "'; accepted: no-reply, delay=MS, qmi-error=N, drop, truncate"};
+    if (o.count < 1)
+        throw Usage{"--count " + std::to_string(o.count) + " is below 1"};
+    return simple(c, {{"op", "fault"}, {"service", o.pos[0]}, {"msg", msg}, {"kind", o.pos[2]}, {"count", o.count},
+                      {"after", o.after}});
 }
 
-int cmd_journal(const Client &c, const Options &o)
+int cmd_journal(const Client &c, const Args &o)
 {
-    bool clear = o.args.size() == 1 && o.args[0] == "--clear";
-    if (!o.args.empty() && !clear)
-        throw Usage{"journal [--clear]"};
     uint64_t last = 0;
-    if (int rc = print_pages(c, "journal", &last))
+    auto all = [](const std::string &) { return true; };
+    if (int rc = print_lines(c, "journal", o.last_given ? std::optional(o.last) : std::nullopt, o.follow, all, &last))
         return rc;
-    return clear ? simple(c, {{"op", "journal_clear"}, {"upto", last}}) : 0;
+    return o.clear ? simple(c, {{"op", "journal_clear"}, {"upto", last}}) : 0;
 }
 
-int cmd_indicate(const Client &c, const Options &o)
+int cmd_logcat(const Client &c, const Args &o)
 {
-    if (o.args.size() != 3)
-        throw Usage{"indicate SERVICE MSG HEX"};
-    uint64_t msg = need_number(o.args[1], 0xFFFF, "MSG");
+    if (o.clear)
+        return simple(c, {{"op", "logcat_clear"}});
+    std::set<std::string> tags(o.tags.begin(), o.tags.end());
+    return print_lines(c, "logcat", std::nullopt, o.follow,
+                       [&](const std::string &l) { return tags.empty() || tags.count(log_tag(l)); });
+}
+
+int cmd_indicate(const Client &c, const Args &o)
+{
+    uint64_t msg = need_number(o.pos[1], 0xFFFF, "MSG");
     std::string err;
-    auto r = c.call({{"op", "indicate"}, {"service", o.args[0]}, {"msg", msg}, {"hex", o.args[2]}}, &err);
+    auto r = c.call({{"op", "indicate"}, {"service", o.pos[0]}, {"msg", msg}, {"hex", o.pos[2]}}, &err);
     if (!r)
         return failed(err);
     std::cout << "indication sent to " << (*r)["clients"].get<uint64_t>() << " client(s)\n";
     return 0;
 }
 
-int cmd_logcat(const Client &c, const Options &o)
+int cmd_prop(const Client &c, const std::string &what, const Args &o)
 {
-    if (!o.args.empty())
-        throw Usage{"logcat"};
-    return print_pages(c, "logcat", nullptr);
-}
-
-int cmd_prop(const Client &c, const Options &o)
-{
-    const auto &a = o.args;
     std::string err;
-    if (a.size() == 2 && a[0] == "get") {
-        auto r = c.call({{"op", "prop_get"}, {"key", a[1]}}, &err);
-        if (!r)
-            return failed(err);
+    if (what == "set")
+        return simple(c, {{"op", "prop_set"}, {"key", o.pos[0]}, {"value", o.pos[1]}});
+    auto r = what == "get" ? c.call({{"op", "prop_get"}, {"key", o.pos[0]}}, &err) : c.call({{"op", "prop_list"}}, &err);
+    if (!r)
+        return failed(err);
+    if (what == "get")
         std::cout << (*r)["value"].get<std::string>() << "\n";
-        return 0;
-    }
-    if (a.size() == 3 && a[0] == "set")
-        return simple(c, {{"op", "prop_set"}, {"key", a[1]}, {"value", a[2]}});
-    if (a.size() == 1 && a[0] == "list") {
-        auto r = c.call({{"op", "prop_list"}}, &err);
-        if (!r)
-            return failed(err);
+    else
         for (auto &[k, v] : (*r)["props"].items())
             std::cout << "[" << k << "]: [" << v.get<std::string>() << "]\n";
-        return 0;
-    }
-    throw Usage{"prop get KEY | prop set KEY VALUE | prop list"};
+    return 0;
 }
 
-int cmd_nv(const Client &c, const Options &o)
+int cmd_nv(const Client &c, const std::string &what, const Args &o)
 {
-    const auto &a = o.args;
-    if (a.size() < 3 || !((a[0] == "get" && a.size() == 3) || (a[0] == "set" && a.size() == 4) ||
-                          (a[0] == "rm" && a.size() == 3)))
-        throw Usage{"nv get SUB ID | nv set SUB ID HEX | nv rm SUB ID"};
-    json req = {{"op", "nv_" + a[0]}, {"sub", need_sub(a[1])}, {"id", need_number(a[2], 0xFFFF, "ID")}};
-    if (a[0] == "set") {
-        if (!from_hex(a[3]))
-            throw Usage{"HEX must be hex bytes"};
-        req["hex"] = a[3];
+    json req = {{"op", "nv_" + what}, {"sub", need_sub(o.pos[0])}, {"id", need_number(o.pos[1], 0xFFFF, "ID")}};
+    if (what == "set") {
+        if (!from_hex(o.pos[2]))
+            throw Usage{"'" + o.pos[2] + "' is not hex bytes (like 0801ff)"};
+        req["hex"] = o.pos[2];
     }
     std::string err;
     auto r = c.call(req, &err);
     if (!r)
         return failed(err);
-    if (a[0] == "get") {
+    if (what == "get") {
         auto b = from_hex((*r)["hex"].get<std::string>());
         std::cout << to_hex(*b, ' ') << "\n";
     }
     return 0;
 }
 
-int cmd_efs(const Client &c, const Options &o)
+int efs_get(const Client &c, unsigned sub, const Args &o)
 {
-    const auto &a = o.args;
-    const char *usage = "efs ls SUB [PATH] | efs get SUB PATH [FILE] | efs put SUB PATH [FILE] | efs rm SUB PATH";
-    if (a.size() < 2)
-        throw Usage{usage};
-    unsigned sub = need_sub(a[1]);
+    const std::string &path = o.pos[1];
+    Bytes all;
     std::string err;
-    if (a[0] == "ls" && a.size() <= 3) {
-        auto r = c.call({{"op", "efs_ls"}, {"sub", sub}, {"path", a.size() == 3 ? a[2] : "/"}}, &err);
+    for (uint64_t size = 1; all.size() < size;) {
+        auto r = c.call({{"op", "efs_get"}, {"sub", sub}, {"path", path}, {"offset", all.size()}}, &err);
+        if (!r)
+            return failed(err);
+        size = (*r)["size"].get<uint64_t>();
+        auto chunk = from_hex((*r)["hex"].get<std::string>());
+        if (!chunk || (chunk->empty() && all.size() < size))
+            return failed(path + ": changed while being read");
+        all.insert(all.end(), chunk->begin(), chunk->end());
+    }
+    if (o.pos.size() == 3) {
+        std::ofstream out(o.pos[2], std::ios::binary);
+        out.write(reinterpret_cast<const char *>(all.data()), static_cast<std::streamsize>(all.size()));
+        if (!out)
+            return failed("cannot write " + o.pos[2]);
+    } else {
+        std::cout.write(reinterpret_cast<const char *>(all.data()), static_cast<std::streamsize>(all.size()));
+    }
+    return 0;
+}
+
+int efs_put(const Client &c, unsigned sub, const Args &o)
+{
+    std::string from = o.pos.size() == 3 ? o.pos[2] : "-", err;
+    auto data = read_bounded(from, ModemStore::kMaxEfsFile, "the largest EFS file", &err);
+    if (!data)
+        return failed(err);
+    json req = {{"op", "efs_put"}, {"sub", sub}, {"path", o.pos[1]}};
+    if (attach_content(c, &req, *data, "hex", true, &err) && c.call(req, &err))
+        return 0;
+    if (!predates_uploads(err))
+        return failed(err);
+    // A kvn-sim without uploads reads the host file itself: standard input
+    // goes through a private temporary file.
+    std::string tmp;
+    if (from == "-") {
+        char name[] = "/tmp/kvn-sim-put.XXXXXX";
+        int fd = mkstemp(name);
+        if (fd < 0)
+            return failed("cannot create a temporary file");
+        tmp = from = name;
+        bool wrote = write(fd, data->data(), data->size()) == static_cast<ssize_t>(data->size());
+        close(fd);
+        if (!wrote) {
+            unlink(name);
+            return failed("cannot write " + tmp);
+        }
+    }
+    int rc = simple(c, {{"op", "efs_put"}, {"sub", sub}, {"path", o.pos[1]}, {"file", fs::absolute(from).string()}});
+    if (!tmp.empty())
+        unlink(tmp.c_str());
+    return rc;
+}
+
+int cmd_efs(const Client &c, const std::string &what, const Args &o)
+{
+    unsigned sub = need_sub(o.pos[0]);
+    std::string err;
+    if (what == "ls") {
+        auto r = c.call({{"op", "efs_ls"}, {"sub", sub}, {"path", o.pos.size() == 2 ? o.pos[1] : "/"}}, &err);
         if (!r)
             return failed(err);
         for (const auto &f : (*r)["files"])
             std::cout << f["size"] << " " << f["path"].get<std::string>() << "\n";
         return 0;
     }
-    if (a.size() < 3)
-        throw Usage{usage};
-    if (a[0] == "rm" && a.size() == 3)
-        return simple(c, {{"op", "efs_rm"}, {"sub", sub}, {"path", a[2]}});
-    if (a[0] == "get" && a.size() <= 4) {
-        Bytes all;
-        for (uint64_t size = 1; all.size() < size;) {
-            auto r = c.call({{"op", "efs_get"}, {"sub", sub}, {"path", a[2]}, {"offset", all.size()}}, &err);
-            if (!r)
-                return failed(err);
-            size = (*r)["size"].get<uint64_t>();
-            auto chunk = from_hex((*r)["hex"].get<std::string>());
-            if (!chunk || (chunk->empty() && all.size() < size))
-                return failed(a[2] + ": changed while being read");
-            all.insert(all.end(), chunk->begin(), chunk->end());
-        }
-        if (a.size() == 4) {
-            std::ofstream out(a[3], std::ios::binary);
-            out.write(reinterpret_cast<const char *>(all.data()), static_cast<std::streamsize>(all.size()));
-            if (!out)
-                return failed("cannot write " + a[3]);
-        } else {
-            std::cout.write(reinterpret_cast<const char *>(all.data()), static_cast<std::streamsize>(all.size()));
-        }
-        return 0;
-    }
-    if (a[0] == "put" && a.size() <= 4) {
-        json req = {{"op", "efs_put"}, {"sub", sub}, {"path", a[2]}};
-        if (a.size() == 4) {
-            req["file"] = fs::absolute(a[3]).string();
-            return simple(c, req);
-        }
-        std::string in((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
-        if (in.size() > ModemStore::kMaxEfsFile)
-            return failed("file larger than 102410 bytes");
-        req["hex"] = to_hex(reinterpret_cast<const uint8_t *>(in.data()), in.size());
-        return simple(c, req);
-    }
-    throw Usage{usage};
+    if (what == "rm")
+        return simple(c, {{"op", "efs_rm"}, {"sub", sub}, {"path", o.pos[1]}});
+    return what == "get" ? efs_get(c, sub, o) : efs_put(c, sub, o);
 }
 
-/* ---- the command table ---- */
+/* ---- the command tree ---- */
 
-struct Command {
-    const char *name;
-    const char *usage;
-    const char *summary;
-    int (*handler)(const Client &, const Options &);
+// Usage lines that spell out a command's words ("SUB PATH [FILE]") instead
+// of CLI11's count of them.
+class UsageFormatter : public CLI::Formatter {
+public:
+    std::map<const CLI::App *, std::string> usage;
+    std::string make_usage(const CLI::App *app, std::string name) const override
+    {
+        auto it = usage.find(app);
+        return it == usage.end() ? CLI::Formatter::make_usage(app, name) : "Usage: " + name + " " + it->second + "\n";
+    }
 };
 
-const Command kCommands[] = {
-    {"start", "start [--state DIR] [--scenario FILE] [--socket PATH]", "start a simulated handset in the background",
-     [](const Client &, const Options &o) { return cmd_start(o, false); }},
-    {"run", "run [--state DIR] [--scenario FILE] [--socket PATH]", "run a simulated handset in the foreground",
-     [](const Client &, const Options &o) { return cmd_start(o, true); }},
-    {"stop", "stop", "stop the handset and wait until it is gone", cmd_stop},
-    {"status", "status", "show whether it runs, its clients and services", cmd_status},
-    {"load", "load FILE", "merge a scenario into the running handset", cmd_load},
-    {"ssr", "ssr [MS]", "restart the modem: every service down, back after MS ms (2000)", cmd_ssr},
-    {"service", "service NAME down|up",
-     "take one service (extend, uim, vs, sar, nas, all modem services; at, diag) down or up", cmd_service},
-    {"fault", "fault SERVICE MSG KIND [--count N] [--after M] | fault clear",
-     "misbehave on the N requests after the next M: no-reply, delay=MS, qmi-error=N, drop, truncate", cmd_fault},
-    {"journal", "journal [--clear]", "print the QMI requests received, as JSON lines (then clear)", cmd_journal},
-    {"prop", "prop get KEY | prop set KEY VALUE | prop list", "the handset's properties", cmd_prop},
-    {"indicate", "indicate SERVICE MSG HEX",
-     "send one indication with the TLV area HEX to every client of SERVICE", cmd_indicate},
-    {"logcat", "logcat", "print the handset's log buffer", cmd_logcat},
-    {"nv", "nv get|set|rm SUB ID [HEX]", "NV items of subscription SUB", cmd_nv},
-    {"efs", "efs ls|get|put|rm SUB PATH [FILE]", "EFS files of subscription SUB", cmd_efs},
-};
+struct Cli {
+    CLI::App app{"kvn-sim - a simulated handset for kvn on a Linux host", "kvn-sim"};
+    Args a;
+    // Every command that runs something, with what it runs.
+    std::vector<std::pair<CLI::App *, std::function<int(const Client &)>>> runs;
+    CLI::Option *last_opt = nullptr;
+    std::shared_ptr<UsageFormatter> fmt = std::make_shared<UsageFormatter>();
 
-void print_help(std::ostream &out)
-{
-    out << "usage: kvn-sim COMMAND [ARGS...] [--socket PATH]\n\n";
-    for (const auto &c : kCommands)
-        out << "  " << c.usage << "\n      " << c.summary << "\n";
-}
+    CLI::App *command(CLI::App *parent, const char *name, const char *summary, const char *example)
+    {
+        auto *sub = parent->add_subcommand(name, summary);
+        sub->footer(std::string("Example:\n  ") + example);
+        sub->add_option("--socket", a.socket, "the handset's control socket (default: $KVN_SIM_SOCKET, else the user's own)")
+            ->option_text("PATH");
+        return sub;
+    }
+    // Positional words NAMES (optional ones after `required`), kept as text
+    // so that their checks can name the bad word.
+    void words(CLI::App *cmd, std::vector<const char *> names, size_t required)
+    {
+        auto *opt = cmd->add_option("ARGS", a.pos)->expected(static_cast<int>(required), static_cast<int>(names.size()));
+        std::string usage;
+        for (size_t i = 0; i < names.size(); ++i)
+            usage += std::string(" ") + (i < required ? names[i] : "[" + std::string(names[i]) + "]");
+        opt->option_text(usage.substr(1));
+        if (required)
+            opt->required();
+        fmt->usage[cmd] = "[OPTIONS]" + usage;
+    }
+    void runs_as(CLI::App *cmd, std::function<int(const Client &)> fn) { runs.emplace_back(cmd, std::move(fn)); }
 
-// Takes `--name VALUE` or `--name=VALUE` out of args; false when the value is missing.
-bool take_option(std::vector<std::string> &args, const std::string &name, std::string *value)
-{
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == name) {
-            if (i + 1 >= args.size())
-                return false;
-            *value = args[i + 1];
-            args.erase(args.begin() + static_cast<std::ptrdiff_t>(i), args.begin() + static_cast<std::ptrdiff_t>(i) + 2);
-            return take_option(args, name, value);
+    Cli()
+    {
+        app.formatter(fmt);
+        app.set_version_flag("-V,--version", std::string("kvn-sim ") + KVN_VERSION);
+        app.require_subcommand(1);
+        app.footer("Run 'kvn-sim COMMAND --help' for a command's options and an example.\n"
+                   "Example:\n  kvn-sim start --state /tmp/h1 --socket /tmp/h1.sock && kvn 4 1 0 550");
+
+        for (bool fg : {false, true}) {
+            auto *s = command(&app, fg ? "run" : "start",
+                              fg ? "run a simulated handset in the foreground" : "start a simulated handset in the background",
+                              fg ? "kvn-sim run --state /tmp/h1 --scenario /usr/share/kvn-sim/scenarios/no-card.json"
+                                 : "kvn-sim start --state /tmp/h1 --socket /tmp/h1.sock");
+            s->add_option("--state", a.state_dir, "state directory (default: $KVN_SIM_STATE, "
+                                                  "$XDG_STATE_HOME/kvn-sim or ~/.local/state/kvn-sim)")
+                ->option_text("DIR");
+            s->add_option("--scenario", a.scenario, "scenario applied at start")->option_text("FILE");
+            runs_as(s, [this, fg](const Client &) { return cmd_start(a, fg); });
         }
-        if (args[i].rfind(name + "=", 0) == 0) {
-            *value = args[i].substr(name.size() + 1);
-            args.erase(args.begin() + static_cast<std::ptrdiff_t>(i));
-            return take_option(args, name, value);
+        runs_as(command(&app, "stop", "stop the handset and wait until it is gone", "kvn-sim stop"), cmd_stop);
+
+        auto *st = command(&app, "status", "show whether it runs, its clients, services and counters",
+                           "kvn-sim status --json");
+        st->add_flag("--json", a.json_out, "print the status as one JSON object");
+        runs_as(st, [this](const Client &c) { return cmd_status(c, a); });
+
+        auto *ld = command(&app, "load", "merge a scenario (or a recorded QMI session) into the running handset",
+                           "kvn-sim load /usr/share/kvn-sim/scenarios/faulty-modem.json");
+        words(ld, {"FILE"}, 0);
+        ld->add_option("--replay", a.replay, "answer requests from a session recorded with KVN_QMI_RECORD=FILE")
+            ->option_text("FILE");
+        runs_as(ld, [this](const Client &c) { return cmd_load(c, a); });
+
+        auto *ssr = command(&app, "ssr", "restart the modem: every service down, back after MS ms (2000)",
+                            "kvn-sim ssr 5000");
+        words(ssr, {"MS"}, 0);
+        runs_as(ssr, [this](const Client &c) { return cmd_ssr(c, a); });
+
+        auto *svc = command(&app, "service", "take a service (extend, uim, vs, sar, nas, all; at, diag) down or up",
+                            "kvn-sim service uim down");
+        words(svc, {"NAME", "down|up"}, 2);
+        runs_as(svc, [this](const Client &c) { return cmd_service(c, a); });
+
+        auto *f = command(&app, "fault",
+                          "misbehave on the N requests after the next M: no-reply, delay=MS, qmi-error=N, drop, "
+                          "truncate; 'fault diag CODE' for diag requests",
+                          "kvn-sim fault extend 0x0025 qmi-error=3 --count 2");
+        words(f, {"SERVICE", "MSG", "KIND"}, 0);
+        f->add_option("--count", a.count, "requests it applies to (1)")->option_text("N");
+        f->add_option("--after", a.after, "matching requests served normally first (0)")->option_text("M");
+        runs_as(f, [this](const Client &c) { return cmd_fault(c, a); });
+        runs_as(command(f, "clear", "forget every fault", "kvn-sim fault clear"),
+                [](const Client &c) { return simple(c, {{"op", "fault_clear"}}); });
+        fmt->usage[f] = "[OPTIONS] SERVICE MSG KIND | clear";
+
+        auto *j = command(&app, "journal", "print the QMI requests received, as JSON lines",
+                          "kvn-sim journal --last 5");
+        j->add_flag("--clear", a.clear, "clear what was printed");
+        last_opt = j->add_option("--last", a.last, "only the last N requests")->option_text("N");
+        auto *jf = j->add_flag("-f,--follow", a.follow, "keep printing requests as they come (Ctrl-C stops)");
+        jf->excludes(j->get_option("--clear"));
+        runs_as(j, [this](const Client &c) { return cmd_journal(c, a); });
+
+        auto *pr = command(&app, "prop", "the handset's properties", "kvn-sim prop get persist.radio.multisim.config");
+        pr->require_subcommand(1);
+        auto *pg = command(pr, "get", "print one property", "kvn-sim prop get ro.baseband");
+        words(pg, {"KEY"}, 1);
+        runs_as(pg, [this](const Client &c) { return cmd_prop(c, "get", a); });
+        auto *ps = command(pr, "set", "set one property", "kvn-sim prop set persist.vendor.radio.adb_log_on 1");
+        words(ps, {"KEY", "VALUE"}, 2);
+        runs_as(ps, [this](const Client &c) { return cmd_prop(c, "set", a); });
+        runs_as(command(pr, "list", "print every property", "kvn-sim prop list"),
+                [this](const Client &c) { return cmd_prop(c, "list", a); });
+
+        auto *ind = command(&app, "indicate", "send one indication with the TLV area HEX to every client of SERVICE",
+                            "kvn-sim indicate uim 0x0032 0101000");
+        words(ind, {"SERVICE", "MSG", "HEX"}, 3);
+        runs_as(ind, [this](const Client &c) { return cmd_indicate(c, a); });
+
+        auto *lc = command(&app, "logcat", "print the handset's log buffer", "kvn-sim logcat -f -s kvn-sim");
+        auto *lf = lc->add_flag("-f,--follow", a.follow, "keep printing lines as they come (Ctrl-C stops)");
+        auto *lcl = lc->add_flag("-c,--clear", a.clear, "clear the log buffer and print nothing");
+        auto *ls = lc->add_option("-s", a.tags, "only lines of TAG (repeatable)")->option_text("TAG")->allow_extra_args(false);
+        lcl->excludes(lf)->excludes(ls);
+        runs_as(lc, [this](const Client &c) { return cmd_logcat(c, a); });
+
+        auto *nv = command(&app, "nv", "NV items of subscription SUB (data as hex)", "kvn-sim nv get 0 550");
+        nv->require_subcommand(1);
+        for (auto [what, summary, names] :
+             {std::tuple{"get", "print an NV item", std::vector<const char *>{"SUB", "ID"}},
+              std::tuple{"set", "write an NV item", std::vector<const char *>{"SUB", "ID", "HEX"}},
+              std::tuple{"rm", "remove an NV item", std::vector<const char *>{"SUB", "ID"}}}) {
+            std::string ex = std::string("kvn-sim nv ") + what + " 0 550" + (names.size() == 3 ? " 08 3a" : "");
+            auto *s = command(nv, what, summary, ex.c_str());
+            words(s, names, names.size());
+            runs_as(s, [this, w = std::string(what)](const Client &c) { return cmd_nv(c, w, a); });
+        }
+
+        auto *efs = command(&app, "efs", "EFS files of subscription SUB", "kvn-sim efs ls 0 /nv/item_files");
+        efs->require_subcommand(1);
+        for (auto [what, summary, names, req, ex] :
+             {std::tuple{"ls", "list the files under PATH (/)", std::vector<const char *>{"SUB", "PATH"}, 1,
+                         "kvn-sim efs ls 0 /nv"},
+              std::tuple{"get", "print a file, or write it to FILE", std::vector<const char *>{"SUB", "PATH", "FILE"}, 2,
+                         "kvn-sim efs get 0 /nv/item_files/modem/mmode/sms_domain_pref out.bin"},
+              std::tuple{"put", "write a file from FILE or standard input (at most 102410 bytes)",
+                         std::vector<const char *>{"SUB", "PATH", "FILE"}, 2, "printf '\\x01' | kvn-sim efs put 0 /x"},
+              std::tuple{"rm", "remove a file", std::vector<const char *>{"SUB", "PATH"}, 2, "kvn-sim efs rm 0 /x"}}) {
+            auto *s = command(efs, what, summary, ex);
+            words(s, names, static_cast<size_t>(req));
+            runs_as(s, [this, w = std::string(what)](const Client &c) { return cmd_efs(c, w, a); });
         }
     }
-    return true;
-}
+
+    // The deepest command given on the command line.
+    static CLI::App *deepest(CLI::App *app)
+    {
+        for (auto *sub : app->get_subcommands())
+            return deepest(sub);
+        return app;
+    }
+    static std::string path_of(CLI::App *app)
+    {
+        std::string p;
+        for (; app; app = app->get_parent())
+            p = app->get_name() + (p.empty() ? "" : " " + p);
+        return p;
+    }
+
+    int usage_error(std::string msg)
+    {
+        CLI::App *at = deepest(&app);
+        std::vector<std::string> names;
+        for (auto *s : at->get_subcommands([](CLI::App *) { return true; }))
+            names.push_back(s->get_name());
+        if (at->get_require_subcommand_min() > 0 && at->get_subcommands().empty()) {
+            auto rest = at->remaining();
+            msg = (rest.empty() ? "a command is missing" : "unknown command '" + rest[0] + "'") + "; accepted: " +
+                  join(names);
+        }
+        // The words of a command are one option named ARGS: name them instead.
+        if (auto *words = at->get_option_no_throw("ARGS"); words && msg.find("ARGS") != std::string::npos)
+            msg = "expected " + words->get_option_text() + " (got " + std::to_string(words->count()) + " word(s))";
+        std::cerr << "kvn-sim: " << msg << "\n"
+                  << fmt->make_usage(at, path_of(at)) << "Run '" << path_of(at) << " --help' for more.\n";
+        return 2;
+    }
+
+    int main(int argc, char **argv)
+    {
+        if (argc < 2) {
+            std::cerr << app.help();
+            return 2;
+        }
+        if (std::string(argv[1]) == "help") {
+            std::cout << app.help();
+            return 0;
+        }
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::CallForHelp &e) {
+            return app.exit(e);
+        } catch (const CLI::CallForVersion &e) {
+            return app.exit(e);
+        } catch (const CLI::ParseError &e) {
+            return usage_error(e.what());
+        }
+        a.last_given = last_opt->count() > 0;
+        CLI::App *at = deepest(&app);
+        for (auto &[cmd, fn] : runs) {
+            if (cmd != at)
+                continue;
+            try {
+                return fn(Client(a.socket));
+            } catch (const Usage &u) {
+                return usage_error(u.text);
+            }
+        }
+        return usage_error("a command is missing");
+    }
+};
 
 } // namespace
 
 int main(int argc, char **argv)
 {
     signal(SIGPIPE, SIG_IGN);
-    if (argc < 2 || std::string(argv[1]) == "help" || std::string(argv[1]) == "--help") {
-        print_help(argc < 2 ? std::cerr : std::cout);
-        return argc < 2 ? 2 : 0;
-    }
-    std::string name = argv[1];
-    const Command *cmd = nullptr;
-    for (const auto &c : kCommands)
-        if (name == c.name)
-            cmd = &c;
-    if (!cmd) {
-        std::cerr << "kvn-sim: unknown command " << name << "\n";
-        print_help(std::cerr);
-        return 2;
-    }
-    Options o;
-    o.args.assign(argv + 2, argv + argc);
-    o.socket = kvn_wire::default_socket_path();
-    bool ok = take_option(o.args, "--socket", &o.socket);
-    bool daemon_cmd = name == "start" || name == "run";
-    if (daemon_cmd)
-        ok = ok && take_option(o.args, "--state", &o.state_dir) && take_option(o.args, "--scenario", &o.scenario);
-    try {
-        if (!ok)
-            throw Usage{"an option lacks its value"};
-        return cmd->handler(Client(o.socket), o);
-    } catch (const Usage &u) {
-        std::cerr << "kvn-sim: " << u.text << "\nusage: kvn-sim " << cmd->usage << " [--socket PATH]\n";
-        return 2;
-    }
+    Cli cli;
+    return cli.main(argc, argv);
 }

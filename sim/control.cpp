@@ -202,6 +202,10 @@ const std::pair<const char *, Op> kOps[] = {
          return json::object();
      }},
     {"logcat", [](Ctx &c) { return page_of(c.h.log.ring(), c.num_or("after", 0, 0, UINT64_MAX)); }},
+    {"logcat_clear", [](Ctx &c) {
+         c.h.log.ring().clear_upto(c.h.log.ring().last_seq());
+         return json::object();
+     }},
     {"prop_get", [](Ctx &c) {
          auto key = c.str("key");
          auto v = c.h.props.get(key);
