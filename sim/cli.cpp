@@ -22,6 +22,7 @@
 #include "daemon.h"
 #include "faults.h"
 #include "kvn_wire.h"
+#include "scenario.h"
 #include "util.h"
 
 namespace fs = std::filesystem;
@@ -106,6 +107,27 @@ int simple(const Client &c, const json &req)
     return c.call(req, &err) ? 0 : failed(err);
 }
 
+// Sends `req` with `data` attached: inline in `inline_field` (as is, or as
+// hex) when it fits one packet, else staged through "upload" chunks.
+int send_with(const Client &c, json req, const char *inline_field, const Bytes &data, bool as_hex)
+{
+    std::string err;
+    if (data.size() <= kControlPageBytes) {
+        req[inline_field] = as_hex ? to_hex(data) : std::string(data.begin(), data.end());
+        return simple(c, req);
+    }
+    std::optional<json> up;
+    for (size_t at = 0; at < data.size(); at += kControlPageBytes) {
+        json chunk = {{"op", "upload"}, {"hex", to_hex(data.data() + at, std::min(kControlPageBytes, data.size() - at))}};
+        if (up)
+            chunk["upload"] = (*up)["upload"];
+        if (!(up = c.call(chunk, &err)))
+            return failed(err);
+    }
+    req["upload"] = (*up)["upload"];
+    return simple(c, req);
+}
+
 // Pages through the journal or the log, printing each line.
 int print_pages(const Client &c, const char *op, uint64_t *last_seen)
 {
@@ -155,8 +177,11 @@ int cmd_start(const Options &o, bool foreground)
         d.scenario = fs::absolute(o.scenario).string();
     if (daemon_answers(d.socket))
         return failed("a kvn-sim already answers on " + d.socket);
+    std::string err;
+    if (!check_start(d, &err))
+        return failed(err);
     if (foreground) {
-        std::cout << "kvn-sim running: socket " << d.socket << ", state " << d.state_dir << std::endl;
+        d.on_serving = [&d] { std::cout << "kvn-sim running: socket " << d.socket << ", state " << d.state_dir << std::endl; };
         int fds[2];
         if (pipe2(fds, O_CLOEXEC) != 0)
             return failed("pipe failed");
@@ -168,8 +193,9 @@ int cmd_start(const Options &o, bool foreground)
             std::cerr << "kvn-sim: " << std::string(buf + 4, static_cast<size_t>(n - 4));
         return rc;
     }
-    std::error_code ec;
-    fs::create_directories(d.state_dir, ec);
+    int log_fd = open_daemon_log(d.state_dir, &err);
+    if (log_fd < 0)
+        return failed(err);
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0)
         return failed("pipe failed");
@@ -181,7 +207,6 @@ int cmd_start(const Options &o, bool foreground)
         close(fds[0]);
         setsid();
         int null_fd = open("/dev/null", O_RDONLY);
-        int log_fd = open((fs::path(d.state_dir) / "kvn-sim.log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         if (null_fd >= 0)
             dup2(null_fd, 0);
         if (log_fd >= 0) {
@@ -195,6 +220,7 @@ int cmd_start(const Options &o, bool foreground)
         return run_daemon(d, fds[1]);
     }
     close(fds[1]);
+    close(log_fd);
     std::string msg;
     char buf[512];
     for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) != 0;) {
@@ -270,7 +296,9 @@ int cmd_load(const Client &c, const Options &o)
 {
     if (o.args.size() != 1)
         throw Usage{"load FILE"};
-    return simple(c, {{"op", "load"}, {"file", fs::absolute(o.args[0]).string()}});
+    std::string err;
+    auto data = read_file(o.args[0], kMaxScenarioBytes, &err);
+    return data ? send_with(c, {{"op", "load"}}, "document", *data, false) : failed(err);
 }
 
 int cmd_ssr(const Client &c, const Options &o)
@@ -436,8 +464,9 @@ int cmd_efs(const Client &c, const Options &o)
     if (a[0] == "put" && a.size() <= 4) {
         json req = {{"op", "efs_put"}, {"sub", sub}, {"path", a[2]}};
         if (a.size() == 4) {
-            req["file"] = fs::absolute(a[3]).string();
-            return simple(c, req);
+            std::string err;
+            auto data = read_file(a[3], ModemStore::kMaxEfsFile, &err);
+            return data ? send_with(c, req, "hex", *data, true) : failed(err);
         }
         std::string in((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
         if (in.size() > ModemStore::kMaxEfsFile)
