@@ -49,7 +49,7 @@ struct Bound {
     const char *what;
     size_t max;
 };
-constexpr Bound kMaxProperties{"properties", 1000};
+constexpr Bound kMaxProperties{"properties", 100}; // each persist.* one rewrites a file
 constexpr Bound kMaxNvItems{"NV items", 2000};
 constexpr Bound kMaxEfsFiles{"EFS files", 1000};
 constexpr Bound kMaxExtendReplies{"extend replies", 1000};
