@@ -9,7 +9,7 @@ _kvn_sim() {
   cmd= sub=
   for ((i = 1; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
-      --socket|--state|--scenario|--replay|--last|--count|--after|-s) ((i++)) ;;
+      --socket|--state|--scenario|--group|--replay|--last|--count|--after|-s) ((i++)) ;;
       -*) ;;
       *) if [ -z "$cmd" ]; then cmd=${COMP_WORDS[i]}; elif [ -z "$sub" ]; then sub=${COMP_WORDS[i]}; fi ;;
     esac
@@ -23,7 +23,7 @@ _kvn_sim() {
   local words
   case $cmd in
     "") words="start run stop status load ssr service fault journal prop indicate logcat nv efs -h --help -V --version" ;;
-    start|run) words="--state --scenario" ;;
+    start|run) words="--state --scenario --group" ;;
     status) words="--json" ;;
     load) words="--replay"; COMPREPLY=($(compgen -f -- "$cur")) ;;
     service) [ -z "$sub" ] && words="extend uim vs sar nas all at diag" || words="up down" ;;

@@ -29,6 +29,7 @@
 #include "daemon.h"
 #include "faults.h"
 #include "kvn_wire.h"
+#include "scenario.h"
 #include "service.h"
 #include "util.h"
 
@@ -158,13 +159,6 @@ bool attach_content(const Client &c, json *req, const std::string &data, const c
     return true;
 }
 
-// A kvn-sim built before uploads and inline documents existed answers one of
-// these; the caller then names the host file instead.
-bool predates_uploads(const std::string &err)
-{
-    return err == "unknown control operation \"upload\"" || err == "missing field \"file\"";
-}
-
 // Reads at most `max` bytes of a regular file or of standard input (path
 // "-"); nullopt with err set when it is longer or cannot be read. A FIFO or
 // device named as FILE is refused at once rather than waited on.
@@ -214,7 +208,7 @@ std::optional<std::string> read_bounded(const std::string &path, size_t max, con
 volatile std::sig_atomic_t g_stop = 0;
 
 // The largest scenario document sent (the daemon's own bound is the same).
-constexpr size_t kScenarioLimit = 4u << 20;
+constexpr size_t kScenarioLimit = kMaxScenarioBytes;
 
 // Pages through the journal or the log after line `*after`, handing each line
 // to `each`; *after becomes the last line seen.
@@ -318,7 +312,7 @@ const std::vector<std::string> kServiceNames = {"extend", "uim", "vs", "sar", "n
 
 struct Args {
     std::string socket = kvn_wire::default_socket_path();
-    std::string state_dir, scenario, replay;
+    std::string state_dir, scenario, replay, group;
     std::vector<std::string> pos; // positionals of the command that runs
     std::vector<std::string> tags;
     uint64_t count = 1, after = 0, last = 0;
@@ -333,10 +327,14 @@ int cmd_start(const Args &o, bool foreground)
     d.state_dir = fs::absolute(o.state_dir.empty() ? default_state_dir() : o.state_dir).lexically_normal().string();
     if (!o.scenario.empty())
         d.scenario = fs::absolute(o.scenario).string();
+    d.group = o.group;
     if (daemon_answers(d.socket))
         return failed("a kvn-sim already answers on " + d.socket);
+    std::string err;
+    if (!check_start(d, &err))
+        return failed(err);
     if (foreground) {
-        std::cout << "kvn-sim running: socket " << d.socket << ", state " << d.state_dir << std::endl;
+        d.on_serving = [&d] { std::cout << "kvn-sim running: socket " << d.socket << ", state " << d.state_dir << std::endl; };
         int fds[2];
         if (pipe2(fds, O_CLOEXEC) != 0)
             return failed("pipe failed");
@@ -348,8 +346,9 @@ int cmd_start(const Args &o, bool foreground)
             std::cerr << "kvn-sim: " << std::string(buf + 4, static_cast<size_t>(n - 4));
         return rc;
     }
-    std::error_code ec;
-    fs::create_directories(d.state_dir, ec);
+    int log_fd = open_daemon_log(d.state_dir, &err);
+    if (log_fd < 0)
+        return failed(err);
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0)
         return failed("pipe failed");
@@ -361,7 +360,6 @@ int cmd_start(const Args &o, bool foreground)
         close(fds[0]);
         setsid();
         int null_fd = open("/dev/null", O_RDONLY);
-        int log_fd = open((fs::path(d.state_dir) / "kvn-sim.log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         if (null_fd >= 0)
             dup2(null_fd, 0);
         if (log_fd >= 0) {
@@ -375,6 +373,7 @@ int cmd_start(const Args &o, bool foreground)
         return run_daemon(d, fds[1]);
     }
     close(fds[1]);
+    close(log_fd);
     std::string msg;
     char buf[512];
     for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) != 0;) {
@@ -427,7 +426,7 @@ int cmd_status(const Client &c, const Args &o)
               << ", state " << (*r)["state"].get<std::string>() << "\n"
               << "clients " << (*r)["clients"] << ", journal " << (*r)["journal"] << " requests, faults "
               << (*r)["faults"] << "\n"
-              << "pty " << r->value("pty", std::string()) << "\n" << "qmux_cids " << r->value("qmux_cids", 0) << "\n";
+              << "pty " << r->value("pty", std::string()) << "\n";
     for (const auto &s : (*r)["services"]) {
         char id[16];
         std::snprintf(id, sizeof id, "0x%x", s["id"].get<unsigned>());
@@ -484,8 +483,6 @@ int cmd_load(const Client &c, const Args &o)
         return failed(err);
     if (attach_content(c, &req, *doc, "document", false, &err) && c.call(req, &err))
         return 0;
-    if (predates_uploads(err))
-        return simple(c, {{"op", "load"}, {"file", fs::absolute(o.pos[0]).string()}});
     return failed(err);
 }
 
@@ -618,28 +615,7 @@ int efs_put(const Client &c, unsigned sub, const Args &o)
     json req = {{"op", "efs_put"}, {"sub", sub}, {"path", o.pos[1]}};
     if (attach_content(c, &req, *data, "hex", true, &err) && c.call(req, &err))
         return 0;
-    if (!predates_uploads(err))
-        return failed(err);
-    // A kvn-sim without uploads reads the host file itself: standard input
-    // goes through a private temporary file.
-    std::string tmp;
-    if (from == "-") {
-        char name[] = "/tmp/kvn-sim-put.XXXXXX";
-        int fd = mkstemp(name);
-        if (fd < 0)
-            return failed("cannot create a temporary file");
-        tmp = from = name;
-        bool wrote = write(fd, data->data(), data->size()) == static_cast<ssize_t>(data->size());
-        close(fd);
-        if (!wrote) {
-            unlink(name);
-            return failed("cannot write " + tmp);
-        }
-    }
-    int rc = simple(c, {{"op", "efs_put"}, {"sub", sub}, {"path", o.pos[1]}, {"file", fs::absolute(from).string()}});
-    if (!tmp.empty())
-        unlink(tmp.c_str());
-    return rc;
+    return failed(err);
 }
 
 int cmd_efs(const Client &c, const std::string &what, const Args &o)
@@ -721,6 +697,8 @@ struct Cli {
                                                   "$XDG_STATE_HOME/kvn-sim or ~/.local/state/kvn-sim)")
                 ->option_text("DIR");
             s->add_option("--scenario", a.scenario, "scenario applied at start")->option_text("FILE");
+            s->add_option("--group", a.group, "let this group's members use the socket too (mode 0660)")
+                ->option_text("NAME");
             runs_as(s, [this, fg](const Client &) { return cmd_start(a, fg); });
         }
         runs_as(command(&app, "stop", "stop the handset and wait until it is gone", "kvn-sim stop"), cmd_stop);

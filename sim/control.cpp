@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <map>
 #include <optional>
 
 #include "scenario.h"
@@ -21,6 +22,17 @@ struct Failure {
 };
 [[noreturn]] void fail(const std::string &t) { throw Failure{t}; }
 
+// Contents a client sends ahead of the request that uses them (a scenario
+// document, an EFS file): kvn-sim never opens a host file for a client, so
+// anything larger than one packet comes in chunks. Bounded in size and
+// number; the oldest is dropped for a new one past kMaxUploads.
+struct Uploads {
+    static constexpr size_t kMaxUploads = 4;
+    static constexpr size_t kMaxChunkHex = 2 * kControlPageBytes;
+    std::map<uint64_t, std::string> live; // by id, oldest first
+    uint64_t next = 1;
+};
+
 // The request and the handset an op works on. Every field is read through a
 // typed accessor: a missing field, a field of the wrong type or a number out
 // of range fails the request with an error naming the field.
@@ -29,6 +41,7 @@ struct Ctx {
     Router &r;
     const DaemonInfo &info;
     const json &req;
+    Uploads &up;
 
     const json *find(const char *name, bool required) const
     {
@@ -73,6 +86,30 @@ struct Ctx {
         if (!j->is_boolean())
             fail(std::string("field \"") + name + "\" must be true or false");
         return j->get<bool>();
+    }
+
+    // The contents a request carries: inline (field `inline_field`) or a
+    // finished upload (field "upload", consumed). A `file` field is refused:
+    // the daemon reads no host file on a client's behalf.
+    std::string contents(const char *inline_field, size_t max) const
+    {
+        if (req.contains("file"))
+            fail("field \"file\" is refused: kvn-sim opens no host file for a client; send the contents "
+                 "(\"" + std::string(inline_field) + "\" or \"upload\")");
+        std::string text;
+        if (req.contains("upload")) {
+            auto it = up.live.find(num("upload", 1, UINT64_MAX));
+            if (it == up.live.end())
+                fail("no upload " + std::to_string(num("upload", 1, UINT64_MAX)) + " (finished, or dropped for newer ones)");
+            text = std::move(it->second);
+            up.live.erase(it);
+        } else {
+            text = str(inline_field);
+        }
+        if (text.size() > max)
+            fail("the contents are " + std::to_string(text.size()) + " bytes, over the bound of " +
+                 std::to_string(max) + " bytes");
+        return text;
     }
 
     unsigned sub() const { return static_cast<unsigned>(num("sub", 0, ModemStore::kSubs - 1)); }
@@ -139,9 +176,34 @@ const std::pair<const char *, Op> kOps[] = {
      }},
     {"load", [](Ctx &c) {
          std::string err;
-         if (!apply_scenario_file(c.h, c.str("file"), &err))
+         if (!apply_scenario_text(c.h, c.contents("document", kMaxScenarioBytes), &err))
              fail(err);
          return json::object();
+     }},
+    {"upload", [](Ctx &c) {
+         std::string hex = c.str("hex");
+         if (hex.size() > Uploads::kMaxChunkHex)
+             fail("field \"hex\" holds more than " + std::to_string(Uploads::kMaxChunkHex / 2) + " bytes");
+         auto bytes = from_hex(hex);
+         if (!bytes)
+             fail("field \"hex\" is not hex");
+         uint64_t id = c.req.contains("upload") ? c.num("upload", 1, UINT64_MAX) : 0;
+         if (id == 0) {
+             if (c.up.live.size() >= Uploads::kMaxUploads)
+                 c.up.live.erase(c.up.live.begin());
+             id = c.up.next++;
+             c.up.live[id];
+         }
+         auto it = c.up.live.find(id);
+         if (it == c.up.live.end())
+             fail("no upload " + std::to_string(id) + " (finished, or dropped for newer ones)");
+         if (it->second.size() + bytes->size() > kMaxScenarioBytes) {
+             c.up.live.erase(it);
+             fail("upload " + std::to_string(id) + " is over the bound of " + std::to_string(kMaxScenarioBytes) +
+                  " bytes; dropped");
+         }
+         it->second.append(bytes->begin(), bytes->end());
+         return json{{"upload", id}};
      }},
     {"ssr", [](Ctx &c) {
          c.r.restart_modem(std::chrono::milliseconds(c.num("ms", 0, kMaxRestartMs)));
@@ -174,6 +236,8 @@ const std::pair<const char *, Op> kOps[] = {
              fail("bad fault kind " + kind);
          if (*id == kServiceDiag && f->kind != FaultKind::NoReply && f->kind != FaultKind::Delay)
              fail("diag faults are no-reply or delay=MS");
+         if (c.h.faults.all().size() >= Faults::kMaxFaults)
+             fail("the handset holds " + std::to_string(Faults::kMaxFaults) + " faults, the bound on faults; clear some first");
          f->service = *id;
          f->msg_id = static_cast<uint16_t>(c.num("msg", 0, 0xFFFF));
          f->count = static_cast<uint32_t>(c.num_or("count", 1, 1, UINT32_MAX));
@@ -267,10 +331,12 @@ const std::pair<const char *, Op> kOps[] = {
     {"efs_put", [](Ctx &c) {
          std::optional<Bytes> data;
          std::string err;
-         if (c.req.contains("file"))
-             data = read_file(c.str("file"), ModemStore::kMaxEfsFile, &err);
-         else if (!(data = from_hex(c.str("hex"))))
+         if (c.req.contains("upload")) {
+             std::string raw = c.contents("hex", ModemStore::kMaxEfsFile);
+             data = Bytes(raw.begin(), raw.end());
+         } else if (!(data = from_hex(c.contents("hex", 2 * ModemStore::kMaxEfsFile)))) {
              err = "file data is not hex";
+         }
          if (!data || !c.h.store.efs_put(c.sub(), c.path(), *data, &err))
              fail(err);
          return json::object();
@@ -286,7 +352,8 @@ const std::pair<const char *, Op> kOps[] = {
 
 Router::ControlHandler make_control_handler(Handset &h, Router &r, DaemonInfo info)
 {
-    return [&h, &r, info](const json &req, bool *ok) -> json {
+    auto uploads = std::make_shared<Uploads>();
+    return [&h, &r, info, uploads](const json &req, bool *ok) -> json {
         *ok = false;
         auto op_field = req.find("op");
         if (op_field == req.end() || !op_field->is_string())
@@ -295,7 +362,7 @@ Router::ControlHandler make_control_handler(Handset &h, Router &r, DaemonInfo in
         for (const auto &[name, fn] : kOps) {
             if (op != name)
                 continue;
-            Ctx c{h, r, info, req};
+            Ctx c{h, r, info, req, *uploads};
             try {
                 json reply = fn(c);
                 *ok = true;

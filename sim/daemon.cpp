@@ -6,10 +6,16 @@
 // daemons started at once on one socket only one serves; the socket and its
 // lock file are removed when the daemon stops. A stale socket is removed only
 // when it is a socket: any other file in its place is left alone.
+// Everything a start can check (socket path, state directory, scenario) is
+// checked before anything is created, and a start that fails anyway leaves
+// no lock file and no state directory marked initialised behind. The socket
+// is owner-only (or opened to one group) whatever the umask, and everything
+// in the state directory is opened without following links.
 #include "daemon.h"
 #include "fsync_queue.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/signalfd.h>
@@ -27,6 +33,7 @@
 #include "devices.h"
 #include "handset.h"
 #include "kvn_wire.h"
+#include "peer.h"
 #include "qmux_port.h"
 #include "router.h"
 #include "scenario.h"
@@ -71,7 +78,9 @@ void report(int &ready_fd, const std::string &msg)
     ready_fd = -1;
 }
 
-int listen_unix(const std::string &path, std::string *err)
+// The socket file is made owner-only (0600), or 0660 and given to `group`,
+// by the umask in force while it is bound, whatever the caller's umask was.
+int listen_unix(const std::string &path, std::optional<gid_t> group, std::string *err)
 {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
@@ -81,13 +90,111 @@ int listen_unix(const std::string &path, std::string *err)
     }
     std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 128) != 0) {
+    mode_t old_mask = umask(group ? 0117 : 0177);
+    bool bound = fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+    int saved = errno;
+    umask(old_mask);
+    errno = saved;
+    if (!bound || (group && lchown(path.c_str(), static_cast<uid_t>(-1), *group) != 0) || listen(fd, 128) != 0) {
         *err = "cannot listen on " + path + ": " + strerror(errno);
+        if (bound)
+            unlink(path.c_str());
         if (fd >= 0)
             close(fd);
         return -1;
     }
     return fd;
+}
+
+std::optional<gid_t> group_id(const std::string &name, std::string *err)
+{
+    std::vector<char> buf(16384);
+    group g{}, *gp = nullptr;
+    if (getgrnam_r(name.c_str(), &g, buf.data(), buf.size(), &gp) != 0 || !gp) {
+        *err = "no group " + name;
+        return std::nullopt;
+    }
+    return g.gr_gid;
+}
+
+// The default socket's private directory (when the socket is to be there):
+// created owner-only (group-searchable with a group), and refused when a
+// link, not this user's, or open to others.
+bool prepare_socket_dir(const std::string &socket, std::optional<gid_t> group, std::string *err)
+{
+    std::string dir = fs::path(socket).parent_path().string();
+    if (dir != kvn_wire::private_socket_dir())
+        return true;
+    const mode_t want = group ? 0710 : 0700;
+    bool made = mkdir(dir.c_str(), want) == 0;
+    UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st;
+    if (!fd || fstat(fd.get(), &st) != 0) {
+        *err = dir + ": " + (errno == ELOOP || errno == ENOTDIR ? "not a directory of kvn-sim's" : strerror(errno));
+        return false;
+    }
+    if (st.st_uid != geteuid() || (!made && (st.st_mode & (S_IRWXO | S_IWGRP)))) {
+        *err = dir + ": " + (st.st_uid != geteuid() ? "owned by uid " + std::to_string(st.st_uid) : "open to others") +
+               "; refused as the socket's directory";
+        return false;
+    }
+    if ((group && fchown(fd.get(), static_cast<uid_t>(-1), *group) != 0) || fchmod(fd.get(), want) != 0) {
+        *err = dir + ": " + strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+// Removes the lock file claiming the socket unless disarmed: a start that
+// fails leaves no claim behind. Runs while the claim is still held.
+struct ClaimRemover {
+    std::string path;
+    bool armed = true;
+    ~ClaimRemover()
+    {
+        if (armed)
+            unlink(path.c_str());
+    }
+};
+
+// check_start, keeping the scenario text it read.
+bool check_start_text(const DaemonOptions &opt, std::string *err, std::string *scenario_text)
+{
+    if (opt.socket.empty() || opt.socket.size() >= sizeof(sockaddr_un{}.sun_path)) {
+        *err = "socket path is " + std::to_string(opt.socket.size()) + " bytes long, at most " +
+               std::to_string(sizeof(sockaddr_un{}.sun_path) - 1) + ": " + opt.socket;
+        return false;
+    }
+    fs::path sdir = fs::path(opt.socket).parent_path();
+    struct stat st{};
+    if (sdir.string() != kvn_wire::private_socket_dir()) {
+        bool is_dir = stat(sdir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+        if (!is_dir) {
+            *err = "socket directory " + sdir.string() + ": " + (st.st_mode ? "not a directory" : strerror(errno));
+            return false;
+        }
+    }
+    if (!opt.group.empty() && !group_id(opt.group, err))
+        return false;
+    errno = 0;
+    if (stat(opt.state_dir.c_str(), &st) == 0) {
+        if (!open_private_dir(opt.state_dir, false, err)) {
+            *err = "state directory " + *err;
+            return false;
+        }
+    } else if (errno != ENOENT) {
+        *err = "state directory " + opt.state_dir + ": " + strerror(errno);
+        return false;
+    }
+    if (!opt.scenario.empty()) {
+        auto text = read_scenario_file(opt.scenario, err);
+        if (!text) {
+            *err = "scenario " + *err;
+            return false;
+        }
+        *scenario_text = std::move(*text);
+    }
+    return true;
 }
 
 // Claims `socket` for this daemon: an exclusive lock on "<socket>.lock",
@@ -133,6 +240,23 @@ bool remove_stale_socket(const std::string &socket, std::string *err)
 
 } // namespace
 
+bool check_start(const DaemonOptions &opt, std::string *err)
+{
+    std::string unused;
+    return check_start_text(opt, err, &unused);
+}
+
+int open_daemon_log(const std::string &state_dir, std::string *err)
+{
+    UniqueFd dir = open_private_dir(state_dir, true, err);
+    if (!dir)
+        return -1;
+    int fd = open_append_at(dir.get(), "kvn-sim.log");
+    if (fd < 0)
+        *err = state_dir + "/kvn-sim.log: " + (errno == ELOOP ? "is a symbolic link" : strerror(errno));
+    return fd;
+}
+
 bool daemon_answers(const std::string &socket)
 {
     kvn_wire::Header h;
@@ -145,65 +269,69 @@ bool daemon_answers(const std::string &socket)
 int run_daemon(const DaemonOptions &opt, int ready_fd)
 {
     signal(SIGPIPE, SIG_IGN);
-    std::string err;
-    std::error_code ec;
+    std::string err, scenario;
+    auto failed = [&](const std::string &why) {
+        report(ready_fd, "ERR " + why);
+        return 1;
+    };
+    if (!check_start_text(opt, &err, &scenario))
+        return failed(err);
+    std::optional<gid_t> group;
+    if (!opt.group.empty() && !(group = group_id(opt.group, &err)))
+        return failed(err);
+    if (!prepare_socket_dir(opt.socket, group, &err))
+        return failed(err);
     UniqueFd socket_claim = claim_socket(opt.socket, &err);
-    if (!socket_claim) {
-        report(ready_fd, "ERR " + err);
-        return 1;
-    }
-    if (daemon_answers(opt.socket)) {
-        report(ready_fd, "ERR a kvn-sim already answers on " + opt.socket);
-        return 1;
-    }
-    fs::create_directories(opt.state_dir, ec);
+    if (!socket_claim)
+        return failed(err);
+    ClaimRemover unclaim{opt.socket + ".lock"};
+    if (daemon_answers(opt.socket))
+        return failed("a kvn-sim already answers on " + opt.socket);
+    UniqueFd state = open_private_dir(opt.state_dir, true, &err);
+    if (!state)
+        return failed("state directory " + err);
     // One daemon per state directory. A daemon that was just told to stop may
     // still hold the lock for a moment, hence the short wait.
-    Fd lock(open((fs::path(opt.state_dir) / "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    UniqueFd lock(openat(state.get(), "lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
+    if (!lock)
+        return failed(opt.state_dir + "/lock: " + (errno == ELOOP ? "is a symbolic link" : strerror(errno)));
+    fchmod(lock.get(), 0600);
     bool locked = false;
-    for (int i = 0; i < 100 && lock.get() >= 0 && !(locked = flock(lock.get(), LOCK_EX | LOCK_NB) == 0); ++i)
+    for (int i = 0; i < 100 && !(locked = flock(lock.get(), LOCK_EX | LOCK_NB) == 0); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (!locked) {
-        report(ready_fd, "ERR state directory " + opt.state_dir + " is in use by another kvn-sim");
-        return 1;
-    }
+    if (!locked)
+        return failed("state directory " + opt.state_dir + " is in use by another kvn-sim");
 
     // Declared before the handset, so it outlives every write of the store.
     FsyncQueue flusher;
     Handset h(opt.state_dir);
-    if (!h.init(&err)) {
-        report(ready_fd, "ERR " + err);
-        return 1;
-    }
+    if (!h.init(&err))
+        return failed(err);
     register_all_services(h);
-    fs::path marker = fs::path(opt.state_dir) / "initialized";
-    if (!fs::exists(marker, ec)) {
-        if (opt.scenario.empty() && !apply_scenario(h, nlohmann::json::parse(kDefaultScenario), &err)) {
-            report(ready_fd, "ERR default scenario: " + err);
-            return 1;
-        }
+    // The default scenario goes to a new directory started without one; the
+    // directory is marked initialised only once its scenario is in.
+    struct stat st;
+    bool initialised = fstatat(state.get(), "initialized", &st, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!initialised && opt.scenario.empty() &&
+        !apply_scenario(h, nlohmann::json::parse(kDefaultScenario), &err))
+        return failed("default scenario: " + err);
+    if (!opt.scenario.empty() && !apply_scenario_text(h, scenario, &err))
+        return failed("scenario " + opt.scenario + ": " + err);
+    if (!initialised) {
         const char text[] = "1\n";
-        write_file_atomic(marker, h.store.tmp_dir(), reinterpret_cast<const uint8_t *>(text), 2);
-    }
-    if (!opt.scenario.empty() && !apply_scenario_file(h, opt.scenario, &err)) {
-        report(ready_fd, "ERR scenario " + err);
-        return 1;
+        if (!write_file_atomic_at(state.get(), "initialized", h.store.tmp_fd(), reinterpret_cast<const uint8_t *>(text), 2, &err))
+            return failed(opt.state_dir + "/initialized: " + err);
     }
 
-    if (!remove_stale_socket(opt.socket, &err)) {
-        report(ready_fd, "ERR " + err);
-        return 1;
-    }
+    if (!remove_stale_socket(opt.socket, &err))
+        return failed(err);
     // Clients read properties from the area beside the socket, without a request.
-    if (!h.props.publish(opt.socket + ".props", &err)) {
-        report(ready_fd, "ERR " + err);
-        return 1;
-    }
-    Fd listener(listen_unix(opt.socket, &err));
-    if (listener.get() < 0) {
-        report(ready_fd, "ERR " + err);
-        return 1;
-    }
+    if (!h.props.publish(opt.socket + ".props", &err))
+        return failed(err);
+    allow_peer_group(group);
+    Fd listener(listen_unix(opt.socket, group, &err));
+    if (listener.get() < 0)
+        return failed(err);
     sigset_t mask;
     sigemptyset(&mask);
     sigaddset(&mask, SIGTERM);
@@ -225,13 +353,17 @@ int run_daemon(const DaemonOptions &opt, int ready_fd)
     h.restart_modem = [&router](std::chrono::milliseconds ms) { router.restart_modem(ms); };
     h.note(kLogInfo, "kvn-sim " + std::to_string(getpid()) + " serving on " + opt.socket);
     h.store.set_fsync_queue(&flusher);
+    unclaim.armed = false; // from here on the stop below removes it
     report(ready_fd, "OK");
+    if (opt.on_serving)
+        opt.on_serving();
     router.run();
     flusher.drain(); // everything acknowledged is on the disk before `stop` returns
 
     h.note(kLogInfo, "kvn-sim stopped");
     listener.reset();
     lock.reset();
+    state.reset();
     // The lock file goes first: once the socket is gone a new daemon may start.
     unlink((opt.socket + ".lock").c_str());
     unlink(opt.socket.c_str());

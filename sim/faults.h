@@ -27,8 +27,11 @@ std::string fault_kind_text(const Fault &f);
 
 class Faults {
 public:
+    // The most faults held at once; adding past it is refused by the callers.
+    static constexpr size_t kMaxFaults = 10000;
+
     void add(const Fault &f) { faults_.push_back(f); }
-    void clear() { faults_.clear(); }
+    void clear() { std::vector<Fault>().swap(faults_); } // the memory too, not only the entries
     // The fault that applies to this request, counting it used; nullopt when
     // none. A matching request first counts down the `after` of every fault
     // still waiting; the first fault of the message not waiting applies.

@@ -11,12 +11,6 @@ Handset::Handset(const std::filesystem::path &dir)
 
 bool Handset::init(std::string *err)
 {
-    std::error_code ec;
-    std::filesystem::create_directories(state_dir, ec);
-    if (ec) {
-        *err = state_dir.string() + ": " + ec.message();
-        return false;
-    }
     return store.init(err) && props.load(err);
 }
 

@@ -60,9 +60,11 @@ bool ModemStore::init(std::string *err)
             *err = (root_ / what).string() + ": " + strerror(errno);
         return false;
     };
-    root_fd_.reset(open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // The state directory must be this user's alone: whoever else could
+    // write in it could plant links or files for the daemon to trip over.
+    root_fd_ = open_private_dir(root_, true, err);
     if (!root_fd_)
-        return fail("");
+        return false;
     for (unsigned s = 0; s < kSubs; ++s) {
         for (const std::string &rel : {nv_dir(s), "efs/sub" + std::to_string(s)})
             if (!dir(rel, true))
@@ -85,6 +87,8 @@ bool ModemStore::init(std::string *err)
     }
     return true;
 }
+
+UniqueFd ModemStore::open_beneath(const std::string &rel, bool create) const { return dir(rel, create); }
 
 UniqueFd ModemStore::dir(const std::string &rel, bool create) const
 {
@@ -237,6 +241,44 @@ bool ModemStore::efs_put(unsigned sub, const std::string &path, const Bytes &dat
     if (ok && on_efs_change)
         on_efs_change(sub, path, &data);
     return ok;
+}
+
+bool ModemStore::efs_can_put(unsigned sub, const std::string &path, std::string *err) const
+{
+    std::string why;
+    if (sub >= kSubs || !efs_path_ok(path, &why)) {
+        *err = sub >= kSubs ? "subscription must be 0 or 1" : path + ": " + why;
+        return false;
+    }
+    auto [rel, name] = efs_split(sub, path);
+    // Down the existing part of the directory path; what is missing is made by the write.
+    UniqueFd cur(fcntl(root_fd_.get(), F_DUPFD_CLOEXEC, 0));
+    size_t pos = 0;
+    while (pos < rel.size()) {
+        size_t end = std::min(rel.find('/', pos), rel.size());
+        std::string comp = rel.substr(pos, end - pos);
+        pos = end + 1;
+        if (comp.empty())
+            continue;
+        struct stat st;
+        if (!stat_at(cur.get(), comp, &st))
+            return true;
+        if (!S_ISDIR(st.st_mode)) {
+            *err = path + ": " + (S_ISLNK(st.st_mode) ? "a directory on the way is a link" : "a directory on the way is a file");
+            return false;
+        }
+        cur.reset(openat(cur.get(), comp.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!cur) {
+            *err = path + ": " + strerror(errno);
+            return false;
+        }
+    }
+    struct stat st;
+    if (stat_at(cur.get(), name, &st) && S_ISDIR(st.st_mode)) {
+        *err = path + ": is a directory";
+        return false;
+    }
+    return true;
 }
 
 bool ModemStore::efs_rm(unsigned sub, const std::string &path)

@@ -50,6 +50,13 @@ public:
     std::vector<std::pair<std::string, uint64_t>> efs_ls(unsigned sub, const std::string &path) const;
 
     const std::filesystem::path &tmp_dir() const { return tmp_; }
+    int tmp_fd() const { return tmp_fd_.get(); }
+    // The directory `rel` beneath the state directory, opened without
+    // following links (created, owner-only, with `create`).
+    UniqueFd open_beneath(const std::string &rel, bool create) const;
+    // Whether efs_put(sub, path, ...) would find its place: no file where a
+    // directory of the path goes, no directory or link in the file's place.
+    bool efs_can_put(unsigned sub, const std::string &path, std::string *err) const;
     // Leaves the fsyncs of NV and EFS writes to `q` (the daemon's), or does
     // them in the writer when null (the default).
     void set_fsync_queue(FsyncQueue *q) { later_ = q; }

@@ -193,8 +193,10 @@ void LogBuffer::append_to_file(const std::string &line)
         (void)rename(file_.c_str(), old.c_str());
     }
     if (fd_ < 0) {
-        fd_ = open(file_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+        fd_ = open(file_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
         struct stat st{};
+        if (fd_ >= 0)
+            fchmod(fd_, 0600); // owner-only whatever the umask
         file_size_ = fd_ >= 0 && fstat(fd_, &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
         if (fd_ < 0)
             return;

@@ -1,5 +1,6 @@
 // router.cpp - the epoll loop and packet routing of kvn-sim.
 #include "router.h"
+#include "peer.h"
 
 #include <malloc.h>
 #include <poll.h>
@@ -187,7 +188,8 @@ void Router::accept_clients()
     for (int i = 0; i < 64; ++i) {
         int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd >= 0) {
-            admit(fd);
+            if (admit_peer(fd, h_))
+                admit(fd);
             continue;
         }
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {

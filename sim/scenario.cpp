@@ -4,8 +4,12 @@
 // document has been checked. Adding a key is adding a row.
 #include "scenario.h"
 
+#include <malloc.h>
+
 #include <functional>
 #include <memory>
+#include <set>
+#include <unordered_set>
 
 namespace kvn_sim {
 
@@ -17,6 +21,11 @@ namespace {
 
 struct Plan {
     std::vector<std::function<bool(Handset &, std::string *)>> steps;
+    // Checks against the handset's present state, all run before any step.
+    std::vector<std::function<bool(const Handset &, std::string *)>> checks;
+    // EFS files the document writes, per subscription, as component lists.
+    std::set<std::vector<std::string>> efs_files[ModemStore::kSubs];
+    size_t faults = 0;
 };
 
 struct Error {
@@ -33,6 +42,28 @@ struct KeyRow {
 [[noreturn]] void fail(const std::string &text) { throw Error{text}; }
 
 constexpr size_t kMaxDiagBytes = 16384; // a diag request or canned reply
+
+// Entries one document may hold per collection: each applied entry is a
+// write or a table row, and a document far beyond these is a mistake that
+// would hold every client up while it is applied.
+struct Bound {
+    const char *what;
+    size_t max;
+};
+constexpr Bound kMaxProperties{"properties", 100}; // each persist.* one rewrites a file
+constexpr Bound kMaxNvItems{"NV items", 2000};
+constexpr Bound kMaxEfsFiles{"EFS files", 1000};
+constexpr Bound kMaxExtendReplies{"extend replies", 1000};
+constexpr Bound kMaxFaults{"faults", 1000};
+constexpr Bound kMaxDiagReplies{"diag replies", 1000};
+constexpr Bound kMaxVsStats{"statistics", 1000};
+
+// Counts one more entry of `b` (per document); fails past the bound.
+void count(size_t &n, const Bound &b, const std::string &where)
+{
+    if (++n > b.max)
+        throw Error{"\"" + where + "\": more than " + std::to_string(b.max) + " " + b.what + " in one document (the bound on " + b.what + ")"};
+}
 
 std::string join(const std::string &where, const std::string &key) { return where.empty() ? key : where + "." + key; }
 
@@ -118,7 +149,9 @@ void parse_properties(const json &v, const std::string &where, Plan &plan)
 {
     if (!v.is_object())
         fail("\"" + where + "\" must be a JSON object");
+    size_t n = 0;
     for (auto &[k, val] : v.items()) {
+        count(n, kMaxProperties, where);
         std::string value = string(val, join(where, k)), why;
         if (!Properties::valid(k, value, &why))
             fail("\"" + join(where, k) + "\": " + why);
@@ -130,12 +163,14 @@ void parse_nv(const json &v, const std::string &where, Plan &plan)
 {
     if (!v.is_object())
         fail("\"" + where + "\" must be a JSON object");
+    size_t n = 0;
     for (auto &[sk, items] : v.items()) {
         unsigned sub = sub_key(sk, where);
         std::string w = join(where, sk);
         if (!items.is_object())
             fail("\"" + w + "\" must be a JSON object of NV id: content");
         for (auto &[ik, val] : items.items()) {
+            count(n, kMaxNvItems, where);
             auto id = parse_number(ik, 0xFFFF);
             if (!id)
                 fail("unknown key \"" + join(w, ik) + "\" (NV ids are numbers up to 65535)");
@@ -149,22 +184,51 @@ void parse_nv(const json &v, const std::string &where, Plan &plan)
     }
 }
 
+// An EFS path as its components ("/a//b/" -> a, b).
+std::vector<std::string> components(const std::string &path)
+{
+    std::vector<std::string> out;
+    for (size_t pos = 0; pos < path.size();) {
+        size_t end = std::min(path.find('/', pos), path.size());
+        if (end > pos)
+            out.push_back(path.substr(pos, end - pos));
+        pos = end + 1;
+    }
+    return out;
+}
+
 void parse_efs(const json &v, const std::string &where, Plan &plan)
 {
     if (!v.is_object())
         fail("\"" + where + "\" must be a JSON object");
+    size_t n = 0;
     for (auto &[sk, files] : v.items()) {
         unsigned sub = sub_key(sk, where);
         std::string w = join(where, sk);
         if (!files.is_object())
             fail("\"" + w + "\" must be a JSON object of path: content");
         for (auto &[path, val] : files.items()) {
+            count(n, kMaxEfsFiles, where);
             std::string why;
             if (!ModemStore::efs_path_ok(path, &why))
                 fail("\"" + join(w, path) + "\": " + why);
             Bytes data = content(val, join(w, path), false);
             if (data.size() > ModemStore::kMaxEfsFile)
                 fail("\"" + join(w, path) + "\" is larger than 102410 bytes");
+            // A file of this document where another one's directory goes
+            // (either way round) could only fail half-way through.
+            auto comps = components(path);
+            auto &mine = plan.efs_files[sub];
+            for (size_t k = 1; k < comps.size(); ++k)
+                if (mine.count({comps.begin(), comps.begin() + static_cast<long>(k)}))
+                    fail("\"" + join(w, path) + "\": a directory on the way is a file of this document");
+            if (auto it = mine.lower_bound(comps); it != mine.end() && it->size() > comps.size() &&
+                                                   std::equal(comps.begin(), comps.end(), it->begin()))
+                fail("\"" + join(w, path) + "\": is a directory of this document");
+            mine.insert(comps);
+            plan.checks.push_back([sub, file = std::string(path)](const Handset &h, std::string *err) {
+                return h.store.efs_can_put(sub, file, err);
+            });
             plan.steps.push_back([sub, file = std::string(path), data](Handset &h, std::string *err) {
                 return h.store.efs_put(sub, file, data, err);
             });
@@ -174,10 +238,14 @@ void parse_efs(const json &v, const std::string &where, Plan &plan)
 
 void parse_read_chunk(const json &v, const std::string &where, Plan &plan)
 {
-    uint64_t n = number(v, where, NvEfsCommand::kMaxChunk);
-    if (n == 0)
-        fail("\"" + where + "\" must be 1 to 424");
-    plan.steps.push_back([n](Handset &h, std::string *) {
+    std::optional<uint64_t> n;
+    if (v.is_number_unsigned())
+        n = v.get<uint64_t>();
+    else if (v.is_string())
+        n = parse_number(v.get<std::string>());
+    if (!n || *n == 0 || *n > NvEfsCommand::kMaxChunk)
+        fail("\"" + where + "\" must be a number from 1 to " + std::to_string(NvEfsCommand::kMaxChunk));
+    plan.steps.push_back([n = *n](Handset &h, std::string *) {
         h.nvefs.set_read_chunk(static_cast<size_t>(n));
         return true;
     });
@@ -187,7 +255,9 @@ void parse_extend_replies(const json &v, const std::string &where, Plan &plan)
 {
     if (!v.is_object())
         fail("\"" + where + "\" must be a JSON object of command id: reply");
+    size_t n = 0;
     for (auto &[ck, rv] : v.items()) {
+        count(n, kMaxExtendReplies, where);
         auto cmd = parse_number(ck, UINT32_MAX);
         if (!cmd)
             fail("unknown key \"" + join(where, ck) + "\" (command ids are numbers)");
@@ -214,6 +284,10 @@ void parse_faults(const json &v, const std::string &where, Plan &plan)
 {
     if (!v.is_array())
         fail("\"" + where + "\" must be an array of faults");
+    if (v.size() > kMaxFaults.max)
+        fail("\"" + where + "\": more than " + std::to_string(kMaxFaults.max) +
+             " faults in one document (the bound on faults)");
+    plan.faults += v.size();
     for (size_t i = 0; i < v.size(); ++i) {
         std::string w = where + "[" + std::to_string(i) + "]";
         auto f = std::make_shared<Fault>();
@@ -311,7 +385,9 @@ void parse_diag_replies(const json &v, const std::string &where, Plan &plan)
 {
     if (!v.is_object())
         fail("\"" + where + "\" must be a JSON object of request hex: reply");
+    size_t n = 0;
     for (auto &[rk, rv] : v.items()) {
+        count(n, kMaxDiagReplies, where);
         auto rq = from_hex(rk);
         if (!rq || rq->empty() || rq->size() > kMaxDiagBytes)
             fail("unknown key \"" + join(where, rk) + "\" (requests are 1 to 16384 bytes in hex)");
@@ -380,12 +456,14 @@ void parse_vs_stats(const json &v, const std::string &where, Plan &plan)
 {
     if (!v.is_object())
         fail("\"" + where + "\" must be a JSON object");
+    size_t n = 0;
     for (auto &[sk, stats] : v.items()) {
         unsigned sub = sub_key(sk, where);
         std::string w = join(where, sk);
         if (!stats.is_object())
             fail("\"" + w + "\" must be a JSON object of statistic id: value");
         for (auto &[ik, val] : stats.items()) {
+            count(n, kMaxVsStats, where);
             bool decimal = !ik.empty() && ik.size() <= 10 && ik.find_first_not_of("0123456789") == std::string::npos;
             auto id = decimal ? parse_number(ik, UINT32_MAX) : std::nullopt;
             if (!id)
@@ -469,32 +547,146 @@ std::optional<Bytes> encode_imei(const std::string &digits)
     return out;
 }
 
-bool apply_scenario(Handset &h, const json &doc, std::string *err)
+namespace {
+
+// The plan of a document, or nullopt with err set.
+std::optional<Plan> plan_of(const json &doc, std::string *err)
 {
     Plan plan;
     try {
         parse_object(doc, "", kTopLevel, plan);
     } catch (const Error &e) {
         *err = e.text;
+        return std::nullopt;
+    }
+    return plan;
+}
+
+// Line and column (from 1) of the byte at `offset` (counted from 1) of text.
+std::string position(std::string_view text, size_t offset)
+{
+    size_t line = 1, col = 1;
+    for (size_t i = 0; i + 1 < offset && i < text.size(); ++i) {
+        if (text[i] == '\n') {
+            ++line;
+            col = 1;
+        } else {
+            ++col;
+        }
+    }
+    return "line " + std::to_string(line) + ", column " + std::to_string(col);
+}
+
+} // namespace
+
+std::optional<json> parse_scenario_text(std::string_view text, std::string *err)
+{
+    if (text.size() > kMaxScenarioBytes) {
+        *err = "the document is " + std::to_string(text.size()) + " bytes, over the bound of " +
+               std::to_string(kMaxScenarioBytes) + " bytes";
+        return std::nullopt;
+    }
+    // The keys met so far in each object being read, and the path to it, so
+    // that a repeated key is named where it is.
+    std::vector<std::unordered_set<std::string>> seen;
+    std::vector<std::string> path;
+    std::string duplicate;
+    json::parser_callback_t cb = [&](int, json::parse_event_t ev, json &parsed) {
+        switch (ev) {
+        case json::parse_event_t::object_start:
+            seen.emplace_back();
+            path.emplace_back();
+            break;
+        case json::parse_event_t::object_end:
+            seen.pop_back();
+            path.pop_back();
+            break;
+        case json::parse_event_t::key:
+            if (!seen.back().insert(parsed.get<std::string>()).second && duplicate.empty()) {
+                for (size_t i = 0; i + 1 < path.size(); ++i)
+                    duplicate += path[i] + ".";
+                duplicate += parsed.get<std::string>();
+            }
+            path.back() = parsed.get<std::string>();
+            break;
+        default:
+            break;
+        }
+        return true;
+    };
+    try {
+        json doc = json::parse(text.begin(), text.end(), cb);
+        if (!duplicate.empty()) {
+            *err = "duplicate key \"" + duplicate + "\"";
+            return std::nullopt;
+        }
+        return doc;
+    } catch (const json::parse_error &e) {
+        std::string what = e.what();
+        if (size_t colon = what.find(": "); colon != std::string::npos)
+            what = what.substr(colon + 2); // the parser's own reason, without its prefix
+        *err = position(text, e.byte) + ": not valid JSON (" + what + ")";
+    } catch (const json::exception &e) {
+        *err = std::string("not valid JSON (") + e.what() + ")";
+    }
+    return std::nullopt;
+}
+
+bool check_scenario(const json &doc, std::string *err) { return plan_of(doc, err).has_value(); }
+
+bool apply_scenario(Handset &h, const json &doc, std::string *err)
+{
+    auto plan = plan_of(doc, err);
+    if (!plan)
+        return false;
+    for (auto &check : plan->checks)
+        if (!check(h, err))
+            return false;
+    if (plan->faults && h.faults.all().size() + plan->faults > Faults::kMaxFaults) {
+        *err = "\"faults\": the handset would hold more than " + std::to_string(Faults::kMaxFaults) +
+               " faults (the bound on faults); clear some first";
         return false;
     }
-    for (auto &step : plan.steps)
+    for (auto &step : plan->steps)
         if (!step(h, err))
             return false;
     return true;
 }
 
+bool apply_scenario_text(Handset &h, std::string_view text, std::string *err)
+{
+    bool ok = false;
+    {
+        auto doc = parse_scenario_text(text, err);
+        ok = doc && apply_scenario(h, *doc, err);
+    }
+    // A parsed document takes several times its text in small blocks; once
+    // it is gone, hand the freed pages back rather than keep them for good.
+    if (text.size() > (256u << 10))
+        malloc_trim(0);
+    return ok;
+}
+
+std::optional<std::string> read_scenario_file(const std::string &path, std::string *err)
+{
+    auto data = read_file(path, kMaxScenarioBytes, err);
+    if (!data)
+        return std::nullopt;
+    std::string text(data->begin(), data->end());
+    auto doc = parse_scenario_text(text, err);
+    if (!doc || !check_scenario(*doc, err)) {
+        *err = path + ": " + *err;
+        return std::nullopt;
+    }
+    return text;
+}
+
 bool apply_scenario_file(Handset &h, const std::string &path, std::string *err)
 {
-    auto data = read_file(path, 64u << 20, err);
+    auto data = read_file(path, kMaxScenarioBytes, err);
     if (!data)
         return false;
-    auto doc = json::parse(data->begin(), data->end(), nullptr, false);
-    if (doc.is_discarded()) {
-        *err = path + ": not valid JSON";
-        return false;
-    }
-    if (!apply_scenario(h, doc, err)) {
+    if (!apply_scenario_text(h, std::string_view(reinterpret_cast<const char *>(data->data()), data->size()), err)) {
         *err = path + ": " + *err;
         return false;
     }

@@ -5,7 +5,9 @@
 // error that names it. Keys are rows of tables in scenario.cpp.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -14,12 +16,36 @@
 
 namespace kvn_sim {
 
-// Checks `doc` and, when it is good, merges it into the handset. False with
+// The largest scenario document kvn-sim reads (4 MiB). Collections inside
+// one (faults, NV items, EFS files, ...) have bounds of their own, named in
+// the error that refuses a document over them.
+inline constexpr size_t kMaxScenarioBytes = 4u << 20;
+
+// Parses scenario text strictly: over kMaxScenarioBytes, a syntax error
+// (reported with its line and column) or a key repeated in one object (named)
+// is refused. nullopt with err set otherwise.
+std::optional<nlohmann::json> parse_scenario_text(std::string_view text, std::string *err);
+
+// Checks `doc` on its own (keys, values, bounds), without a handset.
+bool check_scenario(const nlohmann::json &doc, std::string *err);
+
+// Checks `doc`, then checks it against the handset (an EFS file where a
+// directory stands, too many faults in all, ...), and only when both pass
+// merges it into the handset: a refused document changes nothing. False with
 // err set (naming the offending key or value) otherwise.
 bool apply_scenario(Handset &h, const nlohmann::json &doc, std::string *err);
 
-// Reads a scenario file and applies it; err names the file on failure.
+// parse_scenario_text, then apply_scenario; memory a large document took is
+// given back to the system afterwards.
+bool apply_scenario_text(Handset &h, std::string_view text, std::string *err);
+
+// Reads a scenario file (at most kMaxScenarioBytes) and applies it; err names
+// the file on failure.
 bool apply_scenario_file(Handset &h, const std::string &path, std::string *err);
+
+// Reads a scenario file and checks it on its own (check_scenario); the text,
+// or nullopt with err naming the file.
+std::optional<std::string> read_scenario_file(const std::string &path, std::string *err);
 
 // The state a handset starts with when its state directory is new and no
 // scenario is given.

@@ -205,13 +205,60 @@ UniqueFd open_dir_beneath(int base, std::string_view rel, bool create)
         const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
         int fd = openat(cur.get(), name.c_str(), flags);
         if (fd < 0 && errno == ENOENT && create) {
-            if (mkdirat(cur.get(), name.c_str(), 0755) != 0 && errno != EEXIST)
+            bool made = mkdirat(cur.get(), name.c_str(), 0700) == 0;
+            if (!made && errno != EEXIST)
                 return UniqueFd();
             fd = openat(cur.get(), name.c_str(), flags);
+            if (made && fd >= 0)
+                fchmod(fd, 0700); // the umask may have taken owner bits away
         }
         cur.reset(fd);
     }
     return cur;
+}
+
+UniqueFd open_private_dir(const fs::path &path, bool create, std::string *err)
+{
+    auto fail = [&](const std::string &why) {
+        *err = path.string() + ": " + why;
+        return UniqueFd();
+    };
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd && errno == ENOENT && create) {
+        std::error_code ec;
+        if (path.has_parent_path())
+            fs::create_directories(path.parent_path(), ec);
+        if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+            return fail(strerror(errno));
+        fd.reset(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+    if (!fd)
+        return fail(errno == ENOTDIR ? "not a directory" : strerror(errno));
+    struct stat st;
+    if (fstat(fd.get(), &st) != 0)
+        return fail(strerror(errno));
+    if (st.st_uid != geteuid())
+        return fail("owned by uid " + std::to_string(st.st_uid) + ", not by this user (uid " +
+                    std::to_string(geteuid()) + "); refused");
+    if (st.st_mode & (S_IWGRP | S_IWOTH))
+        return fail("writable by group or others; refused (make it owner-only, chmod 700)");
+    if ((st.st_mode & 07777) != 0700 && fchmod(fd.get(), 0700) != 0)
+        return fail(std::string("cannot make it owner-only: ") + strerror(errno));
+    return fd;
+}
+
+int open_append_at(int dir, const std::string &name)
+{
+    int fd = openat(dir, name.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
+    struct stat st;
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    if (fd >= 0 && (st.st_mode & 07777) != 0600)
+        fchmod(fd, 0600);
+    return fd;
 }
 
 /* ---- crash-safe replacement ---- */
@@ -238,9 +285,10 @@ bool write_file_atomic_at(int dir, const std::string &name, int tmp_dir, const u
         return false;
     };
     std::string tmp = temp_name();
-    UniqueFd fd(openat(tmp_dir, tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    UniqueFd fd(openat(tmp_dir, tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd)
         return fail("temp file " + tmp);
+    fchmod(fd.get(), 0600); // owner-only whatever the umask
     auto discard = [&](const std::string &what) {
         int saved = errno;
         unlinkat(tmp_dir, tmp.c_str(), 0);

@@ -63,6 +63,17 @@ std::optional<Bytes> read_file_at(int dir, const std::string &name, size_t max_s
 // UniqueFd with errno set on failure.
 UniqueFd open_dir_beneath(int base, std::string_view rel, bool create);
 
+// Opens the directory at `path` (creating it, mode 0700, when missing and
+// `create` is set; its parents are made as needed) and checks that it is
+// this process's own: a directory owned by the effective uid and not
+// writable by group or others. Anything more than owner-only is then taken
+// away (0700). An invalid UniqueFd with err set to the reason otherwise.
+UniqueFd open_private_dir(const std::filesystem::path &path, bool create, std::string *err);
+
+// Opens `name` in the directory `dir` for appending, never through a link,
+// creating it with mode 0600 whatever the umask. -1 with errno set on failure.
+int open_append_at(int dir, const std::string &name);
+
 // Prefix of kvn-sim's temp file names; only such files are cleared at start.
 inline constexpr std::string_view kTempPrefix = "kvn-sim-w-";
 

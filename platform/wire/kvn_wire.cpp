@@ -114,22 +114,49 @@ std::string default_socket_path()
     const char *rt = getenv("XDG_RUNTIME_DIR");
     if (rt && *rt)
         return std::string(rt) + "/kvn-sim.sock";
-    return "/tmp/kvn-sim-" + std::to_string(getuid()) + ".sock";
+    return private_socket_dir() + "/kvn-sim.sock";
 }
 
-int connect_unix(const std::string &path)
+std::string private_socket_dir()
 {
+    uid_t uid = geteuid();
+    return uid == 0 ? "/run/kvn-sim" : "/tmp/kvn-sim-" + std::to_string(uid);
+}
+
+int connect_unix(const std::string &path) { return connect_unix(path, nullptr); }
+
+int connect_unix(const std::string &path, std::string *why)
+{
+    auto fail = [&](const std::string &reason, int fd) {
+        int saved = errno;
+        if (fd >= 0)
+            close(fd);
+        if (why)
+            *why = reason;
+        errno = saved;
+        return -1;
+    };
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof(addr.sun_path))
-        return -1;
+        return fail(path.empty() ? "no socket path" : "socket path too long: " + path, -1);
     std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
-        return -1;
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
+        return fail(std::string("no socket: ") + strerror(errno), -1);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0)
+        return fail(errno == ENOENT || errno == ECONNREFUSED ? "nothing listens at " + path
+                                                             : path + ": " + strerror(errno),
+                    fd);
+    // Only root or this user may stand for the handset: a socket someone
+    // else made could answer in its place.
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0)
+        return fail(path + ": cannot read the listener's credentials: " + strerror(errno), fd);
+    if (cred.uid != 0 && cred.uid != geteuid()) {
+        errno = EPERM;
+        return fail(path + " belongs to uid " + std::to_string(cred.uid) + ", not root or you", fd);
     }
     return fd;
 }

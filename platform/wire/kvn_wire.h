@@ -87,12 +87,22 @@ std::vector<uint8_t> encode_qmi(const QmiHeader &h, const uint8_t *tlvs, size_t 
 std::optional<QmiHeader> decode_qmi(const uint8_t *payload, size_t len);
 
 // Where the simulated handset listens: $KVN_SIM_SOCKET, else
-// $XDG_RUNTIME_DIR/kvn-sim.sock, else /tmp/kvn-sim-<uid>.sock.
+// $XDG_RUNTIME_DIR/kvn-sim.sock, else kvn-sim.sock in private_socket_dir().
 std::string default_socket_path();
 
-// Connects a stream socket to path; -1 when nothing listens there. The
-// descriptor is close-on-exec.
+// The private directory of the default socket when there is no
+// $XDG_RUNTIME_DIR: /run/kvn-sim for root, /tmp/kvn-sim-<uid> for others.
+// The daemon creates it owner-only and refuses one that is not.
+std::string private_socket_dir();
+
+// Connects a stream socket to path; -1 when nothing listens there or the
+// listener is neither root nor this process's user (SO_PEERCRED), which
+// could be someone else impersonating the handset. The descriptor is
+// close-on-exec.
 int connect_unix(const std::string &path);
+// The same; on -1, *why (when not null) is a one-line reason ("nothing
+// listens at P", "P belongs to uid N, not root or you", ...).
+int connect_unix(const std::string &path, std::string *why);
 
 // Writes all of buf (retrying short writes and EINTR, no SIGPIPE). False on
 // error.

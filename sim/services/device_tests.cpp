@@ -3,7 +3,12 @@
 // which keep their state in EFS files of subscription 0, and the common
 // messages SSR (31), full dump (99) and NV sync (35). Also logs every change
 // of the modem print-switch files, as the modem notes a new print setting.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 
@@ -89,21 +94,23 @@ CommonAnswer full_dump(Handset &h, const uint8_t *v, size_t n)
 {
     auto level = h.props.get(kSsrLevel);
     if (level && *level == kSsrClosed) {
-        namespace fs = std::filesystem;
-        std::error_code ec;
-        fs::path dir = h.state_dir / "dumps";
-        fs::create_directories(dir, ec);
+        // Beneath the state directory without following links, owner-only.
+        UniqueFd dir = h.store.open_beneath("dumps", true);
+        auto taken = [&](const std::string &n) {
+            struct stat st;
+            return dir && fstatat(dir.get(), n.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+        };
         uint64_t number = h.counters.full_dumps + 1;
         std::string name = "fulldump-" + std::to_string(std::time(nullptr)) + "-" + std::to_string(number) + ".bin";
-        for (int i = 2; fs::exists(dir / name, ec); ++i)
+        for (int i = 2; taken(name); ++i)
             name = "fulldump-" + std::to_string(std::time(nullptr)) + "-" + std::to_string(number) + "-" +
                    std::to_string(i) + ".bin";
         std::string text = "kvn-sim full dump " + std::to_string(number) + ", request " + to_hex(v, n) + "\n";
         for (const auto &[path, size] : h.store.efs_ls(0, "/"))
             text += "efs 0 " + path + " " + std::to_string(size) + "\n";
-        std::string err;
-        if (write_file_atomic(dir / name, h.store.tmp_dir(), reinterpret_cast<const uint8_t *>(text.data()),
-                              text.size(), &err)) {
+        std::string err = dir ? "" : std::string("dumps: ") + strerror(errno);
+        if (dir && write_file_atomic_at(dir.get(), name, h.store.tmp_fd(),
+                                        reinterpret_cast<const uint8_t *>(text.data()), text.size(), &err)) {
             ++h.counters.full_dumps;
             h.note(kLogInfo, "full dump written: dumps/" + name);
         } else {

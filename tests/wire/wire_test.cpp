@@ -113,7 +113,8 @@ TEST(WireSocket, DefaultSocketPathFollowsTheEnvironment)
     setenv("KVN_SIM_SOCKET", "", 1);
     EXPECT_EQ(default_socket_path(), "/run/user/5/kvn-sim.sock");
     unsetenv("XDG_RUNTIME_DIR");
-    EXPECT_EQ(default_socket_path(), "/tmp/kvn-sim-" + std::to_string(getuid()) + ".sock");
+    EXPECT_EQ(default_socket_path(), geteuid() == 0 ? std::string("/run/kvn-sim/kvn-sim.sock")
+                                                    : "/tmp/kvn-sim-" + std::to_string(geteuid()) + "/kvn-sim.sock");
     EXPECT_EQ(connect_unix("/nonexistent/dir/sock"), -1);
     EXPECT_EQ(connect_unix(std::string(200, 'a')), -1); // longer than sun_path
     setenv("KVN_SIM_SOCKET", keep_sock.c_str(), 1);
