@@ -426,7 +426,7 @@ int cmd_status(const Client &c, const Args &o)
               << ", state " << (*r)["state"].get<std::string>() << "\n"
               << "clients " << (*r)["clients"] << ", journal " << (*r)["journal"] << " requests, faults "
               << (*r)["faults"] << "\n"
-              << "pty " << r->value("pty", std::string()) << "\n";
+              << "pty " << r->value("pty", std::string()) << "\n" << "qmux_cids " << r->value("qmux_cids", 0) << "\n";
     for (const auto &s : (*r)["services"]) {
         char id[16];
         std::snprintf(id, sizeof id, "0x%x", s["id"].get<unsigned>());

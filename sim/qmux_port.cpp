@@ -277,7 +277,7 @@ void QmuxPort::modem_restarted()
     std::vector<uint8_t> sync{kCtlIndication, 0};
     put_u16(sync, kCtlSync);
     put_u16(sync, 0);
-    send(kServiceCtl, kBroadcastCid, sync);
+    send(kServiceCtl, 0, sync); // CTL frames carry client id 0
 }
 
 /* ---- routing ---- */

@@ -43,7 +43,7 @@ std::optional<Frame> Reader::next()
         pos_ += 1 + len;
         const uint8_t *sdu = f + kQmuxHeader;
         const size_t sdu_len = len - (kQmuxHeader - 1);
-        if (kvn_wire::get_u16(sdu + head - 2) != sdu_len - head || (ctl && f[5] != 0)) {
+        if (kvn_wire::get_u16(sdu + head - 2) != sdu_len - head || (ctl && f[5] != 0 && f[5] != kBroadcast)) {
             ++dropped_frames_;
             continue;
         }

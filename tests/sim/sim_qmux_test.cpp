@@ -122,7 +122,7 @@ TEST(QmuxPort, IndicationsAndAModemRestartAsTheTerminalSeesThem)
     sim.ctl({"indicate", "sar", "50", "010100ab"}); // no client of SAR here: nothing comes
 
     sim.ctl({"ssr", "5000"});
-    EXPECT_EQ(c.read_frame(), frame("01 0b00 80 00 ff | 02 00 2700 0000"));
+    EXPECT_EQ(c.read_frame(), frame("01 0b00 80 00 00 | 02 00 2700 0000"));
     EXPECT_NE(sim.ctl({"status"}).out.find("\nqmux_cids 0\n"), std::string::npos);
     // Until the services are back, version info lists CTL alone.
     c.write_hex("01 0b00 00 00 00 | 00 02 2100 0000");
