@@ -31,9 +31,9 @@ int left_ms(const std::optional<Clock::time_point> &deadline)
 
 std::unique_ptr<Connection> Connection::open() { return open(kvn_wire::default_socket_path()); }
 
-std::unique_ptr<Connection> Connection::open(const std::string &path)
+std::unique_ptr<Connection> Connection::open(const std::string &path, std::string *why)
 {
-    int fd = kvn_wire::connect_unix(path);
+    int fd = kvn_wire::connect_unix(path, why);
     if (fd < 0)
         return nullptr;
     return std::unique_ptr<Connection>(new Connection(fd));

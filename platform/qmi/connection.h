@@ -20,9 +20,10 @@ namespace kvn_qmi {
 class Connection final : public Channel {
 public:
     // Connects to the handset's socket at path (default: located afresh by
-    // the usual rules); null when nothing listens there.
+    // the usual rules); null when nothing listens there or the listener is
+    // not to be trusted, with *why (when given) saying which.
     static std::unique_ptr<Connection> open();
-    static std::unique_ptr<Connection> open(const std::string &path);
+    static std::unique_ptr<Connection> open(const std::string &path, std::string *why = nullptr);
 
     ~Connection() override;
     Connection(const Connection &) = delete;

@@ -26,22 +26,18 @@ constexpr int kPacketRestMs = 2000;   // rest of a packet once its first byte ar
 
 // Says once per process, on standard error, that no kvn-sim answered at the
 // socket: without it a missing daemon looks like a modem without services.
-void say_nobody_answers(const std::string &path, int err)
+void say_nobody_answers(const std::string &why)
 {
     static std::once_flag once;
-    std::call_once(once, [&] {
-        const std::string why = err == ENOENT || err == ECONNREFUSED ? "nothing listens at " + path
-                                                                      : path + ": " + std::strerror(err);
-        std::fprintf(stderr, "no kvn-sim answers: %s\n", why.c_str());
-    });
+    std::call_once(once, [&] { std::fprintf(stderr, "no kvn-sim answers: %s\n", why.c_str()); });
 }
 
 std::unique_ptr<Connection> open_connection(const std::string &path)
 {
-    errno = 0;
-    auto c = Connection::open(path);
+    std::string why;
+    auto c = Connection::open(path, &why);
     if (!c)
-        say_nobody_answers(path, errno ? errno : ENOENT);
+        say_nobody_answers(why.empty() ? "nothing listens at " + path : why);
     return c;
 }
 
