@@ -12,6 +12,10 @@ namespace kvn_sim {
 
 enum class FaultKind { NoReply, Delay, QmiError, Drop, Truncate };
 
+// Cuts a response's TLV area inside its last TLV, so the message frame stays
+// consistent but a TLV claims more bytes than follow (the Truncate fault).
+std::vector<uint8_t> truncate_inside_tlv(const std::vector<uint8_t> &area);
+
 struct Fault {
     uint32_t service = 0;
     uint16_t msg_id = 0;

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "faults.h"
 #include "kvn_wire.h"
 #include "tlv.h"
 
@@ -322,8 +323,26 @@ void QmuxPort::on_service(uint8_t service, uint8_t cid, std::span<const uint8_t>
                                    : (void)r_.indicate(ind.service, ind.msg_id, ind.tlvs);
         return;
     }
-    send_qmi(service, cid, kServiceResponse, txn, msg,
-             e->service->handle(QmiRequest{qmux_conn_id(service, cid), msg, txn, tlvs}));
+    // Faults act on the terminal's requests as on the socket's; a terminal
+    // cannot be dropped, so Drop leaves the request unanswered like NoReply.
+    auto fault = h_.faults.take(service, msg);
+    if (fault && (fault->kind == FaultKind::NoReply || fault->kind == FaultKind::Drop))
+        return;
+    std::vector<uint8_t> area = fault && fault->kind == FaultKind::QmiError
+                                    ? e->service->error_reply(msg, static_cast<uint16_t>(fault->value))
+                                    : e->service->handle(QmiRequest{qmux_conn_id(service, cid), msg, txn, tlvs});
+    if (fault && fault->kind == FaultKind::Truncate)
+        area = truncate_inside_tlv(area);
+    if (fault && fault->kind == FaultKind::Delay) {
+        // Answered later only if the client id is still held then.
+        r_.timers().add(std::chrono::milliseconds(fault->value), [this, service, cid, txn, msg, area] {
+            auto held = cids_.find(service);
+            if (held != cids_.end() && held->second.test(cid))
+                send_qmi(service, cid, kServiceResponse, txn, msg, area);
+        });
+    } else {
+        send_qmi(service, cid, kServiceResponse, txn, msg, area);
+    }
     h_.run_after_reply();
 }
 

@@ -522,9 +522,7 @@ void Router::on_packet(Conn &c, const Header &hd, const uint8_t *p, size_t len)
     }
 }
 
-// Cuts a response's TLV area inside its last TLV, so the message frame stays
-// consistent but a TLV claims more bytes than follow.
-static std::vector<uint8_t> truncate_inside_tlv(const std::vector<uint8_t> &area)
+std::vector<uint8_t> truncate_inside_tlv(const std::vector<uint8_t> &area)
 {
     size_t pos = 0, last = 0, last_len = 0;
     while (area.size() - pos >= 3) {
