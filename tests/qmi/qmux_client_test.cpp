@@ -24,7 +24,6 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 constexpr uint8_t kUim = QMI_UIM_SERVICE_ID_V01;
 
-// A frame from the modem; service 0 (CTL) has a one-byte transaction id.
 // A frame from the modem (TLVs after a success result); service 0 (CTL) has
 // a one-byte transaction id.
 Bytes frame(uint8_t svc, uint8_t cid, uint8_t flags, uint16_t txn, uint16_t msg, const Bytes &tlvs, bool ok = 1)
