@@ -1,6 +1,6 @@
 // qmux_kvn_test.cpp - kvn over kvn-sim's QMUX terminal, directly and through
 // libqmi's qmi-proxy: the same output as over the socket, the terminal shared
-// with qmicli, no client id left behind, no device: one line naming it.
+// with qmicli, no client id left behind, the failure paths.
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -123,6 +123,24 @@ TEST(QmuxClientIds, ManyRunsLeaveNoneBehind)
     if (interop::have_qmicli()) {
         auto r = interop::qmicli(pty, {"--sar-noop", "--client-no-release-cid"});
         EXPECT_NE(r.out.find("CID: '1'"), std::string::npos) << r.out << r.err;
+    }
+}
+
+// The device going away (kvn-sim stopped) and a modem restart while a request
+// waits end the run on its failure path at once; no socket and no device:
+// one line on stderr naming it, and the output of a modem without services.
+TEST(QmuxLoss, FailurePaths)
+{
+    for (bool restart : {false, true}) {
+        SimHandset sim;
+        const std::string pty = interop::pty_of(sim);
+        sim.ctl({"fault", "sar", "2", "no-reply"});
+        auto run = std::async(std::launch::async, [&] { return sim.kvn({"5", "5"}, over(pty, false)); });
+        if (run.wait_for(std::chrono::milliseconds(500)) == std::future_status::ready)
+            GTEST_SKIP() << "kvn-sim's terminal does not hold a request back on a fault yet";
+        restart ? sim.ctl({"ssr", "100"}) : (sim.stop(), kvn_test::ProcessResult{});
+        EXPECT_EQ(std::future_status::ready, run.wait_for(std::chrono::seconds(2)));
+        EXPECT_NE(run.get().out.find("SAR DSI: -1\n"), std::string::npos);
     }
 }
 
