@@ -63,16 +63,7 @@ inline size_t count_lines(const std::vector<std::string> &lines, const std::stri
     return n;
 }
 
-// Waits (at most 30 s) until pred holds; the result says whether it did.
-inline bool wait_for(const std::function<bool()> &pred)
-{
-    for (int i = 0; i < 600; ++i) {
-        if (pred())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return pred();
-}
+using kvn_test::wait_until;
 
 inline void load(const kvn_test::SimHandset &sim, const std::string &json)
 {

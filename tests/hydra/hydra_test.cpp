@@ -17,7 +17,6 @@
 #include "network_access_service_v01.h"
 #include "modem_api.h"
 #include "pelmox_test_modem_stats.h"
-#include "specific_absorption_rate_v01.h"
 #include "vs_client.h"
 #include "vs_service_v01.h"
 
@@ -378,7 +377,7 @@ TEST_F(HydraSimTest, RefusalsLeaveTheOpenClientWorking)
     EXPECT_EQ(modem_api_free_client(-1), 7u);
     EXPECT_EQ(modem_api_free_client(5), 0u);
     EXPECT_EQ(modem_api_free_client(10), 0u);
-    EXPECT_TRUE(wait_for([] { return count_lines(fresh_log(), "modem_api_free_client: client already freed") == 2; }));
+    EXPECT_TRUE(wait_until([] { return count_lines(fresh_log(), "modem_api_free_client: client already freed") == 2; }));
 
     ASSERT_EQ(modem_api_get_stats_parameter(0, 1, 9, 2, (const uint32_t[]){82, 94}, &result), 0u);
     ASSERT_EQ(result.id_num, 2u);
@@ -457,7 +456,7 @@ TEST_F(HydraSimTest, IndicationsBecomeEvents)
     indicate("0x0601", "01010007");
     // TLV 0x01 = 9; TLV 0x02 one record {sub 1, id 82, 2 bytes}; no TLV 0x11.
     indicate("0x0203", "01040009000000" "020d00" "01" "0100" "0000" "52000000" "0200" "aabb");
-    ASSERT_TRUE(wait_for([] { return events_seen() >= 3; })) << sim().ctl({"logcat"}).out;
+    ASSERT_TRUE(wait_until([] { return events_seen() >= 3; })) << sim().ctl({"logcat"}).out;
     std::lock_guard<std::mutex> l(g_seen.mu);
     ASSERT_EQ(g_seen.events.size(), 3u);
     EXPECT_EQ(g_seen.events[0].first, 2u);
@@ -510,14 +509,14 @@ TEST_F(HydraSimTest, SarAndNasSurviveAModemRestart)
         EXPECT_EQ(modem_api_client_status(int32_t(id)), 3);
 
     ASSERT_EQ(sim().ctl({"ssr", "300"}).exit_code, 0);
-    ASSERT_TRUE(wait_for([&] {
+    ASSERT_TRUE(wait_until([&] {
         std::lock_guard<std::mutex> l(g_seen.mu);
         return g_seen.statuses.size() >= 9;
     }));
     for (uint32_t id : ids)
-        EXPECT_TRUE(wait_for([id] { return modem_api_client_status(int32_t(id)) == 3; }));
+        EXPECT_TRUE(wait_until([id] { return modem_api_client_status(int32_t(id)) == 3; }));
     for (int type = 1; type <= 3; ++type) {
-        EXPECT_TRUE(wait_for([type] { return statuses_logged(type).size() >= 6; }));
+        EXPECT_TRUE(wait_until([type] { return statuses_logged(type).size() >= 6; }));
         EXPECT_EQ(statuses_logged(type), (std::vector<int>{1, 3, 4, 5, 6, 3})) << "type " << type;
     }
     {
@@ -554,9 +553,9 @@ TEST_F(HydraSimTest, TwoDownEventsArmOneNotifier)
     uint32_t id = open(MODEM_API_CLIENT_SAR);
     const std::string armed = "sar_client_release_qmi_client_thread: qmi_client_register_notify_cb 0";
     ASSERT_EQ(sim().ctl({"service", "sar", "down"}).exit_code, 0);
-    ASSERT_TRUE(wait_for([&] { return count_lines(fresh_log(), armed) == 1; }));
+    ASSERT_TRUE(wait_until([&] { return count_lines(fresh_log(), armed) == 1; }));
     sar_client_service_down_event(nullptr, QMI_SERVICE_ERR, nullptr);
-    ASSERT_TRUE(wait_for([&] { return count_lines(fresh_log(), armed) == 2; }));
+    ASSERT_TRUE(wait_until([&] { return count_lines(fresh_log(), armed) == 2; }));
     auto log = fresh_log();
     EXPECT_EQ(count_lines(log, "sar_client_release_qmi_client_thread: qmi_client_notifier_init return 0"), 1u);
     EXPECT_EQ(modem_api_client_status(int32_t(id)), 5);
@@ -572,7 +571,7 @@ TEST_F(HydraSimTest, TwoDownEventsArmOneNotifier)
     EXPECT_EQ(count_lines(fresh_log(), "sar_client_enter_resume: function entry"), 0u);
 
     ASSERT_EQ(sim().ctl({"service", "sar", "up"}).exit_code, 0);
-    EXPECT_TRUE(wait_for([id] { return modem_api_client_status(int32_t(id)) == 3; }));
+    EXPECT_TRUE(wait_until([id] { return modem_api_client_status(int32_t(id)) == 3; }));
     EXPECT_EQ(count_lines(fresh_log(), "sar_client_enter_resume: function entry"), 1u);
 }
 
@@ -599,7 +598,7 @@ TEST_F(HydraSimTest, IndicationsWithoutAnEventAreDropped)
         ASSERT_EQ(modem_api_init_client(c.type, c.with_cb ? record_event : nullptr, nullptr, &id), 0u) << c.line;
         auto r = sim().ctl({"indicate", c.service, c.msg, "010400785634120201000503010000"});
         EXPECT_EQ(r.out, "indication sent to 1 client(s)\n") << c.line;
-        EXPECT_TRUE(wait_for([&] { return count_lines(fresh_log(), c.line) == 1; })) << c.line;
+        EXPECT_TRUE(wait_until([&] { return count_lines(fresh_log(), c.line) == 1; })) << c.line;
         modem_api_free_client(int32_t(id));
         g_log_base = hydra_log(sim()).size();
     }
@@ -647,30 +646,6 @@ TEST(HydraMemTrace, PropertyDecidesAndBlocksAreCounted)
             testing::ExitedWithCode(0), c.counts)
             << (c.value ? c.value : "unset");
     }
-}
-
-// The handset's SAR service: set state stores the DSI, get state answers it,
-// and a scenario can make it answer without the state TLV.
-TEST_F(HydraSimTest, SarServiceSetsAndReportsTheDsi)
-{
-    qmi_client_type c = nullptr;
-    qmi_client_os_params os{};
-    ASSERT_EQ(qmi_client_init_instance(sar_get_service_object_v01(), QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr, &os,
-                                       1000, &c),
-              0);
-    sar_rf_set_state_req_msg_v01 set{QMI_SAR_RF_STATE_5_V01};
-    sar_rf_set_state_resp_msg_v01 set_resp{};
-    ASSERT_EQ(qmi_client_send_msg_sync(c, 1, &set, sizeof(set), &set_resp, sizeof(set_resp), 5000), 0);
-    EXPECT_EQ(set_resp.resp.result, 0);
-    sar_rf_get_state_resp_msg_v01 get{};
-    ASSERT_EQ(qmi_client_send_msg_sync(c, 2, nullptr, 0, &get, sizeof(get), 5000), 0);
-    EXPECT_EQ(get.sar_rf_state_valid, 1);
-    EXPECT_EQ(get.sar_rf_state, 5);
-    load(sim(), R"({"sar_dsi": null})");
-    memset(&get, 0xEE, sizeof(get));
-    ASSERT_EQ(qmi_client_send_msg_sync(c, 2, nullptr, 0, &get, sizeof(get), 5000), 0);
-    EXPECT_EQ(get.sar_rf_state_valid, 0);
-    qmi_client_release(c);
 }
 
 } // namespace

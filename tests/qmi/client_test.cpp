@@ -72,15 +72,7 @@ struct Handset {
     }
 };
 
-bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout = 5000ms)
-{
-    for (auto end = std::chrono::steady_clock::now() + timeout; std::chrono::steady_clock::now() < end;)
-        if (pred())
-            return true;
-        else
-            std::this_thread::sleep_for(5ms);
-    return pred();
-}
+using kvn_test::wait_until;
 
 qmi_client_type open_uim(qmi_client_ind_cb ind_cb = nullptr, void *ind_data = nullptr, unsigned timeout_ms = 1000)
 {

@@ -22,9 +22,9 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using namespace std::chrono_literals;
 constexpr uint8_t kUim = QMI_UIM_SERVICE_ID_V01;
 
-// A frame from the modem; service 0 (CTL) has a one-byte transaction id.
 // A frame from the modem (TLVs after a success result); service 0 (CTL) has
 // a one-byte transaction id.
 Bytes frame(uint8_t svc, uint8_t cid, uint8_t flags, uint16_t txn, uint16_t msg, const Bytes &tlvs, bool ok = 1)
@@ -219,8 +219,7 @@ TEST(Qmux, ClientIdsPerHandleIndicationsAndRelease)
         modem().send(frame(kUim, to, 0x04, 0, msg, {}, false));
     ASSERT_EQ(QMI_NO_ERR, get_eid(ha, &resp)); // meets the indications sent before it
     ASSERT_EQ(QMI_NO_ERR, get_eid(hb, &resp));
-    for (int i = 0; i < 200 && modem().locked([&] { return a.size() + b.size(); }) < 4; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    kvn_test::wait_until([&] { return modem().locked([&] { return a.size() + b.size(); }) >= 4; }, 2000ms);
     qmi_client_release(ha);
     qmi_client_release(hb);
     EXPECT_EQ((std::vector<unsigned>{0x41, 0x43}), a);
@@ -266,8 +265,7 @@ TEST(Qmux, ServiceListOneExchangeNotAcrossAWaitOrRestart)
     ASSERT_EQ(QMI_NO_ERR, qmi_client_get_service_list(svc, nullptr, nullptr, &n));
     const int asked = queries();
     modem().send(frame(0, 0, 0x02, 0, 0x27, {}, false));
-    for (int i = 0; i < 200 && !err; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    kvn_test::wait_until([&] { return err != 0; }, 2000ms);
     ASSERT_EQ(QMI_NO_ERR, qmi_client_get_service_list(svc, info, &entries, &n));
     EXPECT_EQ(asked + 1, queries());
     qmi_client_release(h);
@@ -303,8 +301,7 @@ TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
             modem().hang_up();
         EXPECT_EQ(QMI_SERVICE_ERR, rc.get());
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-        for (int i = 0; i < 200 && !err; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        kvn_test::wait_until([&] { return err != 0; }, 2000ms);
         EXPECT_EQ(QMI_SERVICE_ERR, err.load());
         qmi_client_release(h);
         EXPECT_EQ(0, modem().locked([] { return modem().stray_releases; }));

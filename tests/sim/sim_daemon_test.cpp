@@ -266,19 +266,6 @@ TEST(SimDaemon, PersistentPropertiesSurviveARestartOthersDoNot)
     EXPECT_EQ(sim.ctl({"nv", "get", "0", "550"}).out, kImeiText) << "the NV store survives too";
 }
 
-TEST(SimDaemon, TwoHandsetsSideBySide)
-{
-    SimHandset a, b;
-    ASSERT_TRUE(a.started());
-    ASSERT_TRUE(b.started());
-    EXPECT_EQ(a.ctl({"nv", "set", "0", "550", "01"}).exit_code, 0);
-    EXPECT_EQ(a.ctl({"nv", "get", "0", "550"}).out, "01\n");
-    EXPECT_EQ(b.ctl({"nv", "get", "0", "550"}).out, kImeiText);
-    EXPECT_EQ(a.ctl({"service", "all", "down"}).exit_code, 0);
-    EXPECT_TRUE(extend_answers(b));
-    EXPECT_FALSE(extend_answers(a));
-}
-
 TEST(SimDaemon, BrokenClientsDoNotHurtOthers)
 {
     SimHandset sim;

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <regex>
 #include <stdexcept>
+#include <thread>
 
 extern char **environ;
 
@@ -167,6 +168,16 @@ std::string masked_out(const ProcessResult &r)
 {
     static const std::regex handle(R"(handle = -?\d+, client_handle)");
     return std::regex_replace(mask_trace_lines(r.out), handle, "handle = H, client_handle");
+}
+
+bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout)
+{
+    for (auto end = std::chrono::steady_clock::now() + timeout; std::chrono::steady_clock::now() < end;)
+        if (pred())
+            return true;
+        else
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return pred();
 }
 
 } // namespace kvn_test

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -50,5 +51,9 @@ std::string mask_trace_lines(const std::string &text);
 // handle of the transport's "handle = <n>, client_handle" debug line replaced
 // by "H": both differ between builds and runs.
 std::string masked_out(const ProcessResult &r);
+
+// Polls pred every 10 ms until it holds or the timeout passes; says whether
+// it held.
+bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
 } // namespace kvn_test
