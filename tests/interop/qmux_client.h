@@ -99,6 +99,17 @@ inline bool have_qmicli()
     return false;
 }
 
+// Whether libqmi's proxy is there; the same rule as qmicli's.
+inline bool have_qmi_proxy()
+{
+    if (access("/usr/libexec/qmi-proxy", X_OK) == 0)
+        return true;
+    const char *req = getenv("KVN_TEST_REQUIRE_QMICLI");
+    if (req && *req)
+        ADD_FAILURE() << "/usr/libexec/qmi-proxy is missing (scripts/deps --all installs libqmi-proxy)";
+    return false;
+}
+
 // qmicli -d PTY --device-open-qmi ARGS...
 inline kvn_test::ProcessResult qmicli(const std::string &pty, const std::vector<std::string> &args)
 {
