@@ -18,10 +18,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# nlohmann/json is header-only and the same for every CPU: take the host's.
+# nlohmann/json and CLI11 are header-only and the same for every CPU: take the host's.
 # GoogleTest has no arm64 build on a plain amd64 host; tests/ builds it from
 # Debian's sources (/usr/src/googletest) when it is not found.
 set(nlohmann_json_DIR /usr/share/cmake/nlohmann_json CACHE PATH "header-only, CPU independent")
+set(CLI11_DIR /usr/share/cmake/CLI11 CACHE PATH "header-only, CPU independent")
 
 # CTest and gtest_discover_tests run the test programs through qemu-user.
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L ${KVN_CROSS_SYSROOT})
