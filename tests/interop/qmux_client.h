@@ -87,28 +87,19 @@ private:
     int fd_;
 };
 
-// Whether qmicli is there; when it is not, its tests skip, unless
+// Whether a libqmi tool is there; when it is not, its tests skip, unless
 // $KVN_TEST_REQUIRE_QMICLI is set (CI), where they fail.
-inline bool have_qmicli()
+inline bool have_tool(const char *path, const char *package)
 {
-    if (access("/usr/bin/qmicli", X_OK) == 0)
+    if (access(path, X_OK) == 0)
         return true;
     const char *req = getenv("KVN_TEST_REQUIRE_QMICLI");
     if (req && *req)
-        ADD_FAILURE() << "qmicli is missing (scripts/deps --all installs it)";
+        ADD_FAILURE() << path << " is missing (scripts/deps --all installs " << package << ")";
     return false;
 }
-
-// Whether libqmi's proxy is there; the same rule as qmicli's.
-inline bool have_qmi_proxy()
-{
-    if (access("/usr/libexec/qmi-proxy", X_OK) == 0)
-        return true;
-    const char *req = getenv("KVN_TEST_REQUIRE_QMICLI");
-    if (req && *req)
-        ADD_FAILURE() << "/usr/libexec/qmi-proxy is missing (scripts/deps --all installs libqmi-proxy)";
-    return false;
-}
+inline bool have_qmicli() { return have_tool("/usr/bin/qmicli", "libqmi-utils"); }
+inline bool have_qmi_proxy() { return have_tool("/usr/libexec/qmi-proxy", "libqmi-proxy"); }
 
 // qmicli -d PTY --device-open-qmi ARGS...
 inline kvn_test::ProcessResult qmicli(const std::string &pty, const std::vector<std::string> &args)
