@@ -44,7 +44,7 @@
 namespace kvn_qmi {
 namespace {
 
-using clock_type = std::chrono::steady_clock;
+using clock_type = kvn_wire::MonoClock;
 using kvn_wire::Kind;
 using Got = Channel::Got;
 

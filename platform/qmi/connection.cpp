@@ -17,7 +17,7 @@ namespace kvn_qmi {
 namespace {
 constexpr size_t kInitialBuffer = 8192; // a few packets of the usual size
 
-using Clock = std::chrono::steady_clock;
+using Clock = kvn_wire::MonoClock;
 
 // Milliseconds left until deadline for poll(), -1 for no deadline.
 int left_ms(const std::optional<Clock::time_point> &deadline)

@@ -7,6 +7,8 @@
 #include "transport.h"
 
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <time.h>
 
 #include <cerrno>
@@ -57,7 +59,7 @@ extern "C" void qmi_cci_os_signal_wait(qmi_client_os_params *os_params, unsigned
     kvn_qmi::forget_service_list(); // what a list said before the wait may no longer hold after it
     kvn_qmi::notifiers_wanted(os_params);
     timespec deadline{};
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &deadline); // not the vDSO: see kvn_wire::MonoClock
     deadline.tv_sec += timeout_ms / 1000;
     deadline.tv_nsec += long(timeout_ms % 1000) * 1000000L;
     if (deadline.tv_nsec >= 1000000000L) {

@@ -4,6 +4,8 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -13,6 +15,14 @@
 #include <cstring>
 
 namespace kvn_wire {
+
+MonoClock::time_point MonoClock::now() noexcept
+{
+    timespec ts{};
+    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &ts);
+    return time_point(std::chrono::duration_cast<duration>(std::chrono::seconds(ts.tv_sec) +
+                                                           std::chrono::nanoseconds(ts.tv_nsec)));
+}
 
 bool kind_known(uint8_t k)
 {
@@ -185,7 +195,7 @@ bool write_packet(int fd, const Header &h, const std::vector<uint8_t> &payload)
 
 long read_exact(int fd, void *buf, size_t len, int timeout_ms)
 {
-    using clock = std::chrono::steady_clock;
+    using clock = MonoClock;
     auto deadline = clock::now() + std::chrono::milliseconds(timeout_ms < 0 ? 0 : timeout_ms);
     auto *p = static_cast<uint8_t *>(buf);
     size_t got = 0;

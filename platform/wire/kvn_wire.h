@@ -4,6 +4,7 @@
 // writes on a stream socket.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -121,6 +122,19 @@ std::optional<Packet> read_packet(int fd, int timeout_ms);
 // nullopt when nothing listens or no well-formed reply comes in timeout_ms.
 std::optional<Packet> exchange(const std::string &path, const Header &h,
                                const std::vector<uint8_t> &payload, int timeout_ms);
+
+// The monotonic clock read by a plain system call. Clients of the handset
+// run for milliseconds and read the clock a few times; the vDSO's faster read
+// would first fault in two pages, each costing more than all the calls. Its
+// time points are steady_clock's, so they serve wait_until as they are.
+struct MonoClock {
+    using duration = std::chrono::steady_clock::duration;
+    using rep = duration::rep;
+    using period = duration::period;
+    using time_point = std::chrono::steady_clock::time_point;
+    static constexpr bool is_steady = true;
+    static time_point now() noexcept;
+};
 
 // Little-endian helpers.
 inline void put_u16(uint8_t *p, uint16_t v) { p[0] = uint8_t(v); p[1] = uint8_t(v >> 8); }
