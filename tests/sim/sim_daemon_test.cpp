@@ -1,23 +1,11 @@
-// sim_daemon_test.cpp - kvn-sim as a process, seen over its socket: the
-// extend service and NV/EFS store over QMI, faults at the packet level,
-// modem restart and service up/down notifications, the journal, properties
-// across restarts, robustness against broken clients, and the command line.
-#include <gtest/gtest.h>
+// sim_daemon_test.cpp - kvn-sim as a process, seen over its socket: the extend service and NV/EFS store, faults at
+// the packet level, service up/down and modem restart, the journal, properties across restarts, broken clients,
+// the command line, and whole NV items and files after a SIGKILL in the middle of writes.
+#include <random>
 
-#include <nlohmann/json.hpp>
+#include "sim_test.h"
 
-#include <signal.h>
-#include <sys/socket.h>
-
-#include <filesystem>
-#include <fstream>
-#include <thread>
-
-#include "sim_client.h"
-
-using kvn_wire::Kind;
 using namespace sim_test;
-using kvn_test::SimHandset;
 
 namespace {
 
@@ -213,18 +201,15 @@ TEST(SimDaemon, JournalRecordsRequestsInOrder)
 
     auto lines = sim.journal();
     ASSERT_EQ(lines.size(), 2u);
-    auto first = nlohmann::json::parse(lines[0]), second = nlohmann::json::parse(lines[1]);
-    EXPECT_EQ(first["service"], 0xFFE4);
-    EXPECT_EQ(first["msg_id"], 2);
-    EXPECT_EQ(first["txn"], 0x1234);
+    auto first = json::parse(lines[0]), second = json::parse(lines[1]);
+    EXPECT_EQ(json({first["service"], first["msg_id"], first["txn"], first["tlvs"][0]}),
+              json::parse(R"([65508, 2, 4660, {"type": 1, "hex": "02000000"}])"));
     ASSERT_EQ(first["tlvs"].size(), 3u);
-    EXPECT_EQ(first["tlvs"][0]["type"], 1);
-    EXPECT_EQ(first["tlvs"][0]["hex"], "02000000");
     EXPECT_EQ(first["tlvs"][2]["type"], 0x10);
     EXPECT_EQ(first["tlvs"][2]["hex"].get<std::string>().substr(0, 8), "01002602");
     EXPECT_GT(second["seq"].get<int>(), first["seq"].get<int>());
     EXPECT_EQ(second["msg_id"], 0x55);
-    EXPECT_EQ(second["tlvs"], nlohmann::json::parse(R"([{"type":1,"hex":"abcd"},{"type":16,"hex":""}])"));
+    EXPECT_EQ(second["tlvs"], json::parse(R"([{"type":1,"hex":"abcd"},{"type":16,"hex":""}])"));
 
     auto cleared = sim.ctl({"journal", "--clear"});
     EXPECT_EQ(cleared.exit_code, 0);
@@ -232,8 +217,7 @@ TEST(SimDaemon, JournalRecordsRequestsInOrder)
     EXPECT_TRUE(sim.journal().empty());
 }
 
-// Property keys hold up to 64 bytes and values up to 91; only persist.*
-// properties are written to the state directory.
+// Keys hold up to 64 bytes and values up to 91; only persist.* properties are written to the state directory.
 TEST(SimDaemon, PersistentPropertiesSurviveARestartOthersDoNot)
 {
     SimHandset sim;
@@ -387,13 +371,82 @@ TEST(SimCli, SigtermStopsCleanlyAndRemovesTheSocket)
     int pid = daemon_pid(sim);
     ASSERT_GT(pid, 0);
     ASSERT_EQ(kill(pid, SIGTERM), 0);
-    for (int i = 0; i < 250 && std::filesystem::exists(sim.socket()); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(std::filesystem::exists(sim.socket()));
+    EXPECT_TRUE(kvn_test::wait_until([&] { return !fs::exists(sim.socket()); }, std::chrono::seconds(5)));
     auto status = sim.ctl({"status"});
     EXPECT_EQ(status.exit_code, 1);
     EXPECT_NE(status.err.find("no kvn-sim answers"), std::string::npos);
     EXPECT_TRUE(sim.start()) << "its lock was released";
+}
+
+// Crash safety: a client keeps rewriting NV items and multi-chunk EFS files, each whole with one byte b (an item of
+// 1 + b bytes, a file of 500 + 3b), while the daemon is killed at random moments; after each restart every item
+// and file is exactly one pattern, never a mix or a partial write.
+bool whole_pattern(const Bytes &data, size_t base, size_t per)
+{
+    return !data.empty() && data.size() == base + per * data[0] &&
+           std::all_of(data.begin(), data.end(), [&](uint8_t x) { return x == data[0]; });
+}
+
+// Writes a file in chunks of 414 bytes as the tool does; false once the daemon stops answering.
+bool write_file(RawClient &c, const std::string &path, const Bytes &data, uint16_t &txn)
+{
+    uint16_t inst = 255;
+    for (uint32_t pos = 0, n; pos < data.size(); pos += n) {
+        n = std::min<uint32_t>(414, uint32_t(data.size()) - pos);
+        auto r = nvefs(c, {5, 0, inst, path, uint32_t(data.size()), n, pos, Bytes(&data[pos], &data[pos] + n)}, ++txn);
+        if (!r || r->result < 0)
+            return false;
+        inst = static_cast<uint16_t>(r->result);
+    }
+    return true;
+}
+
+TEST(SimDurability, SigkillDuringWritesLeavesWholeFiles)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    std::mt19937 rng(12345);
+    uint8_t b = 1;
+    for (int round = 0; round < 6; ++round) {
+        SCOPED_TRACE(round);
+        ASSERT_TRUE(round == 0 || sim.start()) << "restart after SIGKILL";
+        int pid = daemon_pid(sim);
+        ASSERT_GT(pid, 0);
+        RawClient check(sim.socket());
+        ASSERT_TRUE(check.bind(kExtend));
+        for (int i = 0; i < 4; ++i) {
+            auto nv = nvefs(check, {1, 0, static_cast<uint16_t>(6000 + i)});
+            ASSERT_TRUE(nv);
+            EXPECT_TRUE(nv->result != 0 || whole_pattern(nv->data, 1, 1)) << "NV " << 6000 + i;
+            auto got = sim.ctl({"efs", "get", "0", "/dur/f" + std::to_string(i)});
+            EXPECT_TRUE(got.exit_code != 0 || whole_pattern(Bytes(got.out.begin(), got.out.end()), 500, 3))
+                << "file " << i << " size " << got.out.size();
+        }
+        // The kill comes a random while after the first whole write, so a slow machine still kills mid-stream.
+        std::atomic<int> writes{0};
+        std::atomic<bool> stopped{false};
+        int delay_ms = std::uniform_int_distribution<int>(30, 250)(rng);
+        std::thread killer([&] {
+            kvn_test::wait_until([&] { return writes > 0 || stopped; });
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
+            kill(pid, SIGKILL);
+        });
+        RawClient c(sim.socket());
+        ASSERT_TRUE(c.bind(kExtend));
+        uint16_t txn = 0;
+        for (bool alive = true; alive;) {
+            for (int i = 0; i < 4 && alive; ++i) {
+                b = static_cast<uint8_t>(b % 250 + 1);
+                NvEfsRequest nv{2, 0, static_cast<uint16_t>(6000 + i), "", 1u + b, 0, 0, Bytes(1 + b, b)};
+                alive = nvefs(c, nv, ++txn) && write_file(c, "/dur/f" + std::to_string(i), Bytes(500 + 3 * b, b), txn);
+                writes += alive;
+            }
+        }
+        stopped = true;
+        killer.join();
+        EXPECT_GT(writes, 0);
+    }
+    ASSERT_TRUE(sim.start());
 }
 
 } // namespace

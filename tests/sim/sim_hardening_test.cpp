@@ -1,80 +1,15 @@
-// sim_hardening_test.cpp - kvn-sim against hostile input, in-process: control
-// fields of the wrong type or out of range, properties that are not UTF-8,
-// links planted in the state directory, files that are not regular, and the
-// router's bounds (transaction id 0, back-pressure, the total of unsent
-// bytes, per-process and total connection limits, the first-packet deadline).
-#include <gtest/gtest.h>
+// sim_hardening_test.cpp - kvn-sim against hostile input, in-process: control fields of the wrong type or out of
+// range, host files and bounded uploads, all-or-nothing loads, properties that are not UTF-8, links planted in the
+// state directory, files that are not regular, and the router's bounds.
+#include "sim_test.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <thread>
-
-#include "control.h"
-#include "handset.h"
-#include "kvn_wire.h"
-#include "process.h"
-#include "router.h"
-#include "services/services.h"
-
-using namespace kvn_sim;
-namespace fs = std::filesystem;
-using nlohmann::json;
-
-namespace {
-
-std::string slurp(const fs::path &p)
-{
-    std::ifstream in(p, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-// A handset on a fresh state directory, with a Router that is never run
-// (control ops and in-process connections only).
-struct Bench {
-    kvn_test::TempDir dir;
-    Handset h{dir.path() + "/state"};
-    std::unique_ptr<Router> router;
-
-    explicit Bench(RouterLimits limits = {})
-    {
-        std::string err;
-        EXPECT_TRUE(h.init(&err)) << err;
-        register_all_services(h);
-        router = std::make_unique<Router>(h, -1, -1, limits);
-        router->set_control(make_control_handler(h, *router, DaemonInfo{"sock", "state"}));
-    }
-    fs::path state() const { return dir.path() + "/state"; }
-};
-
-Bytes packet(kvn_wire::Kind kind, uint32_t service = 0, const Bytes &payload = {})
-{
-    kvn_wire::Header hd;
-    hd.kind = kind;
-    hd.service = service;
-    return kvn_wire::encode_packet(hd, payload);
-}
-
-Bytes qmi_request(uint16_t txn)
-{
-    Bytes q = {0, static_cast<uint8_t>(txn), static_cast<uint8_t>(txn >> 8), 2, 0, 0, 0};
-    return packet(kvn_wire::Kind::Qmi, 0xFFE4, q);
-}
-
-} // namespace
+using namespace sim_test;
 
 /* ---- control requests ---- */
 
 TEST(Hardening, ControlFieldsAreTypeAndRangeChecked)
 {
     Bench b;
-    auto ctl = make_control_handler(b.h, *b.router, DaemonInfo{"sock", "state"});
     const std::pair<const char *, const char *> cases[] = {
         {R"({"op":5})", "\"op\""},
         {R"({"id":1})", "\"op\""},
@@ -98,20 +33,14 @@ TEST(Hardening, ControlFieldsAreTypeAndRangeChecked)
         {R"({"op":"efs_ls","sub":0,"path":["/"]})", "\"path\""},
         {R"({"op":"load"})", "\"document\""},
     };
-    for (const auto &[text, names] : cases) {
-        bool ok = true;
-        json reply = ctl(json::parse(text), &ok);
-        EXPECT_FALSE(ok) << text;
-        EXPECT_NE(reply.value("error", std::string()).find(names), std::string::npos) << text << " → " << reply;
-    }
+    for (const auto &[text, names] : cases)
+        EXPECT_NE(b.error(json::parse(text)).find(names), std::string::npos) << text;
     EXPECT_TRUE(b.h.faults.all().empty()) << "no refused fault was added";
     for (auto &e : b.h.services.entries())
         EXPECT_TRUE(e.up) << "the refused ssr took nothing down";
 
     // In range, the same ops work, and the numbers arrive unchanged.
-    bool ok = false;
-    ctl(json::parse(R"({"op":"fault","service":"extend","kind":"drop","msg":65535,"count":4294967295})"), &ok);
-    ASSERT_TRUE(ok);
+    b.call(json::parse(R"({"op":"fault","service":"extend","kind":"drop","msg":65535,"count":4294967295})"), true);
     EXPECT_EQ(b.h.faults.all().at(0).msg_id, 65535);
     EXPECT_EQ(b.h.faults.all().at(0).count, 4294967295u);
 
@@ -124,6 +53,79 @@ TEST(Hardening, ControlFieldsAreTypeAndRangeChecked)
         ASSERT_GE(out.size(), 16u);
         EXPECT_EQ(kvn_wire::decode_header(out.data())->status, 1) << body;
     }
+}
+
+TEST(Hardening, ControlOpensNoHostFileAndStagedUploadsAreBounded)
+{
+    Bench b;
+    const std::string secret = b.dir.path() + "/secret";
+    std::ofstream(secret) << "root only";
+    for (json req : {json{{"op", "load"}, {"file", secret}}, json{{"op", "efs_put"}, {"sub", 0}, {"path", "/s"}, {"file", secret}}})
+        EXPECT_NE(b.error(req).find("opens no host file"), std::string::npos);
+    EXPECT_FALSE(b.h.store.efs_size(0, "/s"));
+
+    // A document in two chunks, loaded by its upload id, consumed.
+    std::string doc = R"({"properties": {"persist.a": ")" + std::string(80, 'v') + R"("}})";
+    auto first = b.call({{"op", "upload"}, {"hex", to_hex(reinterpret_cast<const uint8_t *>(doc.data()), 10)}}, true);
+    b.call({{"op", "upload"}, {"upload", first["upload"]}, {"hex", to_hex(reinterpret_cast<const uint8_t *>(doc.data()) + 10, doc.size() - 10)}}, true);
+    b.call({{"op", "load"}, {"upload", first["upload"]}}, true);
+    EXPECT_EQ(b.h.props.get("persist.a"), std::string(80, 'v'));
+    EXPECT_NE(b.error({{"op", "load"}, {"upload", first["upload"]}}).find("no upload"), std::string::npos);
+    b.call({{"op", "load"}, {"document", R"({"properties": {"persist.b": "1"}})"}}, true);
+    EXPECT_EQ(b.h.props.get("persist.b"), "1");
+
+    // At most 4 live: a fifth drops the oldest.
+    std::vector<json> ids;
+    for (int i = 0; i < 5; ++i)
+        ids.push_back(b.call({{"op", "upload"}, {"hex", "01"}}, true)["upload"]);
+    EXPECT_NE(b.error({{"op", "efs_put"}, {"sub", 0}, {"path", "/o"}, {"upload", ids[0]}}).find("no upload"), std::string::npos);
+    b.call({{"op", "efs_put"}, {"sub", 0}, {"path", "/o"}, {"upload", ids[4]}}, true);
+    EXPECT_EQ(b.h.store.efs_size(0, "/o"), 1u);
+
+    // Bounds: a chunk, an EFS file, a whole upload.
+    EXPECT_NE(b.error({{"op", "upload"}, {"hex", std::string(48002, '0')}}).find("more than 24000 bytes"), std::string::npos);
+    json big = b.call({{"op", "upload"}, {"hex", std::string(48000, '0')}}, true)["upload"];
+    for (int i = 0; i < 4; ++i)
+        b.call({{"op", "upload"}, {"upload", big}, {"hex", std::string(48000, '0')}}, true);
+    EXPECT_NE(b.error({{"op", "efs_put"}, {"sub", 0}, {"path", "/z"}, {"upload", big}}).find("over the bound of 102410"), std::string::npos);
+    big = b.call({{"op", "upload"}, {"hex", std::string(48000, '0')}}, true)["upload"];
+    std::string err;
+    for (size_t n = 24000; n <= kMaxScenarioBytes && err.empty(); n += 24000) {
+        bool ok = true;
+        err = b.ctl({{"op", "upload"}, {"upload", big}, {"hex", std::string(48000, '0')}}, &ok).value("error", "");
+    }
+    EXPECT_NE(err.find("over the bound of 4194304 bytes"), std::string::npos) << err;
+}
+
+TEST(Hardening, ALoadIsAllOrNothing)
+{
+    Bench b;
+    std::string err;
+    ASSERT_TRUE(b.h.store.efs_put(0, "/nv/x", {1}, &err)) << err;
+    ASSERT_TRUE(b.h.store.efs_put(0, "/f", {1}, &err)) << err;
+    const char *docs[] = {
+        R"({"efs": {"0": {"/aaa_first": "01", "/nv": "02"}}})",         // a directory in the way
+        R"({"efs": {"0": {"/aaa_first": "01", "/f/under": "02"}}})",    // a file where a directory goes
+        R"({"efs": {"0": {"/aaa_first": "01", "/d": "02", "/d/e": "03"}}})", // within the document
+        R"({"efs": {"0": {"/aaa_first": "01", "//g/h": "02", "/g": "03"}}})",
+    };
+    for (const char *doc : docs) {
+        EXPECT_FALSE(apply_scenario_text(b.h, doc, &err)) << doc;
+        EXPECT_FALSE(b.h.store.efs_size(0, "/aaa_first")) << doc << ": " << err;
+    }
+    for (int i = 0; i < 10; ++i) {
+        json many = {{"faults", json::array()}};
+        for (int k = 0; k < 1000; ++k)
+            many["faults"].push_back({{"service", "extend"}, {"msg", 1u}, {"kind", "drop"}});
+        ASSERT_TRUE(apply_scenario(b.h, many, &err)) << err;
+    }
+    EXPECT_FALSE(apply_scenario(b.h, json::parse(R"({"faults": [{"service": "extend", "msg": 1, "kind": "drop"}],
+                                                    "properties": {"persist.c": "1"}})"), &err));
+    EXPECT_NE(err.find("the bound on faults"), std::string::npos) << err;
+    EXPECT_FALSE(b.h.props.get("persist.c"));
+    EXPECT_NE(b.error({{"op", "fault"}, {"service", "extend"}, {"kind", "drop"}, {"msg", 1}}).find("bound on faults"), std::string::npos);
+    b.call({{"op", "fault_clear"}}, true);
+    EXPECT_EQ(b.h.faults.all().capacity(), 0u) << "the memory is given back";
 }
 
 /* ---- properties ---- */
@@ -219,17 +221,11 @@ TEST(Hardening, TempAreaAndNonRegularFiles)
     }
     std::ofstream(st / "big") << std::string(1001, 'x');
     EXPECT_FALSE(read_file(st / "big", 1000, &err));
-    Router r(h, -1, -1);
-    auto ctl = make_control_handler(h, r, DaemonInfo{});
-    for (json req : {json{{"op", "load"}, {"file", (st / "fifo").string()}},
-                     json{{"op", "efs_put"}, {"sub", 0}, {"path", "/f"}, {"file", (st / "fifo").string()}}}) {
-        bool ok = true;
-        EXPECT_NE(ctl(req, &ok).value("error", "").find("opens no host file"), std::string::npos) << req;
-        EXPECT_FALSE(ok) << req;
-    }
 }
 
 /* ---- the router's bounds, in-process ---- */
+
+Bytes qmi_request(uint16_t txn) { return packet(Kind::Qmi, kExtend, {0, uint8_t(txn), uint8_t(txn >> 8), 2, 0, 0, 0}); }
 
 TEST(Hardening, RouterRefusesTxnZeroAndHoldsBackInputWhileOutputIsFull)
 {
@@ -278,19 +274,12 @@ TEST(Hardening, RouterRefusesTxnZeroAndHoldsBackInputWhileOutputIsFull)
 
 namespace {
 
-// A Router serving a listening socket on a thread of its own; stopped and
-// joined when the object goes away.
+// A Router serving a listening socket on a thread of its own; stopped and joined when the object goes away.
 class LiveRouter {
 public:
-    explicit LiveRouter(RouterLimits lim) : bench_(lim)
+    explicit LiveRouter(RouterLimits lim) : bench_(lim), path_(dir_.path() + "/s.sock")
     {
-        path_ = dir_.path() + "/s.sock";
-        listen_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path_.c_str());
-        EXPECT_EQ(bind(listen_, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-        EXPECT_EQ(listen(listen_, 64), 0);
+        listen_ = listen_at(path_, SOCK_NONBLOCK);
         EXPECT_EQ(pipe2(stop_, O_CLOEXEC | O_NONBLOCK), 0);
         router_ = std::make_unique<Router>(bench_.h, listen_, stop_[0], lim);
         thread_ = std::thread([this] { router_->run(); });
