@@ -31,6 +31,7 @@
 namespace sim_test {
 
 using namespace kvn_sim;
+using kvn_test::ProcessResult;
 using kvn_test::SimHandset;
 using kvn_wire::get_u32;
 using kvn_wire::Kind;
