@@ -65,6 +65,7 @@ inline Bytes extend_record(uint32_t cmd_id, const Bytes &data)
 struct ExtendResponse {
     uint32_t result = 0, data_len = 0;
     Bytes data; // TLV 0x10 as carried (512 bytes), empty when absent
+    bool operator==(const ExtendResponse &) const = default;
 };
 
 // Parses a QMI packet carrying an extend response; nullopt when malformed.
@@ -200,10 +201,22 @@ inline std::optional<NvEfsReply> nvefs(RawClient &c, const NvEfsRequest &rq, uin
     return decode_nvefs(Bytes(r->data.begin(), r->data.begin() + 444));
 }
 
+// One packet of a kind carrying text, and its answer.
+inline std::optional<kvn_wire::Packet> exchange_text(const std::string &socket, Kind kind, const std::string &text)
+{
+    return kvn_wire::exchange(socket, {kind}, Bytes(text.begin(), text.end()), 5000);
+}
+
+inline ProcessResult sim_bin(std::vector<std::string> args)
+{
+    args.insert(args.begin(), kvn_test::kvn_sim_bin());
+    return kvn_test::run_process(args);
+}
+
 // A control request over the socket (status by default); null when no JSON answer came.
 inline json control(const std::string &socket, const std::string &req = R"({"op":"status"})")
 {
-    auto r = kvn_wire::exchange(socket, {Kind::Control}, Bytes(req.begin(), req.end()), 5000);
+    auto r = exchange_text(socket, Kind::Control, req);
     return r ? json::parse(r->payload.begin(), r->payload.end(), nullptr, false) : json();
 }
 
