@@ -5,8 +5,6 @@
 
 using namespace sim_test;
 
-/* ---- control requests ---- */
-
 TEST(Hardening, ControlFieldsAreTypeAndRangeChecked)
 {
     Bench b;
@@ -128,8 +126,6 @@ TEST(Hardening, ALoadIsAllOrNothing)
     EXPECT_EQ(b.h.faults.all().capacity(), 0u) << "the memory is given back";
 }
 
-/* ---- properties ---- */
-
 TEST(Hardening, PropertiesThatAreNotUtf8AreKeptFaithfully)
 {
     kvn_test::TempDir dir;
@@ -156,10 +152,7 @@ TEST(Hardening, PropertiesThatAreNotUtf8AreKeptFaithfully)
     EXPECT_TRUE(is_utf8("\xf0\x9f\x93\xb1"));
 }
 
-/* ---- the state directory ---- */
-
-// Links planted in the state directory lead nowhere: nothing outside it is
-// read, written or deleted through them.
+// Links planted in the state directory lead nowhere: nothing outside it is read, written or deleted through them.
 TEST(Hardening, LinksPlantedInTheStoreAreNotFollowed)
 {
     Bench b;
@@ -176,17 +169,10 @@ TEST(Hardening, LinksPlantedInTheStoreAreNotFollowed)
     const Bytes data = {1, 2, 3};
 
     EXPECT_FALSE(s.efs_put(0, "/dirlink/new", data, &err)) << "a directory link on the way";
-    EXPECT_FALSE(s.efs_size(0, "/dirlink/secret"));
-    EXPECT_FALSE(s.efs_read(0, "/dirlink/secret", 0, 10));
-    EXPECT_FALSE(s.efs_rm(0, "/dirlink/secret"));
-    EXPECT_FALSE(s.efs_size(0, "/filelink"));
-    EXPECT_FALSE(s.efs_read(0, "/filelink", 0, 10));
-    EXPECT_FALSE(s.efs_rm(0, "/filelink"));
-    EXPECT_TRUE(s.efs_ls(0, "/").empty()) << "links are not listed";
-    EXPECT_TRUE(s.efs_ls(0, "/dirlink").empty());
-    EXPECT_FALSE(s.nv_get(0, 550));
-    EXPECT_FALSE(s.nv_get(1, 1));
-    EXPECT_FALSE(s.nv_set(1, 7, data, &err));
+    for (const char *p : {"/dirlink/secret", "/filelink"})
+        EXPECT_FALSE(s.efs_size(0, p) || s.efs_read(0, p, 0, 10) || s.efs_rm(0, p)) << p;
+    EXPECT_TRUE(s.efs_ls(0, "/").empty() && s.efs_ls(0, "/dirlink").empty()) << "links are not listed";
+    EXPECT_FALSE(s.nv_get(0, 550) || s.nv_get(1, 1) || s.nv_set(1, 7, data, &err));
     // Writing over a link replaces the link, never what it points at.
     EXPECT_TRUE(s.efs_put(0, "/filelink", data, &err)) << err;
     EXPECT_TRUE(s.nv_set(0, 550, data, &err)) << err;
@@ -195,8 +181,7 @@ TEST(Hardening, LinksPlantedInTheStoreAreNotFollowed)
     EXPECT_EQ(std::distance(fs::directory_iterator(o), fs::directory_iterator()), 1) << "nothing created outside";
 }
 
-// The temp area has a name of kvn-sim's own; only kvn-sim's temp files in it
-// are cleared at start. Files that are not regular are refused, not waited on.
+// Only kvn-sim's own temp files in its own temp area are cleared at start; files that are not regular are refused.
 TEST(Hardening, TempAreaAndNonRegularFiles)
 {
     kvn_test::TempDir dir;
@@ -223,8 +208,6 @@ TEST(Hardening, TempAreaAndNonRegularFiles)
     EXPECT_FALSE(read_file(st / "big", 1000, &err));
 }
 
-/* ---- the router's bounds, in-process ---- */
-
 Bytes qmi_request(uint16_t txn) { return packet(Kind::Qmi, kExtend, {0, uint8_t(txn), uint8_t(txn >> 8), 2, 0, 0, 0}); }
 
 TEST(Hardening, RouterRefusesTxnZeroAndHoldsBackInputWhileOutputIsFull)
@@ -246,13 +229,10 @@ TEST(Hardening, RouterRefusesTxnZeroAndHoldsBackInputWhileOutputIsFull)
     EXPECT_FALSE(r.take_output(c).empty());
     r.close_local(c);
 
-    // 200 LIST requests at once: replies pile up only to the high mark, the
-    // rest of the input waits, and goes on as the output is taken.
-    Bytes many;
-    for (int i = 0; i < 200; ++i) {
-        Bytes p = packet(kvn_wire::Kind::List, 0xFFE4);
-        many.insert(many.end(), p.begin(), p.end());
-    }
+    // 200 LIST requests at once: replies pile up only to the high mark, the rest waits until output is taken.
+    Bytes many, list = packet(Kind::List, kExtend);
+    for (int i = 0; i < 200; ++i)
+        many.insert(many.end(), list.begin(), list.end());
     uint64_t a = r.open_local();
     ASSERT_TRUE(r.feed_local(a, many.data(), many.size()));
     EXPECT_LE(r.stats().output_bytes, lim.output_high + 100);
@@ -261,8 +241,7 @@ TEST(Hardening, RouterRefusesTxnZeroAndHoldsBackInputWhileOutputIsFull)
         replies += out.size() / 28; // a LIST_REPLY with one service record
     EXPECT_EQ(replies, 200u);
 
-    // Two connections that never read: past the total, the one holding the
-    // most unsent bytes is closed.
+    // Two connections that never read: past the total, the one holding the most unsent bytes is closed.
     uint64_t big = r.open_local(), small = r.open_local();
     ASSERT_TRUE(r.feed_local(big, many.data(), many.size()));
     EXPECT_TRUE(r.feed_local(small, many.data(), many.size() / 2));
@@ -272,102 +251,61 @@ TEST(Hardening, RouterRefusesTxnZeroAndHoldsBackInputWhileOutputIsFull)
     EXPECT_LE(r.stats().output_bytes, lim.output_total);
 }
 
-namespace {
-
 // A Router serving a listening socket on a thread of its own; stopped and joined when the object goes away.
-class LiveRouter {
-public:
-    explicit LiveRouter(RouterLimits lim) : bench_(lim), path_(dir_.path() + "/s.sock")
+struct LiveRouter {
+    explicit LiveRouter(RouterLimits lim) : bench(lim), path(bench.dir.path() + "/s.sock")
     {
-        listen_ = listen_at(path_, SOCK_NONBLOCK);
-        EXPECT_EQ(pipe2(stop_, O_CLOEXEC | O_NONBLOCK), 0);
-        router_ = std::make_unique<Router>(bench_.h, listen_, stop_[0], lim);
-        thread_ = std::thread([this] { router_->run(); });
+        listen_fd = listen_at(path, SOCK_NONBLOCK);
+        EXPECT_EQ(pipe2(stop, O_CLOEXEC | O_NONBLOCK), 0);
+        router = std::make_unique<Router>(bench.h, listen_fd, stop[0], lim);
+        thread = std::thread([this] { router->run(); });
     }
     ~LiveRouter()
     {
         char buf[128] = {};
-        (void)!write(stop_[1], buf, sizeof buf); // read as a stop signal
-        thread_.join();
-        close(listen_);
-        close(stop_[0]);
-        close(stop_[1]);
+        (void)!write(stop[1], buf, sizeof buf); // read as a stop signal
+        thread.join();
+        for (int fd : {listen_fd, stop[0], stop[1]})
+            close(fd);
     }
-    // A new connection; with `ask`, one LIST exchanged on it first.
-    int client(bool ask = true) const
-    {
-        int fd = kvn_wire::connect_unix(path_);
-        if (ask && !answers(fd))
-            ADD_FAILURE() << "no LIST_REPLY";
-        return fd;
-    }
-    static bool answers(int fd)
-    {
-        Bytes p = packet(kvn_wire::Kind::List, 0xFFE4);
-        if (send(fd, p.data(), p.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(p.size()))
-            return false;
-        auto r = kvn_wire::read_packet(fd, 10000);
-        return r && r->hdr.kind == kvn_wire::Kind::ListReply;
-    }
-    // True once the router has closed fd (waits up to 10 s).
-    static bool closed_by_router(int fd)
-    {
-        pollfd p{fd, POLLIN, 0};
-        char c;
-        return poll(&p, 1, 10000) == 1 && recv(fd, &c, 1, 0) == 0;
-    }
-
-private:
-    Bench bench_;
-    kvn_test::TempDir dir_;
-    std::string path_;
-    int listen_ = -1;
-    int stop_[2] = {-1, -1};
-    std::unique_ptr<Router> router_;
-    std::thread thread_;
+    Bench bench;
+    std::string path;
+    int listen_fd = -1, stop[2] = {-1, -1};
+    std::unique_ptr<Router> router;
+    std::thread thread;
 };
 
-} // namespace
+bool answers(RawClient &c) { return c.send(Kind::List, kExtend) && c.next_kind(10000) == Kind::ListReply; }
 
 TEST(Hardening, RouterConnectionLimits)
 {
-    struct Case {
-        const char *what;
-        size_t total, per_process;
-        std::chrono::milliseconds handshake;
-    };
-    const Case cases[] = {
-        {"per process", 100, 3, std::chrono::milliseconds(60000)},
-        {"longest idle evicted when full", 3, 100, std::chrono::milliseconds(60000)},
-        {"first packet deadline", 100, 100, std::chrono::milliseconds(200)},
-    };
-    for (const auto &tc : cases) {
-        SCOPED_TRACE(tc.what);
+    const std::tuple<const char *, size_t, size_t, int> cases[] = {
+        {"per process", 100, 3, 60000}, {"longest idle evicted when full", 3, 100, 60000},
+        {"first packet deadline", 100, 100, 200}};
+    for (const auto &[what, total, per_process, handshake_ms] : cases) {
+        SCOPED_TRACE(what);
         RouterLimits lim;
-        lim.max_connections = tc.total;
-        lim.max_per_process = tc.per_process;
-        lim.handshake = tc.handshake;
+        lim.max_connections = total;
+        lim.max_per_process = per_process;
+        lim.handshake = std::chrono::milliseconds(handshake_ms);
         LiveRouter r(lim);
-        std::vector<int> fds;
-        for (int i = 0; i < 3; ++i) {
-            fds.push_back(r.client());
+        std::vector<std::unique_ptr<RawClient>> c;
+        for (int i = 0; i < 4; ++i) {
+            c.push_back(std::make_unique<RawClient>(r.path));
+            EXPECT_TRUE(i == 3 || answers(*c.back())) << "no LIST_REPLY";
             std::this_thread::sleep_for(std::chrono::milliseconds(5)); // distinct idle times
         }
-        int extra = r.client(false);
-        if (tc.per_process == 3) {
-            EXPECT_TRUE(LiveRouter::closed_by_router(extra)) << "the 4th of one process is refused";
-            for (int fd : fds)
-                EXPECT_TRUE(LiveRouter::answers(fd));
-        } else if (tc.total == 3) {
-            EXPECT_TRUE(LiveRouter::answers(extra)) << "a new client gets in";
-            EXPECT_TRUE(LiveRouter::closed_by_router(fds[0])) << "the longest idle made room";
-            EXPECT_TRUE(LiveRouter::answers(fds[1]));
+        if (per_process == 3) {
+            EXPECT_TRUE(c[3]->closed_by_peer(10000)) << "the 4th of one process is refused";
+            for (int i = 0; i < 3; ++i)
+                EXPECT_TRUE(answers(*c[i]));
+        } else if (total == 3) {
+            EXPECT_TRUE(answers(*c[3])) << "a new client gets in";
+            EXPECT_TRUE(c[0]->closed_by_peer(10000)) << "the longest idle made room";
+            EXPECT_TRUE(answers(*c[1]));
         } else {
-            EXPECT_TRUE(LiveRouter::closed_by_router(extra)) << "silent past the deadline";
-            EXPECT_TRUE(LiveRouter::answers(fds[0])) << "a client that spoke stays";
+            EXPECT_TRUE(c[3]->closed_by_peer(10000)) << "silent past the deadline";
+            EXPECT_TRUE(answers(*c[0])) << "a client that spoke stays";
         }
-        fds.push_back(extra);
-        for (int fd : fds)
-            close(fd);
     }
 }
