@@ -14,37 +14,36 @@ using namespace sim_test;
     if (!pw)                                                                                                        \
         GTEST_SKIP() << "needs root and a user \"nobody\" to switch to (setuid in a child)";
 
-TEST(SimSecurity, StateDirectoryIsOwnerOnlyWhateverTheUmaskAndMustBeOurs)
+TEST(SimSecurity, StateAndSocketAreOwnerOnlyWhateverTheUmask)
+{
+    mode_t old = umask(0);
+    SimHandset sim(R"({"efs": {"0": {"/a/b": "01"}}})");
+    umask(old);
+    ASSERT_TRUE(sim.started());
+    ASSERT_EQ(sim.ctl({"nv", "set", "0", "550", "01"}).exit_code, 0);
+    for (const char *d : {"", "/nv/sub0", "/efs/sub0/a", "/kvn-sim-tmp"})
+        EXPECT_EQ(mode_of(sim.state_dir() + d), 0700u) << d;
+    for (const char *f : {"/efs/sub0/a/b", "/nv/sub0/550", "/logcat.txt", "/kvn-sim.log"})
+        EXPECT_EQ(mode_of(sim.state_dir() + f), 0600u) << f;
+    EXPECT_EQ(mode_of(sim.socket()), 0600u);
+}
+
+TEST(SimSecurity, APrivateDirectoryIsNarrowedAndMustBeOurs)
 {
     kvn_test::TempDir dir;
-    mode_t old = umask(0);
-    {
-        Handset h(dir.path() + "/state");
-        std::string err;
-        ASSERT_TRUE(h.init(&err)) << err;
-        ASSERT_TRUE(h.store.efs_put(0, "/a/b", {1}, &err)) << err;
-        ASSERT_TRUE(h.store.nv_set(0, 550, {1}, &err)) << err;
-        h.note(kLogInfo, "x");
-    }
-    umask(old);
-    const fs::path st = dir.path() + "/state";
-    for (const char *d : {"", "/nv/sub0", "/efs/sub0/a", "/kvn-sim-tmp"})
-        EXPECT_EQ(mode_of(st.string() + d), 0700u) << d;
-    for (const char *f : {"/efs/sub0/a/b", "/nv/sub0/550", "/logcat.txt"})
-        EXPECT_EQ(mode_of(st.string() + f), 0600u) << f;
-
+    const std::string wide = dir.path() + "/wide";
     std::string err;
-    fs::create_directory(dir.path() + "/wide");
-    chmod((dir.path() + "/wide").c_str(), 0755);
-    EXPECT_TRUE(open_private_dir(dir.path() + "/wide", false, &err)) << err;
-    EXPECT_EQ(mode_of(dir.path() + "/wide"), 0700u) << "narrowed to owner-only";
-    chmod((dir.path() + "/wide").c_str(), 0777);
-    EXPECT_FALSE(open_private_dir(dir.path() + "/wide", false, &err));
+    fs::create_directory(wide);
+    chmod(wide.c_str(), 0755);
+    EXPECT_TRUE(open_private_dir(wide, false, &err)) << err;
+    EXPECT_EQ(mode_of(wide), 0700u) << "narrowed to owner-only";
+    chmod(wide.c_str(), 0777);
+    EXPECT_FALSE(open_private_dir(wide, false, &err));
     EXPECT_NE(err.find("writable by group or others"), std::string::npos) << err;
     if (geteuid() == 0) {
-        chmod((dir.path() + "/wide").c_str(), 0700);
-        ASSERT_EQ(chown((dir.path() + "/wide").c_str(), 65534, 65534), 0);
-        EXPECT_FALSE(open_private_dir(dir.path() + "/wide", false, &err));
+        chmod(wide.c_str(), 0700);
+        ASSERT_EQ(chown(wide.c_str(), 65534, 65534), 0);
+        EXPECT_FALSE(open_private_dir(wide, false, &err));
         EXPECT_NE(err.find("owned by uid 65534"), std::string::npos) << err;
     }
 }
@@ -96,17 +95,6 @@ TEST(SimSecurity, FailedStartsGiveTheRealReasonAndLeaveNothingBehind)
     }
 }
 
-TEST(SimSecurity, SocketIsOwnerOnlyWhateverTheUmask)
-{
-    mode_t old = umask(0);
-    kvn_test::SimHandset sim;
-    umask(old);
-    ASSERT_TRUE(sim.started());
-    EXPECT_EQ(mode_of(sim.socket()), 0600u);
-    EXPECT_EQ(mode_of(sim.state_dir()), 0700u);
-    EXPECT_EQ(mode_of(sim.state_dir() + "/kvn-sim.log"), 0600u);
-}
-
 TEST(SimSecurity, AGroupOptionOpensTheSocketToThatGroupOnly)
 {
     NEED_NOBODY(pw);
@@ -129,21 +117,27 @@ TEST(SimSecurity, AGroupOptionOpensTheSocketToThatGroupOnly)
     close(ready[0]);
 }
 
-TEST(SimSecurity, PeersNeitherRootNorTheDaemonsUserAreRefused)
+// Runs fn in a child, switched to pw's user when pw is set; the child's pid.
+pid_t child(const passwd *pw, const std::function<int()> &fn)
+{
+    pid_t pid = fork();
+    if (pid == 0)
+        _exit(!pw || (setgid(pw->pw_gid) == 0 && setuid(pw->pw_uid) == 0) ? fn() : 99);
+    return pid;
+}
+
+// The daemon trusts peers of root, its own user or the group the socket is opened to; a client trusts only a
+// listener of root or its own.
+TEST(SimSecurity, PeerCredentialsAreCheckedBothWays)
 {
     NEED_NOBODY(pw);
     kvn_test::TempDir dir;
     chmod(dir.path().c_str(), 0777);
-    const std::string path = dir.path() + "/p.sock";
+    const std::string path = dir.path() + "/p.sock", squat = dir.path() + "/squat.sock";
     int lfd = listen_at(path);
     chmod(path.c_str(), 0777);
-    auto peer_of = [&](bool switch_user) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            if (switch_user && (setgid(pw->pw_gid) != 0 || setuid(pw->pw_uid) != 0))
-                _exit(99);
-            _exit(kvn_wire::connect_unix(path) >= 0 ? 0 : 1);
-        }
+    auto peer_of = [&](const passwd *user) {
+        pid_t pid = child(user, [&] { return kvn_wire::connect_unix(path) >= 0 ? 0 : 1; });
         int fd = accept(lfd, nullptr, nullptr);
         waitpid(pid, nullptr, 0);
         std::string why;
@@ -151,47 +145,34 @@ TEST(SimSecurity, PeersNeitherRootNorTheDaemonsUserAreRefused)
         close(fd);
         return std::make_pair(ok, why);
     };
-    EXPECT_TRUE(peer_of(false).first) << "root";
-    auto [ok, why] = peer_of(true);
+    EXPECT_TRUE(peer_of(nullptr).first) << "root";
+    auto [ok, why] = peer_of(pw);
     EXPECT_FALSE(ok);
     EXPECT_NE(why.find("uid " + std::to_string(pw->pw_uid)), std::string::npos) << why;
     allow_peer_group(pw->pw_gid);
-    EXPECT_TRUE(peer_of(true).first) << "a member of the group the socket is opened to";
+    EXPECT_TRUE(peer_of(pw).first) << "a member of the group the socket is opened to";
     allow_peer_group(std::nullopt);
     close(lfd);
-}
 
-TEST(SimSecurity, ClientsTrustOnlyAListenerOfRootOrTheirOwn)
-{
-    NEED_NOBODY(pw);
-    kvn_test::TempDir dir;
-    chmod(dir.path().c_str(), 0777);
-    const std::string path = dir.path() + "/squat.sock";
-    std::string why;
-    EXPECT_EQ(kvn_wire::connect_unix(path, &why), -1);
-    EXPECT_EQ(why, "nothing listens at " + path);
+    EXPECT_EQ(kvn_wire::connect_unix(squat, &why), -1);
+    EXPECT_EQ(why, "nothing listens at " + squat);
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (setgid(pw->pw_gid) != 0 || setuid(pw->pw_uid) != 0)
-            _exit(99);
-        int fd = listen_at(path);
+    pid_t pid = child(pw, [&] {
+        int l = listen_at(squat);
         (void)!write(ready[1], "x", 1);
-        int c = accept(fd, nullptr, nullptr);
+        int c = accept(l, nullptr, nullptr);
         char b;
-        (void)!read(c, &b, 1); // until the client hangs up
-        _exit(0);
-    }
+        return int(read(c, &b, 1)); // until the client hangs up
+    });
     char b;
     ASSERT_EQ(read(ready[0], &b, 1), 1);
-    int fd = kvn_wire::connect_unix(path, &why);
+    int fd = kvn_wire::connect_unix(squat, &why);
     EXPECT_EQ(fd, -1);
     if (fd >= 0)
         close(fd); // lets the listener go
-    EXPECT_EQ(why, path + " belongs to uid " + std::to_string(pw->pw_uid) + ", not root or you");
+    EXPECT_EQ(why, squat + " belongs to uid " + std::to_string(pw->pw_uid) + ", not root or you");
     waitpid(pid, nullptr, 0);
     close(ready[0]);
     close(ready[1]);
 }
-
