@@ -51,25 +51,20 @@ protected:
     }
 };
 
-// A never-written item answers 5 (not active); subscriptions are separate stores; a write stores exactly the
-// declared length.
+// A never-written item is not active; subscriptions are separate stores; a write stores exactly the declared length.
 TEST_F(NvEfsTest, NvReadWriteDeleteAndNotActive)
 {
-    auto r = run({1, 0, 550});
-    EXPECT_EQ(r.result, NvEfsCommand::kNotActive);
-    EXPECT_EQ(r.len_all, 0u);
+    const NvEfsReply not_active{0, 0, NvEfsCommand::kNotActive, {}};
+    EXPECT_EQ(run({1, 0, 550}), not_active);
     Bytes item = pattern(424, 3);
     EXPECT_EQ(run({2, 1, 550, "", 424, 0, 0, item}).result, 0);
-    r = run({1, 1, 550});
-    EXPECT_EQ(r.result, 0);
-    EXPECT_EQ(r.len_all, 424u);
-    EXPECT_EQ(r.data, item);
-    EXPECT_EQ(run({1, 0, 550}).result, NvEfsCommand::kNotActive);
+    EXPECT_EQ(run({1, 1, 550}), (NvEfsReply{424, 424, 0, item}));
+    EXPECT_EQ(run({1, 0, 550}), not_active);
     EXPECT_EQ(run({2, 1, 550, "", 3, 0, 0, item}).result, 0);
     EXPECT_EQ(run({1, 1, 550}).data, slice(item, 0, 3));
     EXPECT_EQ(run({3, 1, 550}).result, 0);
-    EXPECT_EQ(run({1, 1, 550}).result, NvEfsCommand::kNotActive);
-    EXPECT_EQ(run({3, 1, 550}).result, NvEfsCommand::kNotActive);
+    EXPECT_EQ(run({1, 1, 550}), not_active);
+    EXPECT_EQ(run({3, 1, 550}), not_active);
 }
 
 TEST_F(NvEfsTest, MalformedRequestsAreRefusedAndLogged)
@@ -123,10 +118,8 @@ TEST_F(NvEfsTest, ChunkedWriteBecomesVisibleOnlyWithItsLastChunk)
     EXPECT_EQ(read_whole(path), file);
 
     // Reads come in chunks of at most 424 bytes, each telling the whole size.
-    auto first = run({4, 0, 0, path, 0, 0, 0});
-    EXPECT_EQ(std::pair(first.len_all, first.len_send), std::pair(1000u, 424u));
-    auto tail = run({4, 0, 0, path, 0, 0, 848});
-    EXPECT_EQ(tail.data, slice(file, 848, 1000));
+    EXPECT_EQ(run({4, 0, 0, path, 0, 0, 0}), (NvEfsReply{1000, 424, 0, slice(file, 0, 424)}));
+    EXPECT_EQ(run({4, 0, 0, path, 0, 0, 848}), (NvEfsReply{1000, 152, 0, slice(file, 848, 1000)}));
     EXPECT_LT(run({4, 0, 0, path, 0, 0, 1001}).result, 0) << "position past the end";
     cmd.set_read_chunk(100);
     EXPECT_EQ(run({4, 0, 0, path, 0, 0, 0}).len_send, 100u) << "a scenario's smaller read chunk";

@@ -1,5 +1,5 @@
-// sim_test.h - what kvn-sim's tests share: a raw client of the daemon's socket, the extend and NV/EFS records,
-// and an in-process handset with a router that is never run (control ops and in-process connections).
+// sim_test.h - what kvn-sim's tests share: a raw client of the daemon's socket, the extend and NV/EFS records, and
+// an in-process handset with a router that is never run (control ops and in-process connections).
 #pragma once
 
 #include <fcntl.h>
@@ -73,26 +73,16 @@ inline std::optional<ExtendResponse> parse_extend(const kvn_wire::Packet &p, uin
 {
     const Bytes &b = p.payload;
     auto q = p.hdr.kind == Kind::Qmi ? kvn_wire::decode_qmi(b.data(), b.size()) : std::nullopt;
-    if (!q || q->flags != kvn_wire::kQmiResponse)
+    auto t = q && q->flags == kvn_wire::kQmiResponse ? parse_tlvs(std::span(b).subspan(kvn_wire::kQmiHeaderSize))
+                                                     : std::nullopt;
+    const Tlv *result = t ? find_tlv(*t, 0x01) : nullptr, *len = t ? find_tlv(*t, 0x02) : nullptr;
+    if (!result || !len || result->value.size() != 4 || len->value.size() != 4)
         return std::nullopt;
     if (txn)
         *txn = q->txn;
-    ExtendResponse r;
-    int seen = 0;
-    for (size_t pos = kvn_wire::kQmiHeaderSize; pos < b.size();) {
-        size_t n = b.size() - pos < 3 ? 0 : kvn_wire::get_u16(&b[pos + 1]);
-        if (b.size() - pos < 3 + n)
-            return std::nullopt;
-        const uint8_t *v = &b[pos + 3];
-        if (b[pos] == 0x01 && n == 4)
-            r.result = get_u32(v), seen |= 1;
-        else if (b[pos] == 0x02 && n == 4)
-            r.data_len = get_u32(v), seen |= 2;
-        else if (b[pos] == 0x10)
-            r.data.assign(v, v + n);
-        pos += 3 + n;
-    }
-    return seen == 3 ? std::optional(r) : std::nullopt;
+    const Tlv *data = find_tlv(*t, 0x10);
+    return ExtendResponse{get_u32(result->value.data()), get_u32(len->value.data()),
+                          data ? Bytes(data->value.begin(), data->value.end()) : Bytes{}};
 }
 
 class RawClient {
@@ -178,6 +168,7 @@ struct NvEfsReply {
     uint32_t len_all = 0, len_send = 0;
     int32_t result = 0;
     Bytes data; // len_send bytes (bounded by 424)
+    bool operator==(const NvEfsReply &) const = default;
 };
 
 inline NvEfsReply decode_nvefs(const Bytes &d)
