@@ -1,5 +1,4 @@
-// sim_core_test.cpp - kvn-sim's modem side in-process: the NV/EFS command, the scenario checker, the statistics,
-// SAR, NAS and UIM services, faults that wait, and the IMEI, hex, number and TLV parsers.
+// sim_core_test.cpp - kvn-sim's modem side in-process: NV/EFS command, scenarios, radio services, parsers.
 #include <set>
 
 #include "fsync_queue.h"
@@ -193,8 +192,8 @@ size_t open_fds()
     return static_cast<size_t>(std::distance(it, fs::directory_iterator()));
 }
 
-// With the fsync queue a write is in place when the store returns; the flushes close what they held; a full
-// queue flushes in the writer instead of growing.
+// With the fsync queue a write is in place when the store returns; the flushes close what they held; a full queue
+// flushes in the writer instead of growing.
 TEST_F(NvEfsTest, WritesWithAnFsyncQueueAreVisibleAtOnceAndReleaseTheirDescriptors)
 {
     for (size_t max_pending : {size_t(64), size_t(0)}) {
@@ -234,8 +233,8 @@ auto numbered(const char *prefix)
     return [prefix](size_t i) { return std::pair{prefix + std::to_string(i), json("01")}; };
 }
 
-// Every refused document names what is wrong and changes nothing (each also carries a valid NV item); the
-// accepted rows are the bounds themselves.
+// Every refused document names what is wrong and changes nothing (each also carries a valid NV item); the accepted rows
+// are the bounds themselves.
 TEST(Scenario, DocumentsAreCheckedWholeBeforeAnythingChanges)
 {
     std::string ids249, big(1402, 'a'), huge(2002, 'a'), seventeen;
@@ -358,8 +357,8 @@ TEST(Scenario, AppliesEveryKind)
     EXPECT_EQ(s.h.props.get("y"), "2");
 }
 
-// Faults of one message: every matching request counts down each waiting `after`; the first fault not waiting
-// applies for its count.
+// Faults of one message: every matching request counts down each waiting `after`; the first fault not waiting applies
+// for its count.
 TEST(Faults, AfterServesTheFirstMatchingRequests)
 {
     Faults f;
@@ -404,8 +403,8 @@ TEST(Parsers, ImeiHexNumbersAndTlvs)
 
 /* ---- the radio services ---- */
 
-// The statistics service answers the records of each asked id it holds, in the order asked; a load replaces
-// only the pairs it names; malformed requests are refused.
+// The statistics service answers the records of each asked id it holds, in the order asked; a load replaces only the
+// pairs it names; malformed requests are refused.
 TEST(Radio, StatisticsAnswers)
 {
     Bench s;
@@ -442,8 +441,8 @@ TEST(Radio, SarDsi)
     EXPECT_EQ(Bench::tlv_hex(t, 0x10), "none");
 }
 
-// Answers by result, malformed requests included: a malformed UIM request leaves the card and the eUICC as they
-// were, so an APDU whose length field disagrees with its bytes (an eUICC memory reset) is not run.
+// Answers by result, malformed requests included: a malformed UIM request leaves the card and the eUICC as they were,
+// so an APDU whose length field disagrees with its bytes (an eUICC memory reset) is not run.
 TEST(Radio, ResultsOfGoodAndMalformedRequests)
 {
     Bench s;

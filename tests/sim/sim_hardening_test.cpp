@@ -1,6 +1,4 @@
-// sim_hardening_test.cpp - kvn-sim against hostile input, in-process: control fields of the wrong type or out of
-// range, host files and bounded uploads, all-or-nothing loads, properties that are not UTF-8, links planted in the
-// state directory, files that are not regular, and the router's bounds.
+// sim_hardening_test.cpp - kvn-sim against hostile input in-process: control, loads, the store, the router.
 #include "sim_test.h"
 
 using namespace sim_test;

@@ -1,5 +1,4 @@
-// sim_prop_area_test.cpp - the property area (kvn-sim's writer against the client's property_get, in one process
-// and through a daemon); the client's one log connection.
+// sim_prop_area_test.cpp - the property area (writer against property_get) and the client's one log connection.
 #include <android/log.h>
 #include <cutils/properties.h>
 
@@ -27,8 +26,7 @@ protected:
     std::string socket = dir.path() + "/s.sock", area = socket + ".props";
 };
 
-// Readers racing a writer that flips between a short and a long value only
-// ever see one of the two whole.
+// Readers racing a writer that flips between a short and a long value only ever see one of the two whole.
 TEST_F(PropAreaTest, ReadersNeverSeeATornValue)
 {
     auto w = make(area);
@@ -51,8 +49,8 @@ TEST_F(PropAreaTest, ReadersNeverSeeATornValue)
     EXPECT_GT(seen_b.load(), 0);
 }
 
-// Every change shows at the next read, also across a daemon replaced with an
-// area of its own; once the area is gone the value is unset again.
+// Every change shows at the next read, also across a daemon replaced with an area of its own; once the area is gone the
+// value is unset again.
 TEST_F(PropAreaTest, NextReadSeesEveryChangeAndAReplacement)
 {
     auto first = make(area);
@@ -67,9 +65,8 @@ TEST_F(PropAreaTest, NextReadSeesEveryChangeAndAReplacement)
     EXPECT_EQ("unset", get("p"));
 }
 
-// A reader trusts neither a link nor a file others may write. The writer
-// makes an owner-only file and replaces a link planted at its path without
-// writing through it (here to another daemon's area, which stays alive).
+// A reader trusts neither a link nor a file others may write. The writer makes an owner-only file and replaces a link
+// planted at its path without writing through it (here to another daemon's area, which stays alive).
 TEST_F(PropAreaTest, FileIsOwnerOnlyAndLinksAreNotFollowed)
 {
     std::string real = dir.path() + "/real.props";
@@ -94,9 +91,8 @@ TEST_F(PropAreaTest, FileIsOwnerOnlyAndLinksAreNotFollowed)
     EXPECT_EQ(0u, h.dead) << "marked the linked area dead";
 }
 
-// Through a daemon: property_set returns once readers see the value, a
-// change made another way shows at the next read, and the area of a daemon
-// that died is not trusted.
+// Through a daemon: property_set returns once readers see the value, a change made another way shows at the next read,
+// and the area of a daemon that died is not trusted.
 TEST(PropAreaDaemon, ChangesShowAtOnceAndADeadDaemonIsNotTrusted)
 {
     kvn_test::SimHandset sim;

@@ -1,6 +1,4 @@
-// sim_resilience_test.cpp - kvn-sim as a process under misuse: print flags through the property fallback, refused
-// properties, FIFOs named as files, socket paths that are not sockets, daemons racing for one socket,
-// descriptor exhaustion, and a flood of garbage, idle and non-reading clients while kvn keeps answering.
+// sim_resilience_test.cpp - kvn-sim as a process under misuse: properties, FIFOs, socket races, floods.
 #include "sim_test.h"
 
 using namespace sim_test;
@@ -112,8 +110,8 @@ TEST(SimResilience, SocketPathIsClaimedOnceAndOnlyASocketIsReplaced)
     EXPECT_FALSE(fs::exists(sock + ".lock"));
 }
 
-// Out of descriptors, accept() fails while the listener stays readable: the daemon backs off instead of spinning,
-// and serves again once clients leave.
+// Out of descriptors, accept() fails while the listener stays readable: the daemon backs off instead of spinning, and
+// serves again once clients leave.
 TEST(SimResilience, DescriptorExhaustionBacksOffAndRecovers)
 {
     kvn_test::TempDir dir;

@@ -1,5 +1,4 @@
-// sim_security_test.cpp - kvn-sim left running as root on a shared machine: modes, planted links, peer
-// credentials both ways, starts that fail cleanly.
+// sim_security_test.cpp - kvn-sim running as root on a shared machine: modes, links, peers, failed starts.
 #include <grp.h>
 #include <pwd.h>
 
@@ -126,8 +125,8 @@ pid_t child(const passwd *pw, const std::function<int()> &fn)
     return pid;
 }
 
-// The daemon trusts peers of root, its own user or the group the socket is opened to; a client trusts only a
-// listener of root or its own.
+// The daemon trusts peers of root, its own user or the group the socket is opened to; a client trusts only a listener
+// of root or its own.
 TEST(SimSecurity, PeerCredentialsAreCheckedBothWays)
 {
     NEED_NOBODY(pw);
