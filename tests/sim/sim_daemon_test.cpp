@@ -21,7 +21,7 @@ bool extend_answers(const SimHandset &sim)
     return c.bind(kExtend) && nvefs(c, nv_read(550)).has_value();
 }
 
-TEST(SimDaemon, ExtendCannedRepliesAndStubServicesOverQmi)
+TEST(SimDaemon, ExtendCannedRepliesStubServicesAndTheJournal)
 {
     SimHandset sim(R"({"nv": {"0": {"550": {"imei": "358240051111110"}}},
                        "extend_replies": {"4": {"result": 0, "data": "01020304"}}})");
@@ -62,6 +62,29 @@ TEST(SimDaemon, ExtendCannedRepliesAndStubServicesOverQmi)
     auto f = absent.read().value_or(kvn_wire::Packet{});
     EXPECT_EQ(std::pair(f.hdr.kind, f.hdr.status), std::pair(Kind::ConnectFail, uint16_t(1)));
     EXPECT_TRUE(absent.closed_by_peer());
+
+    // The journal records requests in order.
+    sim.clear_journal();
+    ASSERT_TRUE(nvefs(c, nv_read(550), 0x1234));
+    ASSERT_TRUE(c.request(0x55, 0x22, {0x01, 0x02, 0x00, 0xAB, 0xCD, 0x10, 0x00, 0x00}));
+    ASSERT_TRUE(c.read());
+
+    auto lines = sim.journal();
+    ASSERT_EQ(lines.size(), 2u);
+    auto first = json::parse(lines[0]), second = json::parse(lines[1]);
+    EXPECT_EQ(json({first["service"], first["msg_id"], first["txn"], first["tlvs"][0]}),
+              json::parse(R"([65508, 2, 4660, {"type": 1, "hex": "02000000"}])"));
+    ASSERT_EQ(first["tlvs"].size(), 3u);
+    EXPECT_EQ(first["tlvs"][2]["type"], 0x10);
+    EXPECT_EQ(first["tlvs"][2]["hex"].get<std::string>().substr(0, 8), "01002602");
+    EXPECT_GT(second["seq"].get<int>(), first["seq"].get<int>());
+    EXPECT_EQ(second["msg_id"], 0x55);
+    EXPECT_EQ(second["tlvs"], json::parse(R"([{"type":1,"hex":"abcd"},{"type":16,"hex":""}])"));
+
+    auto cleared = sim.ctl({"journal", "--clear"});
+    EXPECT_EQ(cleared.exit_code, 0);
+    EXPECT_NE(cleared.out.find("\"msg_id\":85"), std::string::npos) << "--clear prints what it clears";
+    EXPECT_TRUE(sim.journal().empty());
 }
 
 TEST(SimDaemon, FaultsAtThePacketLevel)
@@ -164,35 +187,6 @@ TEST(SimDaemon, ServiceDownAndModemRestart)
     EXPECT_EQ(uim_watch.next_kind(5000), Kind::ServiceUp);
     EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(550));
     EXPECT_TRUE(extend_answers(sim));
-}
-
-TEST(SimDaemon, JournalRecordsRequestsInOrder)
-{
-    SimHandset sim;
-    ASSERT_TRUE(sim.started());
-    sim.clear_journal();
-    RawClient c(sim.socket());
-    ASSERT_TRUE(c.bind(kExtend));
-    ASSERT_TRUE(nvefs(c, nv_read(550), 0x1234));
-    ASSERT_TRUE(c.request(0x55, 0x22, {0x01, 0x02, 0x00, 0xAB, 0xCD, 0x10, 0x00, 0x00}));
-    ASSERT_TRUE(c.read());
-
-    auto lines = sim.journal();
-    ASSERT_EQ(lines.size(), 2u);
-    auto first = json::parse(lines[0]), second = json::parse(lines[1]);
-    EXPECT_EQ(json({first["service"], first["msg_id"], first["txn"], first["tlvs"][0]}),
-              json::parse(R"([65508, 2, 4660, {"type": 1, "hex": "02000000"}])"));
-    ASSERT_EQ(first["tlvs"].size(), 3u);
-    EXPECT_EQ(first["tlvs"][2]["type"], 0x10);
-    EXPECT_EQ(first["tlvs"][2]["hex"].get<std::string>().substr(0, 8), "01002602");
-    EXPECT_GT(second["seq"].get<int>(), first["seq"].get<int>());
-    EXPECT_EQ(second["msg_id"], 0x55);
-    EXPECT_EQ(second["tlvs"], json::parse(R"([{"type":1,"hex":"abcd"},{"type":16,"hex":""}])"));
-
-    auto cleared = sim.ctl({"journal", "--clear"});
-    EXPECT_EQ(cleared.exit_code, 0);
-    EXPECT_NE(cleared.out.find("\"msg_id\":85"), std::string::npos) << "--clear prints what it clears";
-    EXPECT_TRUE(sim.journal().empty());
 }
 
 // Keys hold up to 64 bytes and values up to 91, bytes that are not UTF-8 kept as they are; only persist.* properties
