@@ -1,23 +1,10 @@
-// sim_daemon_test.cpp - kvn-sim as a process, seen over its socket: the
-// extend service and NV/EFS store over QMI, faults at the packet level,
-// modem restart and service up/down notifications, the journal, properties
-// across restarts, robustness against broken clients, and the command line.
-#include <gtest/gtest.h>
+// sim_daemon_test.cpp - kvn-sim as a process over its socket, its command line, and its store after a SIGKILL.
+#include <numeric>
+#include <random>
 
-#include <nlohmann/json.hpp>
+#include "sim_test.h"
 
-#include <signal.h>
-#include <sys/socket.h>
-
-#include <filesystem>
-#include <fstream>
-#include <thread>
-
-#include "sim_client.h"
-
-using kvn_wire::Kind;
 using namespace sim_test;
-using kvn_test::SimHandset;
 
 namespace {
 
@@ -34,7 +21,7 @@ bool extend_answers(const SimHandset &sim)
     return c.bind(kExtend) && nvefs(c, nv_read(550)).has_value();
 }
 
-TEST(SimDaemon, ExtendCannedRepliesAndStubServicesOverQmi)
+TEST(SimDaemon, ExtendCannedRepliesStubServicesAndTheJournal)
 {
     SimHandset sim(R"({"nv": {"0": {"550": {"imei": "358240051111110"}}},
                        "extend_replies": {"4": {"result": 0, "data": "01020304"}}})");
@@ -43,50 +30,61 @@ TEST(SimDaemon, ExtendCannedRepliesAndStubServicesOverQmi)
     ASSERT_TRUE(c.bind(kExtend));
     auto r = nvefs(c, nv_read(550));
     ASSERT_TRUE(r);
-    EXPECT_EQ(r->result, 0);
-    EXPECT_EQ(r->data, (Bytes{0x08, 0x3A, 0x85, 0x42, 0x00, 0x15, 0x11, 0x11, 0x01}));
+    EXPECT_EQ(std::pair(r->result, r->data), std::pair(0, Bytes{0x08, 0x3A, 0x85, 0x42, 0x00, 0x15, 0x11, 0x11, 0x01}));
 
     // Written over QMI, visible to the control command, and the other way round.
     ASSERT_TRUE(nvefs(c, {2, 0, 7000, "", 2, 0, 0, {0xbe, 0xef}}));
     EXPECT_EQ(sim.ctl({"nv", "get", "0", "7000"}).out, "be ef\n");
     EXPECT_EQ(sim.ctl({"nv", "set", "1", "7001", "0a0b0c"}).exit_code, 0);
-    r = nvefs(c, nv_read(7001, 1));
-    ASSERT_TRUE(r);
-    EXPECT_EQ(r->data, (Bytes{0x0a, 0x0b, 0x0c}));
+    EXPECT_EQ(nvefs(c, nv_read(7001, 1)).value_or(NvEfsReply{}).data, (Bytes{0x0a, 0x0b, 0x0c}));
 
-    auto e = c.ask(1, extend_record(4, Bytes(512, 0)));
-    ASSERT_TRUE(e);
-    EXPECT_EQ(e->result, 0u);
-    EXPECT_EQ(e->data_len, 4u);
-    EXPECT_EQ(Bytes(e->data.begin(), e->data.begin() + 4), (Bytes{1, 2, 3, 4}));
+    Bytes canned(512, 0);
+    std::iota(canned.begin(), canned.begin() + 4, 1);
+    EXPECT_EQ(c.ask(1, extend_record(4, Bytes(512, 0))), (ExtendResponse{0, 4, canned}));
     // Unknown command ids are refused with a non-zero result, no data.
     uint16_t txn = 0;
-    e = c.ask(9, extend_record(77, {1, 2, 3}), &txn);
+    auto e = c.ask(9, extend_record(77, {1, 2, 3}), &txn);
     ASSERT_TRUE(e);
     EXPECT_EQ(txn, 9);
     EXPECT_NE(e->result, 0u);
     EXPECT_EQ(e->data.size(), 512u) << "TLV 0x10 always carries 512 bytes";
     // Other messages of the service, and every message of the stub services.
     ASSERT_TRUE(c.request(3, 10, {}));
-    auto p = c.read();
-    ASSERT_TRUE(p);
-    EXPECT_EQ(p->payload, failure_reply(10, 3));
+    EXPECT_EQ(c.read().value_or(kvn_wire::Packet{}).payload, failure_reply(10, 3));
     for (uint32_t svc : {11u, 0xE4u, 0x11u, 3u}) {
         RawClient u(sim.socket());
-        ASSERT_TRUE(u.bind(svc)) << svc;
-        ASSERT_TRUE(u.request(0x20, 5, {}));
-        auto q = u.read();
-        ASSERT_TRUE(q) << svc;
-        EXPECT_EQ(q->hdr.service, svc);
-        EXPECT_EQ(q->payload, failure_reply(5, 0x20)) << svc;
+        ASSERT_TRUE(u.bind(svc) && u.request(0x20, 5, {})) << svc;
+        auto q = u.read().value_or(kvn_wire::Packet{});
+        EXPECT_EQ(std::pair(q.hdr.service, q.payload), std::pair(svc, failure_reply(5, 0x20))) << svc;
     }
     RawClient absent(sim.socket());
     ASSERT_TRUE(absent.send(Kind::Connect, 0x1234));
-    auto f = absent.read();
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->hdr.kind, Kind::ConnectFail);
-    EXPECT_EQ(f->hdr.status, 1);
+    auto f = absent.read().value_or(kvn_wire::Packet{});
+    EXPECT_EQ(std::pair(f.hdr.kind, f.hdr.status), std::pair(Kind::ConnectFail, uint16_t(1)));
     EXPECT_TRUE(absent.closed_by_peer());
+
+    // The journal records requests in order.
+    sim.clear_journal();
+    ASSERT_TRUE(nvefs(c, nv_read(550), 0x1234));
+    ASSERT_TRUE(c.request(0x55, 0x22, {0x01, 0x02, 0x00, 0xAB, 0xCD, 0x10, 0x00, 0x00}));
+    ASSERT_TRUE(c.read());
+
+    auto lines = sim.journal();
+    ASSERT_EQ(lines.size(), 2u);
+    auto first = json::parse(lines[0]), second = json::parse(lines[1]);
+    EXPECT_EQ(json({first["service"], first["msg_id"], first["txn"], first["tlvs"][0]}),
+              json::parse(R"([65508, 2, 4660, {"type": 1, "hex": "02000000"}])"));
+    ASSERT_EQ(first["tlvs"].size(), 3u);
+    EXPECT_EQ(first["tlvs"][2]["type"], 0x10);
+    EXPECT_EQ(first["tlvs"][2]["hex"].get<std::string>().substr(0, 8), "01002602");
+    EXPECT_GT(second["seq"].get<int>(), first["seq"].get<int>());
+    EXPECT_EQ(second["msg_id"], 0x55);
+    EXPECT_EQ(second["tlvs"], json::parse(R"([{"type":1,"hex":"abcd"},{"type":16,"hex":""}])"));
+
+    auto cleared = sim.ctl({"journal", "--clear"});
+    EXPECT_EQ(cleared.exit_code, 0);
+    EXPECT_NE(cleared.out.find("\"msg_id\":85"), std::string::npos) << "--clear prints what it clears";
+    EXPECT_TRUE(sim.journal().empty());
 }
 
 TEST(SimDaemon, FaultsAtThePacketLevel)
@@ -121,11 +119,7 @@ TEST(SimDaemon, FaultsAtThePacketLevel)
 
     // qmi-error: the extend record's result carries the error, no data.
     ASSERT_TRUE(fault({"extend", "2", "qmi-error=26"}));
-    auto e = c.ask(5, kReadImei);
-    ASSERT_TRUE(e);
-    EXPECT_EQ(e->result, 26u);
-    EXPECT_EQ(e->data_len, 0u);
-    EXPECT_TRUE(e->data.empty());
+    EXPECT_EQ(c.ask(5, kReadImei), (ExtendResponse{26, 0, {}}));
 
     // truncate: a consistent frame whose last TLV claims more than follows.
     ASSERT_TRUE(fault({"extend", "2", "truncate"}));
@@ -136,8 +130,7 @@ TEST(SimDaemon, FaultsAtThePacketLevel)
     EXPECT_FALSE(parse_extend(*p));
     EXPECT_LT(p->payload.size(), 7u + 7 + 7 + 515);
 
-    // Faults on another service do not touch extend; drop closes the
-    // connection instead of answering.
+    // Faults on another service do not touch extend; drop closes the connection instead of answering.
     ASSERT_TRUE(fault({"uim", "2", "drop"}));
     ASSERT_TRUE(nvefs(c, nv_read(550), 7));
     ASSERT_TRUE(fault({"extend", "2", "drop"}));
@@ -164,19 +157,15 @@ TEST(SimDaemon, ServiceDownAndModemRestart)
     ASSERT_EQ(sim.ctl({"fault", "extend", "2", "no-reply"}).exit_code, 0);
     ASSERT_TRUE(bound.request(2, 1, kReadImei));
     ASSERT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
-    auto p = bound.read();
-    ASSERT_TRUE(p);
-    EXPECT_EQ(p->hdr.kind, Kind::ServiceDown);
-    EXPECT_EQ(p->hdr.service, kExtend);
+    auto p = bound.read().value_or(kvn_wire::Packet{});
+    EXPECT_EQ(std::pair(p.hdr.kind, p.hdr.service), std::pair(Kind::ServiceDown, kExtend));
     EXPECT_TRUE(bound.closed_by_peer());
     EXPECT_EQ(watch.next_kind(), Kind::ServiceGone);
 
     // While down: not listed, CONNECT fails.
     RawClient lister(sim.socket());
     ASSERT_TRUE(lister.send(Kind::List, kExtend));
-    p = lister.read();
-    ASSERT_TRUE(p);
-    EXPECT_EQ(p->payload, (Bytes{0, 0, 0, 0}));
+    EXPECT_EQ(lister.read().value_or(kvn_wire::Packet{}).payload, (Bytes{0, 0, 0, 0}));
     RawClient refused(sim.socket());
     ASSERT_TRUE(refused.send(Kind::Connect, kExtend));
     EXPECT_EQ(refused.next_kind(), Kind::ConnectFail);
@@ -200,67 +189,37 @@ TEST(SimDaemon, ServiceDownAndModemRestart)
     EXPECT_TRUE(extend_answers(sim));
 }
 
-TEST(SimDaemon, JournalRecordsRequestsInOrder)
-{
-    SimHandset sim;
-    ASSERT_TRUE(sim.started());
-    sim.clear_journal();
-    RawClient c(sim.socket());
-    ASSERT_TRUE(c.bind(kExtend));
-    ASSERT_TRUE(nvefs(c, nv_read(550), 0x1234));
-    ASSERT_TRUE(c.request(0x55, 0x22, {0x01, 0x02, 0x00, 0xAB, 0xCD, 0x10, 0x00, 0x00}));
-    ASSERT_TRUE(c.read());
-
-    auto lines = sim.journal();
-    ASSERT_EQ(lines.size(), 2u);
-    auto first = nlohmann::json::parse(lines[0]), second = nlohmann::json::parse(lines[1]);
-    EXPECT_EQ(first["service"], 0xFFE4);
-    EXPECT_EQ(first["msg_id"], 2);
-    EXPECT_EQ(first["txn"], 0x1234);
-    ASSERT_EQ(first["tlvs"].size(), 3u);
-    EXPECT_EQ(first["tlvs"][0]["type"], 1);
-    EXPECT_EQ(first["tlvs"][0]["hex"], "02000000");
-    EXPECT_EQ(first["tlvs"][2]["type"], 0x10);
-    EXPECT_EQ(first["tlvs"][2]["hex"].get<std::string>().substr(0, 8), "01002602");
-    EXPECT_GT(second["seq"].get<int>(), first["seq"].get<int>());
-    EXPECT_EQ(second["msg_id"], 0x55);
-    EXPECT_EQ(second["tlvs"], nlohmann::json::parse(R"([{"type":1,"hex":"abcd"},{"type":16,"hex":""}])"));
-
-    auto cleared = sim.ctl({"journal", "--clear"});
-    EXPECT_EQ(cleared.exit_code, 0);
-    EXPECT_NE(cleared.out.find("\"msg_id\":85"), std::string::npos) << "--clear prints what it clears";
-    EXPECT_TRUE(sim.journal().empty());
-}
-
-// Property keys hold up to 64 bytes and values up to 91; only persist.*
-// properties are written to the state directory.
+// Keys hold up to 64 bytes and values up to 91, bytes that are not UTF-8 kept as they are; only persist.* properties
+// are written to the state directory.
 TEST(SimDaemon, PersistentPropertiesSurviveARestartOthersDoNot)
 {
     SimHandset sim;
     ASSERT_TRUE(sim.started());
     EXPECT_NE(sim.ctl({"prop", "get", "persist.vendor.pelmox.shell_print_flag"}).exit_code, 0);
-    auto prop_set = [&](const std::string &key, const std::string &value) {
-        std::string kv = key + '\0' + value;
-        auto r = kvn_wire::exchange(sim.socket(), {Kind::PropSet}, Bytes(kv.begin(), kv.end()), 3000);
-        EXPECT_TRUE(r && r->hdr.kind == Kind::PropSetResult) << key;
-        return r ? int(r->hdr.status) : -1;
-    };
-    EXPECT_EQ(prop_set("persist.vendor.a", "off"), 0);
-    EXPECT_EQ(prop_set("persist.vendor.a", "on"), 0);
-    EXPECT_EQ(prop_set(std::string(65, 'k'), "v"), 1);
-    EXPECT_EQ(prop_set("", "v"), 1);
+    const std::string odd_key = "persist.vendor.\xff\xfe", odd_value = "\x80\x81 ok";
     const std::string long_key = "persist." + std::string(56, 'k');
+    const std::tuple<std::string, std::string, int> sets[] = {
+        {"persist.vendor.a", "off", 0}, {"persist.vendor.a", "on", 0}, {"", "v", 1}, {odd_key, odd_value, 0}};
+    for (const auto &[key, value, status] : sets) {
+        auto r = exchange_text(sim.socket(), Kind::PropSet, key + '\0' + value);
+        ASSERT_TRUE(r && r->hdr.kind == Kind::PropSetResult) << key;
+        EXPECT_EQ(r->hdr.status, status) << key;
+    }
     EXPECT_EQ(sim.ctl({"prop", "set", long_key, std::string(91, 'x')}).exit_code, 0);
     EXPECT_NE(sim.ctl({"prop", "set", "vendor.c", std::string(92, 'x')}).exit_code, 0);
     EXPECT_EQ(sim.ctl({"prop", "set", "vendor.b", "off"}).exit_code, 0);
     EXPECT_EQ(sim.ctl({"prop", "get", "vendor.b"}).out, "off\n");
+    auto cli = sim.ctl({"prop", "set", "persist.x", "\xff"});
+    EXPECT_EQ(cli.exit_code, 1) << "not an abort";
+    EXPECT_NE(cli.err.find("not valid UTF-8"), std::string::npos) << cli.err;
 
-    ASSERT_TRUE(sim.restart());
-    std::string key = "persist.vendor.a";
-    auto get = kvn_wire::exchange(sim.socket(), {Kind::PropGet}, Bytes(key.begin(), key.end()), 3000);
-    ASSERT_TRUE(get);
-    EXPECT_EQ(get->hdr.status, 0);
-    EXPECT_EQ(std::string(get->payload.begin(), get->payload.end()), "on");
+    ASSERT_TRUE(sim.restart()) << "the daemon survived, and its properties file loads again";
+    for (const auto &[key, value] : {std::pair<std::string, std::string>{"persist.vendor.a", "on"}, {odd_key, odd_value}}) {
+        auto get = exchange_text(sim.socket(), Kind::PropGet, key);
+        ASSERT_TRUE(get);
+        EXPECT_EQ(get->hdr.status, 0);
+        EXPECT_EQ(std::string(get->payload.begin(), get->payload.end()), value);
+    }
     EXPECT_EQ(sim.ctl({"prop", "get", long_key}).out, std::string(91, 'x') + "\n");
     EXPECT_NE(sim.ctl({"prop", "get", "vendor.b"}).exit_code, 0);
     EXPECT_EQ(sim.ctl({"nv", "get", "0", "550"}).out, kImeiText) << "the NV store survives too";
@@ -285,27 +244,17 @@ TEST(SimDaemon, BrokenClientsDoNotHurtOthers)
         ASSERT_TRUE(bad.send_raw(g));
         EXPECT_TRUE(bad.closed_by_peer()) << "garbage must close the connection";
     }
-    {
-        // A bound client whose QMI message lies about its TLV length.
-        RawClient bad(sim.socket());
-        ASSERT_TRUE(bad.bind(kExtend));
-        ASSERT_TRUE(bad.send(Kind::Qmi, kExtend, {0, 1, 0, 2, 0, 0x50, 0, 1, 2}));
-        EXPECT_TRUE(bad.closed_by_peer());
-    }
-    {
-        // TLVs that run past the message: refused, not a crash.
-        RawClient bad(sim.socket());
-        ASSERT_TRUE(bad.bind(kExtend));
-        auto e = bad.ask(3, {0x01, 0x40, 0x00, 0x02});
-        ASSERT_TRUE(e);
-        EXPECT_NE(e->result, 0u);
-    }
+    RawClient lying(sim.socket()), past(sim.socket());
+    ASSERT_TRUE(lying.bind(kExtend) && past.bind(kExtend));
+    // A QMI message that lies about its TLV length is dropped; TLVs that run past it are refused, not a crash.
+    ASSERT_TRUE(lying.send(Kind::Qmi, kExtend, {0, 1, 0, 2, 0, 0x50, 0, 1, 2}));
+    EXPECT_TRUE(lying.closed_by_peer());
+    EXPECT_NE(past.ask(3, {0x01, 0x40, 0x00, 0x02}).value_or(ExtendResponse{}).result, 0u);
     {
         // Disconnecting in the middle of a request.
         RawClient gone(sim.socket());
-        ASSERT_TRUE(gone.bind(kExtend));
-        auto whole = kvn_wire::encode_packet({Kind::Qmi, 0, kExtend}, kvn_wire::encode_qmi({0, 1, 2, 0}, nullptr, 0));
-        ASSERT_TRUE(gone.send_raw(Bytes(whole.begin(), whole.begin() + 10)));
+        Bytes whole = packet(Kind::Qmi, kExtend, kvn_wire::encode_qmi({0, 1, 2, 0}, nullptr, 0));
+        ASSERT_TRUE(gone.bind(kExtend) && gone.send_raw(Bytes(whole.begin(), whole.begin() + 10)));
     }
     {
         // A flood it never reads, while others are served promptly.
@@ -334,15 +283,11 @@ TEST(SimDaemon, BrokenClientsDoNotHurtOthers)
     EXPECT_NE(log.find("dropped"), std::string::npos) << "protocol errors are logged";
 }
 
-TEST(SimCli, StartFailuresUsageAndEfsFiles)
+TEST(SimCli, StartFailuresUsageEfsFilesAndSigterm)
 {
     kvn_test::TempDir dir;
     std::string scen = dir.path() + "/bad.json", sock = dir.path() + "/s.sock";
     std::ofstream(scen) << R"({"nv": {"0": {"550": "01"}}, "efs": {"0": {"/x": {"hex": "01", "mode": 1}}}})";
-    auto sim_bin = [](std::vector<std::string> args) {
-        args.insert(args.begin(), kvn_test::kvn_sim_bin());
-        return kvn_test::run_process(args);
-    };
     auto r = sim_bin({"start", "--state", dir.path() + "/st", "--scenario", scen, "--socket", sock});
     EXPECT_NE(r.exit_code, 0);
     EXPECT_NE(r.err.find("efs.0./x.mode"), std::string::npos) << r.err;
@@ -378,22 +323,87 @@ TEST(SimCli, StartFailuresUsageAndEfsFiles)
     EXPECT_EQ(sim.ctl({"efs", "ls", "1", "/data"}).out, "60000 /data/blob\n");
     EXPECT_EQ(sim.ctl({"efs", "rm", "1", "/data/blob"}).exit_code, 0);
     EXPECT_EQ(sim.ctl({"efs", "ls", "1", "/data"}).out, "");
-}
 
-TEST(SimCli, SigtermStopsCleanlyAndRemovesTheSocket)
-{
-    SimHandset sim;
-    ASSERT_TRUE(sim.started());
+    // SIGTERM stops it cleanly: the socket is removed and its lock released.
     int pid = daemon_pid(sim);
     ASSERT_GT(pid, 0);
     ASSERT_EQ(kill(pid, SIGTERM), 0);
-    for (int i = 0; i < 250 && std::filesystem::exists(sim.socket()); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(std::filesystem::exists(sim.socket()));
+    EXPECT_TRUE(kvn_test::wait_until([&] { return !fs::exists(sim.socket()); }, std::chrono::seconds(5)));
     auto status = sim.ctl({"status"});
     EXPECT_EQ(status.exit_code, 1);
     EXPECT_NE(status.err.find("no kvn-sim answers"), std::string::npos);
-    EXPECT_TRUE(sim.start()) << "its lock was released";
+    EXPECT_TRUE(sim.start());
+}
+
+// Crash safety: a client keeps rewriting NV items and multi-chunk EFS files, each whole with one byte b (an item of 1 +
+// b bytes, a file of 500 + 3b), while the daemon is killed at random moments; after each restart every item and file is
+// exactly one pattern, never a mix or a partial write.
+bool whole_pattern(const Bytes &data, size_t base, size_t per)
+{
+    return !data.empty() && data.size() == base + per * data[0] &&
+           std::all_of(data.begin(), data.end(), [&](uint8_t x) { return x == data[0]; });
+}
+
+// Writes a file in chunks of 414 bytes as the tool does; false once the daemon stops answering.
+bool write_file(RawClient &c, const std::string &path, const Bytes &data, uint16_t &txn)
+{
+    uint16_t inst = 255;
+    for (uint32_t pos = 0, n; pos < data.size(); pos += n) {
+        n = std::min<uint32_t>(414, uint32_t(data.size()) - pos);
+        auto r = nvefs(c, {5, 0, inst, path, uint32_t(data.size()), n, pos, Bytes(&data[pos], &data[pos] + n)}, ++txn);
+        if (!r || r->result < 0)
+            return false;
+        inst = static_cast<uint16_t>(r->result);
+    }
+    return true;
+}
+
+TEST(SimDurability, SigkillDuringWritesLeavesWholeFiles)
+{
+    SimHandset sim;
+    ASSERT_TRUE(sim.started());
+    std::mt19937 rng(12345);
+    uint8_t b = 1;
+    for (int round = 0; round < 6; ++round) {
+        SCOPED_TRACE(round);
+        ASSERT_TRUE(round == 0 || sim.start()) << "restart after SIGKILL";
+        int pid = daemon_pid(sim);
+        ASSERT_GT(pid, 0);
+        RawClient check(sim.socket());
+        ASSERT_TRUE(check.bind(kExtend));
+        for (int i = 0; i < 4; ++i) {
+            auto nv = nvefs(check, {1, 0, static_cast<uint16_t>(6000 + i)});
+            ASSERT_TRUE(nv);
+            EXPECT_TRUE(nv->result != 0 || whole_pattern(nv->data, 1, 1)) << "NV " << 6000 + i;
+            auto got = sim.ctl({"efs", "get", "0", "/dur/f" + std::to_string(i)});
+            EXPECT_TRUE(got.exit_code != 0 || whole_pattern(Bytes(got.out.begin(), got.out.end()), 500, 3))
+                << "file " << i << " size " << got.out.size();
+        }
+        // The kill comes a random while after the first whole write, so a slow machine still kills mid-stream.
+        std::atomic<int> writes{0};
+        std::atomic<bool> stopped{false};
+        int delay_ms = std::uniform_int_distribution<int>(30, 250)(rng);
+        std::thread killer([&] {
+            kvn_test::wait_until([&] { return writes > 0 || stopped; });
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
+            kill(pid, SIGKILL);
+        });
+        RawClient c(sim.socket());
+        ASSERT_TRUE(c.bind(kExtend));
+        uint16_t txn = 0;
+        for (bool alive = true; alive;) {
+            for (int i = 0; i < 4 && alive; ++i) {
+                b = static_cast<uint8_t>(b % 250 + 1);
+                NvEfsRequest nv{2, 0, static_cast<uint16_t>(6000 + i), "", 1u + b, 0, 0, Bytes(1 + b, b)};
+                alive = nvefs(c, nv, ++txn) && write_file(c, "/dur/f" + std::to_string(i), Bytes(500 + 3 * b, b), txn);
+                writes += alive;
+            }
+        }
+        stopped = true;
+        killer.join();
+        EXPECT_GT(writes, 0);
+    }
+    ASSERT_TRUE(sim.start());
 }
 
 } // namespace

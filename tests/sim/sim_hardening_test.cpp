@@ -1,80 +1,11 @@
-// sim_hardening_test.cpp - kvn-sim against hostile input, in-process: control
-// fields of the wrong type or out of range, properties that are not UTF-8,
-// links planted in the state directory, files that are not regular, and the
-// router's bounds (transaction id 0, back-pressure, the total of unsent
-// bytes, per-process and total connection limits, the first-packet deadline).
-#include <gtest/gtest.h>
+// sim_hardening_test.cpp - kvn-sim against hostile input in-process: control, loads, the store, the router.
+#include "sim_test.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <thread>
-
-#include "control.h"
-#include "handset.h"
-#include "kvn_wire.h"
-#include "process.h"
-#include "router.h"
-#include "services/services.h"
-
-using namespace kvn_sim;
-namespace fs = std::filesystem;
-using nlohmann::json;
-
-namespace {
-
-std::string slurp(const fs::path &p)
-{
-    std::ifstream in(p, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-// A handset on a fresh state directory, with a Router that is never run
-// (control ops and in-process connections only).
-struct Bench {
-    kvn_test::TempDir dir;
-    Handset h{dir.path() + "/state"};
-    std::unique_ptr<Router> router;
-
-    explicit Bench(RouterLimits limits = {})
-    {
-        std::string err;
-        EXPECT_TRUE(h.init(&err)) << err;
-        register_all_services(h);
-        router = std::make_unique<Router>(h, -1, -1, limits);
-        router->set_control(make_control_handler(h, *router, DaemonInfo{"sock", "state"}));
-    }
-    fs::path state() const { return dir.path() + "/state"; }
-};
-
-Bytes packet(kvn_wire::Kind kind, uint32_t service = 0, const Bytes &payload = {})
-{
-    kvn_wire::Header hd;
-    hd.kind = kind;
-    hd.service = service;
-    return kvn_wire::encode_packet(hd, payload);
-}
-
-Bytes qmi_request(uint16_t txn)
-{
-    Bytes q = {0, static_cast<uint8_t>(txn), static_cast<uint8_t>(txn >> 8), 2, 0, 0, 0};
-    return packet(kvn_wire::Kind::Qmi, 0xFFE4, q);
-}
-
-} // namespace
-
-/* ---- control requests ---- */
+using namespace sim_test;
 
 TEST(Hardening, ControlFieldsAreTypeAndRangeChecked)
 {
     Bench b;
-    auto ctl = make_control_handler(b.h, *b.router, DaemonInfo{"sock", "state"});
     const std::pair<const char *, const char *> cases[] = {
         {R"({"op":5})", "\"op\""},
         {R"({"id":1})", "\"op\""},
@@ -98,20 +29,14 @@ TEST(Hardening, ControlFieldsAreTypeAndRangeChecked)
         {R"({"op":"efs_ls","sub":0,"path":["/"]})", "\"path\""},
         {R"({"op":"load"})", "\"document\""},
     };
-    for (const auto &[text, names] : cases) {
-        bool ok = true;
-        json reply = ctl(json::parse(text), &ok);
-        EXPECT_FALSE(ok) << text;
-        EXPECT_NE(reply.value("error", std::string()).find(names), std::string::npos) << text << " → " << reply;
-    }
+    for (const auto &[text, names] : cases)
+        EXPECT_NE(b.error(json::parse(text)).find(names), std::string::npos) << text;
     EXPECT_TRUE(b.h.faults.all().empty()) << "no refused fault was added";
     for (auto &e : b.h.services.entries())
         EXPECT_TRUE(e.up) << "the refused ssr took nothing down";
 
     // In range, the same ops work, and the numbers arrive unchanged.
-    bool ok = false;
-    ctl(json::parse(R"({"op":"fault","service":"extend","kind":"drop","msg":65535,"count":4294967295})"), &ok);
-    ASSERT_TRUE(ok);
+    b.call(json::parse(R"({"op":"fault","service":"extend","kind":"drop","msg":65535,"count":4294967295})"), true);
     EXPECT_EQ(b.h.faults.all().at(0).msg_id, 65535);
     EXPECT_EQ(b.h.faults.all().at(0).count, 4294967295u);
 
@@ -126,7 +51,78 @@ TEST(Hardening, ControlFieldsAreTypeAndRangeChecked)
     }
 }
 
-/* ---- properties ---- */
+TEST(Hardening, ControlOpensNoHostFileAndStagedUploadsAreBounded)
+{
+    Bench b;
+    const std::string secret = b.dir.path() + "/secret";
+    std::ofstream(secret) << "root only";
+    for (json req : {json{{"op", "load"}, {"file", secret}}, json{{"op", "efs_put"}, {"sub", 0}, {"path", "/s"}, {"file", secret}}})
+        EXPECT_NE(b.error(req).find("opens no host file"), std::string::npos);
+    EXPECT_FALSE(b.h.store.efs_size(0, "/s"));
+
+    // A document in two chunks, loaded by its upload id, consumed.
+    std::string doc = R"({"properties": {"persist.a": ")" + std::string(80, 'v') + R"("}})";
+    auto first = b.call({{"op", "upload"}, {"hex", to_hex(reinterpret_cast<const uint8_t *>(doc.data()), 10)}}, true);
+    b.call({{"op", "upload"}, {"upload", first["upload"]}, {"hex", to_hex(reinterpret_cast<const uint8_t *>(doc.data()) + 10, doc.size() - 10)}}, true);
+    b.call({{"op", "load"}, {"upload", first["upload"]}}, true);
+    EXPECT_EQ(b.h.props.get("persist.a"), std::string(80, 'v'));
+    EXPECT_NE(b.error({{"op", "load"}, {"upload", first["upload"]}}).find("no upload"), std::string::npos);
+    b.call({{"op", "load"}, {"document", R"({"properties": {"persist.b": "1"}})"}}, true);
+    EXPECT_EQ(b.h.props.get("persist.b"), "1");
+
+    // At most 4 live: a fifth drops the oldest.
+    std::vector<json> ids;
+    for (int i = 0; i < 5; ++i)
+        ids.push_back(b.call({{"op", "upload"}, {"hex", "01"}}, true)["upload"]);
+    EXPECT_NE(b.error({{"op", "efs_put"}, {"sub", 0}, {"path", "/o"}, {"upload", ids[0]}}).find("no upload"), std::string::npos);
+    b.call({{"op", "efs_put"}, {"sub", 0}, {"path", "/o"}, {"upload", ids[4]}}, true);
+    EXPECT_EQ(b.h.store.efs_size(0, "/o"), 1u);
+
+    // Bounds: a chunk, an EFS file, a whole upload.
+    EXPECT_NE(b.error({{"op", "upload"}, {"hex", std::string(48002, '0')}}).find("more than 24000 bytes"), std::string::npos);
+    json big = b.call({{"op", "upload"}, {"hex", std::string(48000, '0')}}, true)["upload"];
+    for (int i = 0; i < 4; ++i)
+        b.call({{"op", "upload"}, {"upload", big}, {"hex", std::string(48000, '0')}}, true);
+    EXPECT_NE(b.error({{"op", "efs_put"}, {"sub", 0}, {"path", "/z"}, {"upload", big}}).find("over the bound of 102410"), std::string::npos);
+    big = b.call({{"op", "upload"}, {"hex", std::string(48000, '0')}}, true)["upload"];
+    std::string err;
+    for (size_t n = 24000; n <= kMaxScenarioBytes && err.empty(); n += 24000) {
+        bool ok = true;
+        err = b.ctl({{"op", "upload"}, {"upload", big}, {"hex", std::string(48000, '0')}}, &ok).value("error", "");
+    }
+    EXPECT_NE(err.find("over the bound of 4194304 bytes"), std::string::npos) << err;
+}
+
+TEST(Hardening, ALoadIsAllOrNothing)
+{
+    Bench b;
+    std::string err;
+    ASSERT_TRUE(b.h.store.efs_put(0, "/nv/x", {1}, &err)) << err;
+    ASSERT_TRUE(b.h.store.efs_put(0, "/f", {1}, &err)) << err;
+    const char *docs[] = {
+        R"({"efs": {"0": {"/aaa_first": "01", "/nv": "02"}}})",         // a directory in the way
+        R"({"efs": {"0": {"/aaa_first": "01", "/f/under": "02"}}})",    // a file where a directory goes
+        R"({"efs": {"0": {"/aaa_first": "01", "/d": "02", "/d/e": "03"}}})", // within the document
+        R"({"efs": {"0": {"/aaa_first": "01", "//g/h": "02", "/g": "03"}}})",
+    };
+    for (const char *doc : docs) {
+        EXPECT_FALSE(apply_scenario_text(b.h, doc, &err)) << doc;
+        EXPECT_FALSE(b.h.store.efs_size(0, "/aaa_first")) << doc << ": " << err;
+    }
+    for (int i = 0; i < 10; ++i) {
+        json many = {{"faults", json::array()}};
+        for (int k = 0; k < 1000; ++k)
+            many["faults"].push_back({{"service", "extend"}, {"msg", 1u}, {"kind", "drop"}});
+        ASSERT_TRUE(apply_scenario(b.h, many, &err)) << err;
+    }
+    EXPECT_FALSE(apply_scenario(b.h, json::parse(R"({"faults": [{"service": "extend", "msg": 1, "kind": "drop"}],
+                                                    "properties": {"persist.c": "1"}})"), &err));
+    EXPECT_NE(err.find("the bound on faults"), std::string::npos) << err;
+    EXPECT_FALSE(b.h.props.get("persist.c"));
+    EXPECT_NE(b.error({{"op", "fault"}, {"service", "extend"}, {"kind", "drop"}, {"msg", 1}}).find("bound on faults"), std::string::npos);
+    b.call({{"op", "fault_clear"}}, true);
+    EXPECT_EQ(b.h.faults.all().capacity(), 0u) << "the memory is given back";
+}
 
 TEST(Hardening, PropertiesThatAreNotUtf8AreKeptFaithfully)
 {
@@ -154,10 +150,7 @@ TEST(Hardening, PropertiesThatAreNotUtf8AreKeptFaithfully)
     EXPECT_TRUE(is_utf8("\xf0\x9f\x93\xb1"));
 }
 
-/* ---- the state directory ---- */
-
-// Links planted in the state directory lead nowhere: nothing outside it is
-// read, written or deleted through them.
+// Links planted in the state directory lead nowhere: nothing outside it is read, written or deleted through them.
 TEST(Hardening, LinksPlantedInTheStoreAreNotFollowed)
 {
     Bench b;
@@ -174,17 +167,10 @@ TEST(Hardening, LinksPlantedInTheStoreAreNotFollowed)
     const Bytes data = {1, 2, 3};
 
     EXPECT_FALSE(s.efs_put(0, "/dirlink/new", data, &err)) << "a directory link on the way";
-    EXPECT_FALSE(s.efs_size(0, "/dirlink/secret"));
-    EXPECT_FALSE(s.efs_read(0, "/dirlink/secret", 0, 10));
-    EXPECT_FALSE(s.efs_rm(0, "/dirlink/secret"));
-    EXPECT_FALSE(s.efs_size(0, "/filelink"));
-    EXPECT_FALSE(s.efs_read(0, "/filelink", 0, 10));
-    EXPECT_FALSE(s.efs_rm(0, "/filelink"));
-    EXPECT_TRUE(s.efs_ls(0, "/").empty()) << "links are not listed";
-    EXPECT_TRUE(s.efs_ls(0, "/dirlink").empty());
-    EXPECT_FALSE(s.nv_get(0, 550));
-    EXPECT_FALSE(s.nv_get(1, 1));
-    EXPECT_FALSE(s.nv_set(1, 7, data, &err));
+    for (const char *p : {"/dirlink/secret", "/filelink"})
+        EXPECT_FALSE(s.efs_size(0, p) || s.efs_read(0, p, 0, 10) || s.efs_rm(0, p)) << p;
+    EXPECT_TRUE(s.efs_ls(0, "/").empty() && s.efs_ls(0, "/dirlink").empty()) << "links are not listed";
+    EXPECT_FALSE(s.nv_get(0, 550) || s.nv_get(1, 1) || s.nv_set(1, 7, data, &err));
     // Writing over a link replaces the link, never what it points at.
     EXPECT_TRUE(s.efs_put(0, "/filelink", data, &err)) << err;
     EXPECT_TRUE(s.nv_set(0, 550, data, &err)) << err;
@@ -193,8 +179,7 @@ TEST(Hardening, LinksPlantedInTheStoreAreNotFollowed)
     EXPECT_EQ(std::distance(fs::directory_iterator(o), fs::directory_iterator()), 1) << "nothing created outside";
 }
 
-// The temp area has a name of kvn-sim's own; only kvn-sim's temp files in it
-// are cleared at start. Files that are not regular are refused, not waited on.
+// Only kvn-sim's own temp files in its own temp area are cleared at start; files that are not regular are refused.
 TEST(Hardening, TempAreaAndNonRegularFiles)
 {
     kvn_test::TempDir dir;
@@ -219,17 +204,9 @@ TEST(Hardening, TempAreaAndNonRegularFiles)
     }
     std::ofstream(st / "big") << std::string(1001, 'x');
     EXPECT_FALSE(read_file(st / "big", 1000, &err));
-    Router r(h, -1, -1);
-    auto ctl = make_control_handler(h, r, DaemonInfo{});
-    for (json req : {json{{"op", "load"}, {"file", (st / "fifo").string()}},
-                     json{{"op", "efs_put"}, {"sub", 0}, {"path", "/f"}, {"file", (st / "fifo").string()}}}) {
-        bool ok = true;
-        EXPECT_NE(ctl(req, &ok).value("error", "").find("opens no host file"), std::string::npos) << req;
-        EXPECT_FALSE(ok) << req;
-    }
 }
 
-/* ---- the router's bounds, in-process ---- */
+Bytes qmi_request(uint16_t txn) { return packet(Kind::Qmi, kExtend, {0, uint8_t(txn), uint8_t(txn >> 8), 2, 0, 0, 0}); }
 
 TEST(Hardening, RouterRefusesTxnZeroAndHoldsBackInputWhileOutputIsFull)
 {
@@ -250,13 +227,10 @@ TEST(Hardening, RouterRefusesTxnZeroAndHoldsBackInputWhileOutputIsFull)
     EXPECT_FALSE(r.take_output(c).empty());
     r.close_local(c);
 
-    // 200 LIST requests at once: replies pile up only to the high mark, the
-    // rest of the input waits, and goes on as the output is taken.
-    Bytes many;
-    for (int i = 0; i < 200; ++i) {
-        Bytes p = packet(kvn_wire::Kind::List, 0xFFE4);
-        many.insert(many.end(), p.begin(), p.end());
-    }
+    // 200 LIST requests at once: replies pile up only to the high mark, the rest waits until output is taken.
+    Bytes many, list = packet(Kind::List, kExtend);
+    for (int i = 0; i < 200; ++i)
+        many.insert(many.end(), list.begin(), list.end());
     uint64_t a = r.open_local();
     ASSERT_TRUE(r.feed_local(a, many.data(), many.size()));
     EXPECT_LE(r.stats().output_bytes, lim.output_high + 100);
@@ -265,8 +239,7 @@ TEST(Hardening, RouterRefusesTxnZeroAndHoldsBackInputWhileOutputIsFull)
         replies += out.size() / 28; // a LIST_REPLY with one service record
     EXPECT_EQ(replies, 200u);
 
-    // Two connections that never read: past the total, the one holding the
-    // most unsent bytes is closed.
+    // Two connections that never read: past the total, the one holding the most unsent bytes is closed.
     uint64_t big = r.open_local(), small = r.open_local();
     ASSERT_TRUE(r.feed_local(big, many.data(), many.size()));
     EXPECT_TRUE(r.feed_local(small, many.data(), many.size() / 2));
@@ -276,109 +249,61 @@ TEST(Hardening, RouterRefusesTxnZeroAndHoldsBackInputWhileOutputIsFull)
     EXPECT_LE(r.stats().output_bytes, lim.output_total);
 }
 
-namespace {
-
-// A Router serving a listening socket on a thread of its own; stopped and
-// joined when the object goes away.
-class LiveRouter {
-public:
-    explicit LiveRouter(RouterLimits lim) : bench_(lim)
+// A Router serving a listening socket on a thread of its own; stopped and joined when the object goes away.
+struct LiveRouter {
+    explicit LiveRouter(RouterLimits lim) : bench(lim), path(bench.dir.path() + "/s.sock")
     {
-        path_ = dir_.path() + "/s.sock";
-        listen_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path_.c_str());
-        EXPECT_EQ(bind(listen_, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-        EXPECT_EQ(listen(listen_, 64), 0);
-        EXPECT_EQ(pipe2(stop_, O_CLOEXEC | O_NONBLOCK), 0);
-        router_ = std::make_unique<Router>(bench_.h, listen_, stop_[0], lim);
-        thread_ = std::thread([this] { router_->run(); });
+        listen_fd = listen_at(path, SOCK_NONBLOCK);
+        EXPECT_EQ(pipe2(stop, O_CLOEXEC | O_NONBLOCK), 0);
+        router = std::make_unique<Router>(bench.h, listen_fd, stop[0], lim);
+        thread = std::thread([this] { router->run(); });
     }
     ~LiveRouter()
     {
         char buf[128] = {};
-        (void)!write(stop_[1], buf, sizeof buf); // read as a stop signal
-        thread_.join();
-        close(listen_);
-        close(stop_[0]);
-        close(stop_[1]);
+        (void)!write(stop[1], buf, sizeof buf); // read as a stop signal
+        thread.join();
+        for (int fd : {listen_fd, stop[0], stop[1]})
+            close(fd);
     }
-    // A new connection; with `ask`, one LIST exchanged on it first.
-    int client(bool ask = true) const
-    {
-        int fd = kvn_wire::connect_unix(path_);
-        if (ask && !answers(fd))
-            ADD_FAILURE() << "no LIST_REPLY";
-        return fd;
-    }
-    static bool answers(int fd)
-    {
-        Bytes p = packet(kvn_wire::Kind::List, 0xFFE4);
-        if (send(fd, p.data(), p.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(p.size()))
-            return false;
-        auto r = kvn_wire::read_packet(fd, 10000);
-        return r && r->hdr.kind == kvn_wire::Kind::ListReply;
-    }
-    // True once the router has closed fd (waits up to 10 s).
-    static bool closed_by_router(int fd)
-    {
-        pollfd p{fd, POLLIN, 0};
-        char c;
-        return poll(&p, 1, 10000) == 1 && recv(fd, &c, 1, 0) == 0;
-    }
-
-private:
-    Bench bench_;
-    kvn_test::TempDir dir_;
-    std::string path_;
-    int listen_ = -1;
-    int stop_[2] = {-1, -1};
-    std::unique_ptr<Router> router_;
-    std::thread thread_;
+    Bench bench;
+    std::string path;
+    int listen_fd = -1, stop[2] = {-1, -1};
+    std::unique_ptr<Router> router;
+    std::thread thread;
 };
 
-} // namespace
+bool answers(RawClient &c) { return c.send(Kind::List, kExtend) && c.next_kind(10000) == Kind::ListReply; }
 
 TEST(Hardening, RouterConnectionLimits)
 {
-    struct Case {
-        const char *what;
-        size_t total, per_process;
-        std::chrono::milliseconds handshake;
-    };
-    const Case cases[] = {
-        {"per process", 100, 3, std::chrono::milliseconds(60000)},
-        {"longest idle evicted when full", 3, 100, std::chrono::milliseconds(60000)},
-        {"first packet deadline", 100, 100, std::chrono::milliseconds(200)},
-    };
-    for (const auto &tc : cases) {
-        SCOPED_TRACE(tc.what);
+    const std::tuple<const char *, size_t, size_t, int> cases[] = {
+        {"per process", 100, 3, 60000}, {"longest idle evicted when full", 3, 100, 60000},
+        {"first packet deadline", 100, 100, 200}};
+    for (const auto &[what, total, per_process, handshake_ms] : cases) {
+        SCOPED_TRACE(what);
         RouterLimits lim;
-        lim.max_connections = tc.total;
-        lim.max_per_process = tc.per_process;
-        lim.handshake = tc.handshake;
+        lim.max_connections = total;
+        lim.max_per_process = per_process;
+        lim.handshake = std::chrono::milliseconds(handshake_ms);
         LiveRouter r(lim);
-        std::vector<int> fds;
-        for (int i = 0; i < 3; ++i) {
-            fds.push_back(r.client());
+        std::vector<std::unique_ptr<RawClient>> c;
+        for (int i = 0; i < 4; ++i) {
+            c.push_back(std::make_unique<RawClient>(r.path));
+            EXPECT_TRUE(i == 3 || answers(*c.back())) << "no LIST_REPLY";
             std::this_thread::sleep_for(std::chrono::milliseconds(5)); // distinct idle times
         }
-        int extra = r.client(false);
-        if (tc.per_process == 3) {
-            EXPECT_TRUE(LiveRouter::closed_by_router(extra)) << "the 4th of one process is refused";
-            for (int fd : fds)
-                EXPECT_TRUE(LiveRouter::answers(fd));
-        } else if (tc.total == 3) {
-            EXPECT_TRUE(LiveRouter::answers(extra)) << "a new client gets in";
-            EXPECT_TRUE(LiveRouter::closed_by_router(fds[0])) << "the longest idle made room";
-            EXPECT_TRUE(LiveRouter::answers(fds[1]));
+        if (per_process == 3) {
+            EXPECT_TRUE(c[3]->closed_by_peer(10000)) << "the 4th of one process is refused";
+            for (int i = 0; i < 3; ++i)
+                EXPECT_TRUE(answers(*c[i]));
+        } else if (total == 3) {
+            EXPECT_TRUE(answers(*c[3])) << "a new client gets in";
+            EXPECT_TRUE(c[0]->closed_by_peer(10000)) << "the longest idle made room";
+            EXPECT_TRUE(answers(*c[1]));
         } else {
-            EXPECT_TRUE(LiveRouter::closed_by_router(extra)) << "silent past the deadline";
-            EXPECT_TRUE(LiveRouter::answers(fds[0])) << "a client that spoke stays";
+            EXPECT_TRUE(c[3]->closed_by_peer(10000)) << "silent past the deadline";
+            EXPECT_TRUE(answers(*c[0])) << "a client that spoke stays";
         }
-        fds.push_back(extra);
-        for (int fd : fds)
-            close(fd);
     }
 }

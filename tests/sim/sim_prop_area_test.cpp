@@ -1,22 +1,12 @@
-// sim_prop_area_test.cpp - the property area (kvn-sim's writer against the client's
-// property_get, in one process and through a daemon); the client's one log connection.
+// sim_prop_area_test.cpp - the property area (writer against property_get) and the client's one log connection.
 #include <android/log.h>
 #include <cutils/properties.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
-#include <thread>
 
 #include "prop_area.h"
 #include "prop_area_layout.h"
-#include "sim_handset.h"
+#include "sim_test.h"
 
 namespace {
 
@@ -36,8 +26,7 @@ protected:
     std::string socket = dir.path() + "/s.sock", area = socket + ".props";
 };
 
-// Readers racing a writer that flips between a short and a long value only
-// ever see one of the two whole.
+// Readers racing a writer that flips between a short and a long value only ever see one of the two whole.
 TEST_F(PropAreaTest, ReadersNeverSeeATornValue)
 {
     auto w = make(area);
@@ -60,8 +49,8 @@ TEST_F(PropAreaTest, ReadersNeverSeeATornValue)
     EXPECT_GT(seen_b.load(), 0);
 }
 
-// Every change shows at the next read, also across a daemon replaced with an
-// area of its own; once the area is gone the value is unset again.
+// Every change shows at the next read, also across a daemon replaced with an area of its own; once the area is gone the
+// value is unset again.
 TEST_F(PropAreaTest, NextReadSeesEveryChangeAndAReplacement)
 {
     auto first = make(area);
@@ -76,9 +65,8 @@ TEST_F(PropAreaTest, NextReadSeesEveryChangeAndAReplacement)
     EXPECT_EQ("unset", get("p"));
 }
 
-// A reader trusts neither a link nor a file others may write. The writer
-// makes an owner-only file and replaces a link planted at its path without
-// writing through it (here to another daemon's area, which stays alive).
+// A reader trusts neither a link nor a file others may write. The writer makes an owner-only file and replaces a link
+// planted at its path without writing through it (here to another daemon's area, which stays alive).
 TEST_F(PropAreaTest, FileIsOwnerOnlyAndLinksAreNotFollowed)
 {
     std::string real = dir.path() + "/real.props";
@@ -103,9 +91,8 @@ TEST_F(PropAreaTest, FileIsOwnerOnlyAndLinksAreNotFollowed)
     EXPECT_EQ(0u, h.dead) << "marked the linked area dead";
 }
 
-// Through a daemon: property_set returns once readers see the value, a
-// change made another way shows at the next read, and the area of a daemon
-// that died is not trusted.
+// Through a daemon: property_set returns once readers see the value, a change made another way shows at the next read,
+// and the area of a daemon that died is not trusted.
 TEST(PropAreaDaemon, ChangesShowAtOnceAndADeadDaemonIsNotTrusted)
 {
     kvn_test::SimHandset sim;
@@ -116,21 +103,15 @@ TEST(PropAreaDaemon, ChangesShowAtOnceAndADeadDaemonIsNotTrusted)
     EXPECT_EQ(3, property_get("persist.t", v, ""));
     sim.ctl({"prop", "set", "persist.t", "second"});
     EXPECT_EQ(6, property_get("persist.t", v, ""));
-    std::string status = sim.ctl({"status"}).out;
-    ASSERT_EQ(0, kill(atoi(status.c_str() + status.find("pid ") + 4), SIGKILL));
-    for (int i = 0; i < 5000 && property_get("persist.t", v, "") != 0; ++i)
-        usleep(1000);
+    ASSERT_EQ(0, kill(sim_test::daemon_pid(sim), SIGKILL));
+    EXPECT_TRUE(kvn_test::wait_until([&] { return property_get("persist.t", v, "") == 0; }, std::chrono::seconds(5)));
     EXPECT_STREQ("", v);
 }
 
 // Log lines share one connection per process, and a closed one is replaced.
 TEST_F(PropAreaTest, LogLinesShareOneConnection)
 {
-    int l = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    sockaddr_un a{AF_UNIX, {}};
-    socket.copy(a.sun_path, sizeof a.sun_path - 1);
-    ASSERT_EQ(0, bind(l, reinterpret_cast<sockaddr *>(&a), sizeof a));
-    ASSERT_EQ(0, listen(l, 8));
+    int l = sim_test::listen_at(socket, SOCK_NONBLOCK);
     for (int round = 0; round < 2; ++round) {
         for (int i = 0; i < 3; ++i)
             ASSERT_EQ(4, __android_log_print(ANDROID_LOG_INFO, "t", "line"));
