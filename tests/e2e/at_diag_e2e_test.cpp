@@ -1,6 +1,4 @@
-// at_diag_e2e_test.cpp - group 8 (AT command) and the diag send of group 5 run
-// as processes against kvn-sim: what reaches the handset's AT terminal and
-// diag responder is read back from its journal.
+// at_diag_e2e_test.cpp - group 8 (AT command) and the diag send of group 5 against kvn-sim and its journal.
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -10,12 +8,8 @@
 #include "device_tests_e2e.h"
 
 using namespace devtests;
-using help_text::for_group;
 
 namespace {
-
-const std::string kReceiverStarted = "The thread to receive data from serial is started";
-const std::string kReceiverClosed = "The at channel is not opened, g_at_serial_fd 0";
 
 std::vector<std::string> lines_of(const std::string &out)
 {
@@ -26,8 +20,8 @@ std::vector<std::string> lines_of(const std::string &out)
     return v;
 }
 
-// The receiver's two lines come in their order, anywhere after the line that
-// announces the thread; the command thread's lines are exactly `main`.
+// The receiver's two lines come in their order, anywhere after the line that announces the thread; the command
+// thread's lines are exactly `main`.
 void expect_at_run(const std::string &out, const std::vector<std::string> &main)
 {
     std::vector<std::string> rest;
@@ -36,9 +30,9 @@ void expect_at_run(const std::string &out, const std::vector<std::string> &main)
     for (size_t i = 0; i < all.size(); ++i) {
         if (all[i] == "Will create a thread to receive data from serial")
             announced = i;
-        if (all[i] == kReceiverStarted && started == SIZE_MAX)
+        if (all[i] == "The thread to receive data from serial is started" && started == SIZE_MAX)
             started = i;
-        else if (all[i] == kReceiverClosed && closed == SIZE_MAX)
+        else if (all[i] == "The at channel is not opened, g_at_serial_fd 0" && closed == SIZE_MAX)
             closed = i;
         else
             rest.push_back(all[i]);
@@ -65,8 +59,6 @@ std::vector<std::string> at_journal(const SimHandset &sim)
     return out;
 }
 
-/* ---- group 8 ---- */
-
 TEST(AtCmdE2e, PlainCommandReachesTheTerminal)
 {
     SimHandset sim;
@@ -83,8 +75,7 @@ TEST(AtCmdE2e, PlainCommandReachesTheTerminal)
     EXPECT_EQ(at_journal(sim), (std::vector<std::string>{hex_of("AT+CGMI"), hex_of("at+cops?")}));
 }
 
-// Notes follow the shell flag; the help is printed either way; nothing is
-// written to the terminal.
+// Notes follow the shell flag; the help is printed either way; nothing is written to the terminal.
 TEST(AtCmdE2e, ArgumentAndLengthChecks)
 {
     SimHandset sim;
@@ -102,25 +93,16 @@ TEST(AtCmdE2e, ArgumentAndLengthChecks)
     EXPECT_EQ(at_journal(sim), std::vector<std::string>{hex_of(c100)});
 }
 
-// Quotes, $, backticks, backslashes (echo escapes) and single quotes reach
-// the modem as typed, and the shell runs none of it.
+// Quotes, $, backticks, backslashes (echo escapes) and single quotes reach the modem as typed; the shell runs none.
 TEST(AtCmdE2e, HostileInputsReachTheModemAsTyped)
 {
     SimHandset sim;
     const std::string marker = sim.dir() + "/ran";
     const std::string path = at_path(sim);
-    const std::vector<std::string> inputs = {
-        "AT\"$(touch${IFS}" + marker + ")\"",
-        "AT`touch${IFS}" + marker + "`",
-        "AT$(touch${IFS}" + marker + ")",
-        "AT'$(touch${IFS}" + marker + ")'",
-        "AT;touch>" + marker,
-        "AT\\c",
-        "AT\\0101",
-        "AT\\\\\"'",
-        "AT'x'",
-        std::string(100, '\''),
-    };
+    const std::vector<std::string> inputs = {"AT\"$(touch${IFS}" + marker + ")\"", "AT`touch${IFS}" + marker + "`",
+                                             "AT$(touch${IFS}" + marker + ")", "AT'$(touch${IFS}" + marker + ")'",
+                                             "AT;touch>" + marker, "AT\\c", "AT\\0101", "AT\\\\\"'", "AT'x'",
+                                             std::string(100, '\'')};
     std::vector<std::string> expected;
     for (const auto &in : inputs) {
         SCOPED_TRACE(in);
@@ -136,8 +118,7 @@ TEST(AtCmdE2e, HostileInputsReachTheModemAsTyped)
         << r.out;
 }
 
-// With the channel down, or no handset at all, the write fails and nothing is
-// created on the host.
+// With the channel down, or no handset at all, the write fails and nothing is created on the host.
 TEST(AtCmdE2e, ChannelDownOrNoHandsetCreatesNothing)
 {
     SimHandset sim;
@@ -159,8 +140,7 @@ TEST(AtCmdE2e, ChannelDownOrNoHandsetCreatesNothing)
     EXPECT_EQ(at_journal(sim), std::vector<std::string>{hex_of("AT")});
 }
 
-// The terminal itself: lines end at a carriage return, line feeds and empty
-// lines are not journalled, and each line is answered OK or ERROR, raw.
+// The terminal: lines end at a CR, line feeds and empty lines are not journalled, each line is answered raw.
 TEST(AtCmdE2e, TerminalSplitsLinesAndAnswers)
 {
     SimHandset sim;
@@ -184,14 +164,10 @@ TEST(AtCmdE2e, TerminalSplitsLinesAndAnswers)
     EXPECT_EQ(at_journal(sim), (std::vector<std::string>{hex_of("AT"), hex_of("foo"), hex_of("at+x")}));
 }
 
-/* ---- diag send (group 5, sub-command 0) ---- */
-
 std::vector<nlohmann::json> diag_journal(const SimHandset &sim) { return journal_of(sim, "diag"); }
 
-// The three ways out of the handler, whole output: too few inputs and a failed
-// send return at once (no exit trace), only a send that went through traces
-// its exit. The four modes are journalled with their mode; a mode of 2 is DCI
-// and a type of 2 is without result.
+// The diag send's three ways out, whole output: too few inputs and a failed send return at once (no exit trace),
+// only a send that went through traces its exit. Modes are journalled; a mode of 2 is DCI, a type of 2 no result.
 TEST(DiagSendE2e, ThreePathsAndFourModes)
 {
     SimHandset sim;
@@ -235,8 +211,8 @@ TEST(DiagSendE2e, ThreePathsAndFourModes)
     EXPECT_EQ(sim.kvn({"5", "0", "0", "0", "1000", "0"}, shell_flag("0")).out, "");
 }
 
-// Built-in answers start with the request's code; an unknown code is echoed
-// behind 0x13; the scenario's replies win, matched on the whole request.
+// Built-in answers start with the request's code, an unknown code is echoed behind 0x13; the scenario's replies
+// win, matched on the whole request.
 TEST(DiagSendE2e, RepliesAndUnknownCommandEcho)
 {
     SimHandset sim(R"({"diag_replies": {"4B:13:0a:00": "de ad", "01 02": {"text": "ok"}}})");
@@ -268,8 +244,7 @@ TEST(DiagSendE2e, RepliesAndUnknownCommandEcho)
     }
 }
 
-// A request the responder never answers fails after the time-out with the
-// library's code; a late one within it succeeds.
+// A request never answered fails after the time-out with the library's code; a late one within it succeeds.
 TEST(DiagSendE2e, NoReplyAndDelay)
 {
     SimHandset sim(R"({"faults": [{"service": "diag", "msg": 1, "kind": "no-reply", "count": 1}]})");

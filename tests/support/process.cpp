@@ -24,24 +24,21 @@ namespace {
 std::vector<std::string> build_env(const ProcessOptions &opt)
 {
     std::map<std::string, std::string> env;
-    for (char **e = environ; *e; ++e) {
-        std::string kv = *e;
-        auto eq = kv.find('=');
-        if (eq != std::string::npos)
-            env[kv.substr(0, eq)] = kv.substr(eq + 1);
-    }
-    for (const auto &[k, v] : opt.env) {
+    for (char **e = environ; *e; ++e)
+        if (const char *eq = strchr(*e, '='))
+            env[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
+    for (const auto &[k, v] : opt.env)
         if (v)
             env[k] = *v;
         else
             env.erase(k);
-    }
     std::vector<std::string> out;
     for (const auto &[k, v] : env)
         out.push_back(k + "=" + v);
     return out;
 }
 
+// Both ends of a pipe, closed when it goes away.
 struct Pipe {
     int fd[2] = {-1, -1};
     Pipe()
@@ -51,9 +48,8 @@ struct Pipe {
     }
     ~Pipe()
     {
-        for (int f : fd)
-            if (f >= 0)
-                close(f);
+        close_end(0);
+        close_end(1);
     }
     void close_end(int i)
     {
@@ -68,21 +64,19 @@ struct Pipe {
 ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOptions &opt)
 {
     ProcessResult res;
-    Pipe in, out, err;
+    Pipe out, err;
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, in.fd[0], 0);
+    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&fa, out.fd[1], 1);
     posix_spawn_file_actions_adddup2(&fa, err.fd[1], 2);
-
-    std::vector<char *> args;
+    std::vector<std::string> env_strings = build_env(opt);
+    std::vector<char *> args, envp;
     for (const auto &a : argv)
         args.push_back(const_cast<char *>(a.c_str()));
-    args.push_back(nullptr);
-    auto env_strings = build_env(opt);
-    std::vector<char *> envp;
     for (auto &e : env_strings)
         envp.push_back(e.data());
+    args.push_back(nullptr);
     envp.push_back(nullptr);
 
     pid_t pid = -1;
@@ -92,52 +86,36 @@ ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOpt
         res.err = std::string("spawn failed: ") + strerror(rc);
         return res;
     }
-    in.close_end(0);
     out.close_end(1);
     err.close_end(1);
 
-    // Feed stdin, then close it.
-    size_t written = 0;
-    while (written < opt.stdin_text.size()) {
-        ssize_t n = write(in.fd[1], opt.stdin_text.data() + written, opt.stdin_text.size() - written);
-        if (n <= 0)
-            break;
-        written += static_cast<size_t>(n);
-    }
-    in.close_end(1);
-
     auto deadline = std::chrono::steady_clock::now() + opt.timeout;
-    bool open_out = true, open_err = true;
+    bool open[2] = {true, true};
     char buf[65536];
-    while (open_out || open_err) {
+    while (open[0] || open[1]) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             res.timed_out = true;
             kill(pid, SIGKILL);
             break;
         }
-        pollfd fds[2] = {{open_out ? out.fd[0] : -1, POLLIN, 0}, {open_err ? err.fd[0] : -1, POLLIN, 0}};
-        int n = poll(fds, 2, static_cast<int>(std::min<long>(left.count(), 1000)));
-        if (n < 0 && errno != EINTR)
+        pollfd fds[2] = {{open[0] ? out.fd[0] : -1, POLLIN, 0}, {open[1] ? err.fd[0] : -1, POLLIN, 0}};
+        if (poll(fds, 2, static_cast<int>(std::min<long>(left.count(), 1000))) < 0 && errno != EINTR)
             break;
         for (int i = 0; i < 2; ++i) {
             if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
                 continue;
             ssize_t r = read(fds[i].fd, buf, sizeof(buf));
-            if (r > 0) {
+            if (r > 0)
                 (i == 0 ? res.out : res.err).append(buf, static_cast<size_t>(r));
-            } else {
-                (i == 0 ? open_out : open_err) = false;
-            }
+            else
+                open[i] = false;
         }
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    if (WIFEXITED(status))
-        res.exit_code = WEXITSTATUS(status);
-    else if (WIFSIGNALED(status))
-        res.exit_code = 128 + WTERMSIG(status);
+    res.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
     return res;
 }
 
@@ -160,8 +138,7 @@ std::string mask_trace_lines(const std::string &text)
 {
     static const std::regex ril(R"((RIL\[[^\]:]*:)\d+\])");
     static const std::regex sub(R"((SUB\[[^\]]*\]\[[^\]:]*:)\d+\])");
-    std::string t = std::regex_replace(text, ril, "$1N]");
-    return std::regex_replace(t, sub, "$1N]");
+    return std::regex_replace(std::regex_replace(text, ril, "$1N]"), sub, "$1N]");
 }
 
 std::string masked_out(const ProcessResult &r)

@@ -22,8 +22,7 @@ struct ProcessOptions {
     // Environment changes on top of the test's own environment: a value sets
     // the variable, std::nullopt removes it.
     std::map<std::string, std::optional<std::string>> env;
-    std::chrono::milliseconds timeout{60000};
-    std::string stdin_text;
+    std::chrono::milliseconds timeout{60000}; // stdin is /dev/null
 };
 
 // Runs argv[0] with argv and waits for it (killing it after the timeout).
