@@ -65,6 +65,18 @@ inline ProcessOptions shell_flag(const char *value)
     return o;
 }
 
+// Runs kvn with no handset to talk to, the log flag 0.
+inline ProcessResult kvn_alone(const std::vector<std::string> &args, const char *shell_flag_value = "1")
+{
+    ProcessOptions opt;
+    opt.env["KVN_SIM_SOCKET"] = "/nonexistent/kvn-sim.sock";
+    opt.env["PELMOX_SHELL_PRINT_FLAG"] = shell_flag_value;
+    opt.env["PELMOX_PRINT_FLAG"] = "0";
+    auto argv = kvn_test::kvn_command();
+    argv.insert(argv.end(), args.begin(), args.end());
+    return kvn_test::run_process(argv, opt);
+}
+
 // A command whose whole output is `on` with the shell flag at its default and `off` with the flag 0.
 struct FlagCase {
     std::vector<std::string> args;

@@ -150,14 +150,7 @@ std::string section(const std::string &name, int end, const std::string &body)
 // No modem is needed: no kvn-sim runs for these. The print flag is the whole atoi value, so 256 traces.
 TEST(StatsE2e, SelfTestAndDispatcherLines)
 {
-    ProcessOptions none;
-    none.env["KVN_SIM_SOCKET"] = "/nonexistent/kvn-sim.sock";
-    none.env["PELMOX_SHELL_PRINT_FLAG"] = "1";
-    auto run = [&](std::vector<std::string> args) {
-        auto cmd = kvn_test::kvn_command();
-        args.insert(args.begin(), cmd.begin(), cmd.end());
-        return kvn_test::run_process(args, none).out;
-    };
+    auto run = [](const std::vector<std::string> &args) { return kvn_alone(args).out; };
     EXPECT_EQ(run({"7", "0", "0"}), "length = 48, print_flag = 0\n" + kSummary);
     EXPECT_EQ(run({"7", "0", "1"}), std::string("length = 48, print_flag = 1\n") + kSampleTrace + kSummary);
     EXPECT_EQ(run({"7", "0", "256"}).substr(0, 40), "length = 48, print_flag = 256\n    UNPK_I");
@@ -165,8 +158,8 @@ TEST(StatsE2e, SelfTestAndDispatcherLines)
     EXPECT_EQ(run({"7", "1"}), k_too_few + "pelmox_test_modem_stats_get_debug_info FAIL\n" + for_group(7));
     EXPECT_EQ(run({"7", "2"}), "invalid type = 2\n" + for_group(7));
     EXPECT_EQ(run({"7"}), k_too_few + for_group(7));
-    none.env["PELMOX_SHELL_PRINT_FLAG"] = "0"; // the notes follow the shell print flag
-    EXPECT_EQ(run({"7", "1"}), "pelmox_test_modem_stats_get_debug_info FAIL\n" + for_group(7));
+    // The notes follow the shell print flag.
+    EXPECT_EQ(kvn_alone({"7", "1"}, "0").out, "pelmox_test_modem_stats_get_debug_info FAIL\n" + for_group(7));
 }
 
 TEST(StatsE2e, DefaultBlockPrintsEverySection)

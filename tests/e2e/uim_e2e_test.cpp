@@ -77,10 +77,34 @@ std::string card_sent(const std::string &head, int type, int param_len, int valu
            k_open + send_ok(value < 0 ? 16 : 20) + "result = 0, rsp.result = 0\n" + block;
 }
 
-// One sim, commands in order: each row sees what the rows before it did to the card slots.
-TEST(UimCardCommands, QueryGetSetTypeAndHotSwapInOrder)
+// Wrong argument counts first: the note (whatever the flag), nothing sent; the dispatcher's error note follows the
+// flag, the help does not. Then commands in order, each row seeing what the rows before it did to the card slots,
+// and the vendor service gone: the send fails, its result is the error code.
+TEST(UimCardCommands, CountsQueryGetSetTypeAndHotSwapInOrder)
 {
     SimHandset sim;
+    const std::string help5_head = help_text::k_banner + "5: cmn option cmd: \n";
+    const struct {
+        std::vector<std::string> args;
+        int flag;
+        std::string head; // output up to the help banner
+    } counts[] = {
+        {{"5", "2"}, 1,
+         "pelmox_cmn_card_status_get\n\nnote: need 4 inputs, Pls refer to the following cmd:\n"
+         "\nnote: Error happen! error_code(268431370)\n"},
+        {{"5", "3", "1", "0"}, 0, "\nnote: need 6 inputs, Pls refer to the following cmd:\n"},
+        {{"5", "1", "0"}, 0, "\nnote: need 3 inputs, Pls refer to the following cmd:\n"},
+        {{"5", "6"}, 1,
+         "\nnote: need 4 inputs at least, Pls refer to the following cmd:\n"
+         "\nnote: Error happen! error_code(268431370)\n"},
+        {{"5", "6", "1", "2"}, 0, "opt: 1\n\nnote: need 7 inputs, Pls refer to the following cmd:\n"},
+    };
+    for (const auto &c : counts) {
+        std::string out = masked(sim.kvn(c.args, shell_flag(c.flag ? "1" : "0")));
+        EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), c.head) << c.args.size();
+        EXPECT_TRUE(contains(out, help5_head)) << out;
+    }
+    EXPECT_TRUE(sim.journal().empty());
     const int none = -1; // an answer block without a value
     struct Row {
         std::vector<std::string> args;
@@ -117,40 +141,9 @@ TEST(UimCardCommands, QueryGetSetTypeAndHotSwapInOrder)
     std::string out = masked(sim.kvn({"5", "2", "1"}, shell_flag("0")));
     EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), "param(cnt: 1):\n 1\npelmox_cmn_cmd_send, t: 55, l: 4\n" + k_open +
                                                     send_ok(16) + "result = 0, rsp.result = 1\nrsp.result fail\n");
-}
 
-// Wrong argument counts: the note (whatever the flag), nothing sent; the dispatcher's error note follows the flag,
-// the help does not.
-TEST(UimCardCommands, WrongCountsAndTransportFailure)
-{
-    SimHandset sim;
-    const std::string help5_head = help_text::k_banner + "5: cmn option cmd: \n";
-    struct Row {
-        std::vector<std::string> args;
-        int flag;
-        std::string head; // output up to the help banner
-    } rows[] = {
-        {{"5", "2"}, 1,
-         "pelmox_cmn_card_status_get\n\nnote: need 4 inputs, Pls refer to the following cmd:\n"
-         "\nnote: Error happen! error_code(268431370)\n"},
-        {{"5", "3", "1", "0"}, 0, "\nnote: need 6 inputs, Pls refer to the following cmd:\n"},
-        {{"5", "1", "0"}, 0, "\nnote: need 3 inputs, Pls refer to the following cmd:\n"},
-        {{"5", "6"}, 1,
-         "\nnote: need 4 inputs at least, Pls refer to the following cmd:\n"
-         "\nnote: Error happen! error_code(268431370)\n"},
-        {{"5", "6", "1", "2"}, 0, "opt: 1\n\nnote: need 7 inputs, Pls refer to the following cmd:\n"},
-    };
-    for (const auto &row : rows) {
-        auto r = sim.kvn(row.args, shell_flag(row.flag ? "1" : "0"));
-        std::string out = masked(r);
-        EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), row.head) << row.args.size();
-        EXPECT_TRUE(contains(out, help5_head)) << out;
-    }
-    EXPECT_TRUE(sim.journal().empty());
-
-    // The vendor service gone: the send fails, its result is the error code.
     ASSERT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
-    std::string out = masked(sim.kvn({"5", "4"}, shell_flag("0")));
+    out = masked(sim.kvn({"5", "4"}, shell_flag("0")));
     EXPECT_TRUE(contains(out, "result = -2, rsp.result = 0\npelmox_extend_qmi_send_sync fail\n")) << out;
 }
 
