@@ -33,7 +33,6 @@ TEST(SmartRfE2e, ArgumentChecks)
         {
             {{"11"}, k_too_few + for_group(11), for_group(11)},
             {{"11", "5"}, k_too_few + for_group(11), for_group(11)},
-            {{"12x", "0"}, for_group(0), for_group(0)},
             {{"11", "4", "2"}, "\nnote: opt(2) is invalid:\n" + for_group(11), for_group(11)},
             {{"11", "6", "-1"}, "\nnote: opt(-1) is invalid:\n" + for_group(11), for_group(11)},
             {{"11", "7"}, "invalid par_i = 7\n" + for_group(11), "invalid par_i = 7\n" + for_group(11)},

@@ -33,10 +33,10 @@ std::string check_lines(int version, int enabled, uint64_t not_supported)
 
 std::string scenario(const std::string &modem_stats) { return R"({"modem_stats": )" + modem_stats + "}"; }
 
-// A check block: version 4, the enable byte and the 8-byte not-supported count.
-std::string check_block(int enabled, const std::string &count_hex)
+// The modem's statistics: a check block (version 4, the enable byte, the 8-byte not-supported count) and `more`.
+std::string check(int enabled, const std::string &count_hex, const std::string &more = "")
 {
-    return "\"04 0" + std::to_string(enabled) + " " + count_hex + "\"";
+    return "{\"debug_info\": \"04 0" + std::to_string(enabled) + " " + count_hex + "\"" + more + "}";
 }
 
 // The request types of the extend command-4 requests journalled.
@@ -49,8 +49,7 @@ std::vector<uint32_t> request_types(const SimHandset &sim)
     return out;
 }
 
-// The self-test's trace of the built-in sample (version 0x30001), before its
-// summary lines. The five step traces run on into the next text.
+// The self-test's trace of the built-in sample (version 0x30001) before its summary; the step traces run on.
 const char kSampleTrace[] =
     "    UNPK_I, name: version, val: 196609(0x010003), val_size: 4, unpk_cnt: 4, data_base: 0, base_bit: 0\n"
     "BASE_WITH_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(0), bit(32), id(0x0)UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(31), bit(250), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 31, low: 3, high: 18, param: 250, name: mcc    UNPK_I, name: mcc_tmp1, val: 721138937611013120(0x00CC01020B00020A), val_size: 8, unpk_cnt: 39, data_base: 4, base_bit: 32\n"
@@ -176,8 +175,7 @@ TEST(StatsE2e, DefaultBlockPrintsEverySection)
     EXPECT_EQ(request_types(sim), std::vector<uint32_t>{20});
 }
 
-// The sections grow at versions 1 to 4; the end lines carry the running
-// 8-bit cursor from 1.
+// The sections grow at versions 1 to 4; the end lines carry the running 8-bit cursor from 1.
 TEST(StatsE2e, BlockVersionsAndCursorLines)
 {
     const struct {
@@ -213,9 +211,8 @@ TEST(StatsE2e, BlockVersionsAndCursorLines)
     }
 }
 
-// The check: enabled (any non-zero) and a zero count is SUCCES with one
-// request; disabled is CLOSED; a count non-zero only in its high byte fails
-// and lists the ids of a second request. From the 128th id on, the 8-bit
+// The check: enabled (any non-zero) and a zero count is SUCCES with one request; disabled is CLOSED; a count
+// non-zero only in its high byte fails and lists the ids of a second request. From the 128th id on, the 8-bit
 // offset wraps: the 128th "id" is the count itself.
 TEST(StatsE2e, CheckSuccesClosedFailAndIdWrap)
 {
@@ -229,24 +226,22 @@ TEST(StatsE2e, CheckSuccesClosedFailAndIdWrap)
         wrapped += l;
     }
     const std::string fail_head = kRule + "================= FAIL ====================\n" + kRule;
+    const std::string succes = "================ SUCCES ===================\n";
     const struct {
         const char *name;
         std::string modem_stats;
         std::string tail;
         std::vector<uint32_t> requests;
     } cases[] = {
-        {"succes", "{\"debug_info\": " + check_block(1, "00 00 00 00 00 00 00 00") + "}", check_lines(4, 1, 0) + kRule + "================ SUCCES ===================\n", {20}},
-        {"enabled 0x80", "{\"debug_info\": " + check_block(8, "00 00 00 00 00 00 00 00") + "}",
-         check_lines(4, 8, 0) + kRule + "================ SUCCES ===================\n", {20}},
-        {"closed", "{\"debug_info\": " + check_block(0, "05 00 00 00 00 00 00 00") + "}",
+        {"succes", check(1, "00 00 00 00 00 00 00 00"), check_lines(4, 1, 0) + kRule + succes, {20}},
+        {"enabled 0x80", check(8, "00 00 00 00 00 00 00 00"), check_lines(4, 8, 0) + kRule + succes, {20}},
+        {"closed", check(0, "05 00 00 00 00 00 00 00"),
          check_lines(4, 0, 5) + kRule + "================ CLOSED ===================\n", {20}},
-        {"fail", "{\"debug_info\": " + check_block(1, "00 00 00 00 00 00 00 01") +
-                     ", \"unsupported_log_ids\": [45248, 4981]}",
+        {"fail", check(1, "00 00 00 00 00 00 00 01", ", \"unsupported_log_ids\": [45248, 4981]"),
          check_lines(4, 1, 72057594037927936ull) + send_ok(14) + "UNPK[size:2], log_num = 2\n" + fail_head +
              "Diag logs to be upgraded[num:2]:\nlog_id[0]: 0xB0C0\nlog_id[1]: 0x1375\n",
          {20, 27}},
-        {"wrap", "{\"debug_info\": " + check_block(1, "01 00 00 00 00 00 00 00") + ", \"unsupported_log_ids\": [" +
-                     ids130 + "]}",
+        {"wrap", check(1, "01 00 00 00 00 00 00 00", ", \"unsupported_log_ids\": [" + ids130 + "]"),
          check_lines(4, 1, 1) + send_ok(270) + "UNPK[size:2], log_num = 130\n" + fail_head +
              "Diag logs to be upgraded[num:130]:\n" + wrapped,
          {20, 27}},
@@ -256,9 +251,7 @@ TEST(StatsE2e, CheckSuccesClosedFailAndIdWrap)
         SCOPED_TRACE(c.name);
         load(sim, scenario(c.modem_stats));
         sim.clear_journal();
-        auto r = sim.kvn({"7", "1", "0"}, shell_flag("0"));
-        std::string head = get(0) + k_open;
-        std::string out = masked_out(r);
+        std::string head = get(0) + k_open, out = masked_out(sim.kvn({"7", "1", "0"}, shell_flag("0")));
         ASSERT_EQ(out.substr(0, head.size()), head);
         std::string rest = out.substr(head.size());
         EXPECT_EQ(rest.substr(rest.find('\n', rest.find('\n') + 1) + 1), c.tail); // past the first send's lines
@@ -266,40 +259,32 @@ TEST(StatsE2e, CheckSuccesClosedFailAndIdWrap)
     }
 }
 
-/* ---- failures ---- */
-
 // Each failure line is printed once, with no line end, and ends the output.
 TEST(StatsE2e, BothRequestsFail)
 {
-    const std::string fail_block = "{\"debug_info\": " + check_block(1, "02 00 00 00 00 00 00 00");
+    const std::string fail = "02 00 00 00 00 00 00 00";
     const struct {
         const char *name;
         std::string modem_stats;
-        std::vector<std::string> fault; // a kvn-sim command before the run, or empty
-        bool down;                      // extend service down before the run
+        std::vector<std::string> before; // a kvn-sim command before the run
         std::string type;
         std::string last; // the end of the output
     } cases[] = {
-        {"20 by result, kept across a modem restart", "{\"debug_info_result\": -5}", {"ssr", "100"}, false, "1",
+        {"20 by result, kept across a modem restart", "{\"debug_info_result\": -5}", {"ssr", "100"}, "1",
          "qmi response fail, result = -5, rsp.result = -5"},
-        {"27 by result", fail_block + ", \"unsupported_log_ids_result\": 3}", {}, false, "0",
+        {"27 by result", check(1, fail, ", \"unsupported_log_ids_result\": 3"), {"status"}, "0",
          "qmi response fail, result = 3, rsp_not_support.result = 3"},
-        {"20 by fault", "{}", {"fault", "extend", "2", "qmi-error=3"}, false, "1",
+        {"20 by fault", "{}", {"fault", "extend", "2", "qmi-error=3"}, "1",
          "pelmox_common_qmi_req fail, REQUEST_ID_COMMON, result = -3, rsp.result = 0"},
-        {"27 by fault after 1", fail_block + "}", {"fault", "extend", "2", "drop", "--after", "1"}, false, "0",
+        {"27 by fault after 1", check(1, fail), {"fault", "extend", "2", "drop", "--after", "1"}, "0",
          "pelmox_common_qmi_req fail, result = -3, rsp_not_support.result = 0"},
-        {"20 service down", "{}", {}, true, "1",
+        {"20 service down", "{}", {"service", "extend", "down"}, "1",
          "pelmox_common_qmi_req fail, REQUEST_ID_COMMON, result = -2, rsp.result = 0"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         SimHandset sim(scenario(c.modem_stats));
-        if (!c.fault.empty()) {
-            ASSERT_EQ(sim.ctl(c.fault).exit_code, 0);
-        }
-        if (c.down) {
-            ASSERT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
-        }
+        ASSERT_EQ(sim.ctl(c.before).exit_code, 0);
         std::string out = sim.kvn({"7", "1", c.type}, shell_flag("0")).out;
         ASSERT_GE(out.size(), c.last.size()) << out;
         EXPECT_EQ(out.substr(out.size() - c.last.size()), c.last) << out;
@@ -307,17 +292,15 @@ TEST(StatsE2e, BothRequestsFail)
     }
 }
 
-// The second request fails when the service goes down while the modem holds
-// it unanswered.
+// The second request fails when the service goes down while the modem holds it unanswered.
 TEST(StatsE2e, NotSupportedListWithServiceGoingDown)
 {
-    SimHandset sim(scenario("{\"debug_info\": " + check_block(1, "02 00 00 00 00 00 00 00") + "}"));
+    SimHandset sim(scenario(check(1, "02 00 00 00 00 00 00 00")));
     ASSERT_EQ(sim.ctl({"fault", "extend", "2", "no-reply", "--after", "1"}).exit_code, 0);
     sim.clear_journal();
     ProcessResult r;
     std::thread run([&] { r = sim.kvn({"7", "1", "0"}, shell_flag("0")); });
-    for (int i = 0; i < 1500 && request_types(sim).size() < 2; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(kvn_test::wait_until([&] { return request_types(sim).size() >= 2; }));
     EXPECT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
     run.join();
     EXPECT_EQ(r.out.substr(r.out.rfind('\n') + 1),

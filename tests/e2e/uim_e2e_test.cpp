@@ -173,53 +173,45 @@ TEST(UimEsim, EveryOptionWithTracesOff)
     EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), "");
 }
 
+// Trace lines of fn; "{" and "}" stand for its entry and exit lines.
+std::string ril(const std::string &fn, const std::vector<std::string> &lines)
+{
+    std::string t;
+    for (const auto &l : lines)
+        t += "RIL[" + fn + ":N]: " +
+             (l == "{" ? "function entry ------------->" : l == "}" ? "function exit <-------------" : l) + "\n";
+    return t;
+}
+
 TEST(UimEsim, CardStatesAndResetWithTraces)
 {
     SimHandset sim(R"({"uim": {"slots": {"1": {"card": "absent"},
         "2": {"selected": "euicc", "euicc": {"eid": ")" + kEid + R"(", "profiles": 0}}}}})");
-    EXPECT_EQ(esim(sim, 4, 1),
-              "RIL[pelmox_cmn_esim_test:N]: try get simcard status\n"
-              "RIL[pelmox_uim_get_card_status:N]: function entry ------------->\n"
-              "RIL[init_uim_qmi_client:N]: init_uim_qmi_client P\n"
-              "RIL[pelmox_uim_get_card_status:N]: pelmox_uim_get_card_status try init_uim_qmi_client P\n"
-              "RIL[pelmox_uim_get_card_status:N]: pelmox_uim_get_card_status uim_qmi_client P\n"
-              "RIL[pelmox_uim_get_card_status:N]: pelmox_uim_get_card_status check response\n"
-              "RIL[pelmox_uim_get_card_status:N]: SIM[0] State = 0\n"
-              "RIL[pelmox_uim_get_card_status:N]: SIM[1] State = 1\n"
-              "RIL[pelmox_uim_get_card_status:N]: function exit <-------------\n"
-              "RIL[pelmox_cmn_esim_test:N]: card_status, [0, 1]\n"
-              "ABSENT,PRESENT\n");
+    const std::string test = "pelmox_cmn_esim_test", status = "pelmox_uim_get_card_status";
+    const std::string opn = "pelmox_uim_open_channel", apdu = "pelmox_uim_send_apdu", close = "pelmox_uim_close_channel";
+    const std::string init = ril("init_uim_qmi_client", {"init_uim_qmi_client P"});
+    EXPECT_EQ(esim(sim, 4, 1), ril(test, {"try get simcard status"}) + ril(status, {"{"}) + init +
+                                   ril(status, {status + " try init_uim_qmi_client P", status + " uim_qmi_client P",
+                                                status + " check response", "SIM[0] State = 0", "SIM[1] State = 1",
+                                                "}"}) +
+                                   ril(test, {"card_status, [0, 1]"}) + "ABSENT,PRESENT\n");
     EXPECT_EQ(esim(sim, 5, 1),
-              "RIL[pelmox_cmn_esim_test:N]: Start eUICC Reset\n"
-              "RIL[pelmox_uim_open_channel:N]: function entry ------------->\n"
-              "RIL[init_uim_qmi_client:N]: init_uim_qmi_client P\n"
-              "RIL[pelmox_uim_open_channel:N]: pelmox_uim_open_channel try init_uim_qmi_client P\n"
-              "RIL[pelmox_uim_open_channel:N]: pelmox_uim_open_channel uim_qmi_client P\n"
-              "RIL[pelmox_uim_open_channel:N]: pelmox_uim_open_channel successfully\n"
-              "RIL[pelmox_uim_open_channel:N]: function exit <-------------\n"
-              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_open_channel res = 0, channel_id = 1\n"
-              "RIL[pelmox_uim_send_apdu:N]: function entry ------------->\n"
-              "RIL[pelmox_uim_send_apdu:N]: pelmox_uim_close_channel uim_qmi_client P\n"
-              "RIL[pelmox_uim_send_apdu:N]: pelmox_uim_send_apdu apdu_len = 13\n"
-              "RIL[pelmox_uim_send_apdu:N]: pelmox_uim_send_apdu successfully\n"
-              "RIL[pelmox_uim_send_apdu:N]: function exit <-------------\n"
-              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_send_apdu res = 0\n"
-              "RIL[pelmox_cmn_esim_test:N]: apdu=08bf34038001019000\n"
-              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_send_apdu, nothing to delete.\n"
-              "RIL[pelmox_uim_close_channel:N]: function entry ------------->\n"
-              "RIL[pelmox_uim_close_channel:N]: pelmox_uim_close_channel uim_qmi_client P\n"
-              "RIL[pelmox_uim_close_channel:N]: pelmox_uim_close_channel successfully\n"
-              "RIL[pelmox_uim_close_channel:N]: function exit <-------------\n"
-              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_close_channel res = 0\n"
-              "value=SUCCEED\n");
+              ril(test, {"Start eUICC Reset"}) + ril(opn, {"{"}) + init +
+                  ril(opn, {opn + " try init_uim_qmi_client P", opn + " uim_qmi_client P", opn + " successfully",
+                             "}"}) +
+                  ril(test, {opn + " res = 0, channel_id = 1"}) +
+                  ril(apdu, {"{", close + " uim_qmi_client P", apdu + " apdu_len = 13", apdu + " successfully", "}"}) +
+                  ril(test, {apdu + " res = 0", "apdu=08bf34038001019000", apdu + ", nothing to delete."}) +
+                  ril(close, {"{", close + " uim_qmi_client P", close + " successfully", "}"}) +
+                  ril(test, {close + " res = 0"}) + "value=SUCCEED\n");
     // A close the card rejects still returns 0, without its success line.
     fault(sim, "0x3f", "qmi-error=48");
     std::string out = esim(sim, 5, 1);
     EXPECT_FALSE(contains(out, "pelmox_uim_close_channel successfully")) << out;
     EXPECT_TRUE(contains(out, "pelmox_uim_close_channel res = 0\nvalue=SUCCEED\n")) << out;
     // Options 0 and 6.
-    EXPECT_EQ(esim(sim, 0, 1), "RIL[pelmox_cmn_esim_test:N]: invalid input skip\nvalue=FAILED\n");
-    EXPECT_EQ(esim(sim, 6, 1), "RIL[pelmox_cmn_esim_test:N]: invalid input skip\nvalue=FAILED\n");
+    EXPECT_EQ(esim(sim, 0, 1), ril(test, {"invalid input skip"}) + "value=FAILED\n");
+    EXPECT_EQ(esim(sim, 6, 1), ril(test, {"invalid input skip"}) + "value=FAILED\n");
 }
 
 // Option 1 with an eUICC that answers on the fifth attempt: five polls, one check, one file write on a fresh

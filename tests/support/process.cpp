@@ -2,7 +2,6 @@
 #include "process.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -12,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <stdexcept>
 #include <thread>
@@ -38,38 +39,25 @@ std::vector<std::string> build_env(const ProcessOptions &opt)
     return out;
 }
 
-// Both ends of a pipe, closed when it goes away.
-struct Pipe {
-    int fd[2] = {-1, -1};
-    Pipe()
-    {
-        if (pipe2(fd, O_CLOEXEC) != 0)
-            throw std::runtime_error("pipe2 failed");
-    }
-    ~Pipe()
-    {
-        close_end(0);
-        close_end(1);
-    }
-    void close_end(int i)
-    {
-        if (fd[i] >= 0)
-            close(fd[i]);
-        fd[i] = -1;
-    }
-};
+std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 } // namespace
 
+// The child writes to files in a directory of its own, read once it has exited: no pipe to drain while it runs.
 ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOptions &opt)
 {
     ProcessResult res;
-    Pipe out, err;
+    TempDir dir;
+    const std::string out = dir.path() + "/out", err = dir.path() + "/err";
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
     posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&fa, out.fd[1], 1);
-    posix_spawn_file_actions_adddup2(&fa, err.fd[1], 2);
+    posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&fa, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     std::vector<std::string> env_strings = build_env(opt);
     std::vector<char *> args, envp;
     for (const auto &a : argv)
@@ -78,7 +66,6 @@ ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOpt
         envp.push_back(e.data());
     args.push_back(nullptr);
     envp.push_back(nullptr);
-
     pid_t pid = -1;
     int rc = posix_spawn(&pid, args[0], &fa, nullptr, args.data(), envp.data());
     posix_spawn_file_actions_destroy(&fa);
@@ -86,36 +73,19 @@ ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOpt
         res.err = std::string("spawn failed: ") + strerror(rc);
         return res;
     }
-    out.close_end(1);
-    err.close_end(1);
-
-    auto deadline = std::chrono::steady_clock::now() + opt.timeout;
-    bool open[2] = {true, true};
-    char buf[65536];
-    while (open[0] || open[1]) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
+    int status = 0;
+    for (auto deadline = std::chrono::steady_clock::now() + opt.timeout; waitpid(pid, &status, WNOHANG) == 0;) {
+        if (std::chrono::steady_clock::now() > deadline) {
             res.timed_out = true;
             kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
             break;
         }
-        pollfd fds[2] = {{open[0] ? out.fd[0] : -1, POLLIN, 0}, {open[1] ? err.fd[0] : -1, POLLIN, 0}};
-        if (poll(fds, 2, static_cast<int>(std::min<long>(left.count(), 1000))) < 0 && errno != EINTR)
-            break;
-        for (int i = 0; i < 2; ++i) {
-            if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
-                continue;
-            ssize_t r = read(fds[i].fd, buf, sizeof(buf));
-            if (r > 0)
-                (i == 0 ? res.out : res.err).append(buf, static_cast<size_t>(r));
-            else
-                open[i] = false;
-        }
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     res.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+    res.out = read_file(out);
+    res.err = read_file(err);
     return res;
 }
 
