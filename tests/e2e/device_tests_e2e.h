@@ -77,18 +77,19 @@ inline ProcessResult kvn_alone(const std::vector<std::string> &args, const char 
     return kvn_test::run_process(argv, opt);
 }
 
-// A command whose whole output is `on` with the shell flag at its default and `off` with the flag 0.
+// A command that prints `always`, then `note` only with the shell flag at its default, then its group's help.
 struct FlagCase {
     std::vector<std::string> args;
-    std::string on, off;
+    std::string always, note;
+    int group;
 };
 
 inline void expect_flag_cases(const SimHandset &sim, const std::vector<FlagCase> &cases)
 {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.args.size() > 1 ? c.args[1].substr(0, 16) : c.args[0]);
-        EXPECT_EQ(sim.kvn(c.args).out, c.on);
-        EXPECT_EQ(sim.kvn(c.args, shell_flag("0")).out, c.off);
+        EXPECT_EQ(sim.kvn(c.args).out, c.always + c.note + for_group(c.group));
+        EXPECT_EQ(sim.kvn(c.args, shell_flag("0")).out, c.always + for_group(c.group));
     }
 }
 

@@ -27,30 +27,24 @@ TEST(SmartRfE2e, ArgumentChecks)
 {
     SimHandset sim;
     const std::string invalid = "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n";
-    const std::string bad = error_note(268431370) + for_group(3);
-    expect_flag_cases(
-        sim,
-        {
-            {{"11"}, k_too_few + for_group(11), for_group(11)},
-            {{"11", "5"}, k_too_few + for_group(11), for_group(11)},
-            {{"11", "4", "2"}, "\nnote: opt(2) is invalid:\n" + for_group(11), for_group(11)},
-            {{"11", "6", "-1"}, "\nnote: opt(-1) is invalid:\n" + for_group(11), for_group(11)},
-            {{"11", "7"}, "invalid par_i = 7\n" + for_group(11), "invalid par_i = 7\n" + for_group(11)},
-            {{"11", "-1"}, "invalid par_i = -1\n" + for_group(11), "invalid par_i = -1\n" + for_group(11)},
-            {{"3"}, k_too_few + for_group(3), for_group(3)},
-            {{"3", "6"}, invalid + for_group(3), for_group(3)},
-            {{"3", "-1"}, invalid + for_group(3), for_group(3)},
-            {{"3", "3", "1", "4"},
-             "pelmox_rf_tx_test_set, argc(5)\n\nnote: need 5 inputs, Pls refer to the following cmd:\n" + bad,
-             "pelmox_rf_tx_test_set, argc(5)\n" + for_group(3)},
-            {{"3", "1", "x"},
-             "pelmox_gpio_test_get\n\nnote: Cmd error, should be: kvn 3 1 , Pls refer to the following cmd:\n" + bad,
-             "pelmox_gpio_test_get\n" + for_group(3)},
-            {{"3", "5", "x"},
-             "pelmox_rf_tx_test_closed\n\nnote: Cmd error, should be: kvn 3 5 , Pls refer to the following cmd:\n" +
-                 bad,
-             "pelmox_rf_tx_test_closed\n" + for_group(3)},
-        });
+    const std::string cmd_error = "\nnote: Cmd error, should be: kvn 3 ", bad = error_note(268431370);
+    expect_flag_cases(sim, {
+                               {{"11"}, "", k_too_few, 11},
+                               {{"11", "5"}, "", k_too_few, 11},
+                               {{"11", "4", "2"}, "", "\nnote: opt(2) is invalid:\n", 11},
+                               {{"11", "6", "-1"}, "", "\nnote: opt(-1) is invalid:\n", 11},
+                               {{"11", "7"}, "invalid par_i = 7\n", "", 11},
+                               {{"11", "-1"}, "invalid par_i = -1\n", "", 11},
+                               {{"3"}, "", k_too_few, 3},
+                               {{"3", "6"}, "", invalid, 3},
+                               {{"3", "-1"}, "", invalid, 3},
+                               {{"3", "3", "1", "4"}, "pelmox_rf_tx_test_set, argc(5)\n",
+                                "\nnote: need 5 inputs, Pls refer to the following cmd:\n" + bad, 3},
+                               {{"3", "1", "x"}, "pelmox_gpio_test_get\n",
+                                cmd_error + "1 , Pls refer to the following cmd:\n" + bad, 3},
+                               {{"3", "5", "x"}, "pelmox_rf_tx_test_closed\n",
+                                cmd_error + "5 , Pls refer to the following cmd:\n" + bad, 3},
+                           });
     EXPECT_EQ(counters(sim), "modem restarts 0, full dumps 0, nv syncs 0");
     EXPECT_TRUE(sim.journal().empty());
 }

@@ -139,8 +139,9 @@ TEST(UimCardCommands, CountsQueryGetSetTypeAndHotSwapInOrder)
     load(sim, R"({"uim": {"slots": {"1": {}}}})");
     EXPECT_EQ(masked(sim.kvn({"5", "4"}, shell_flag("0"))), card_sent("param(cnt: 0):\n\n", 0x38, 0, 1));
     std::string out = masked(sim.kvn({"5", "2", "1"}, shell_flag("0")));
-    EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), "param(cnt: 1):\n 1\npelmox_cmn_cmd_send, t: 55, l: 4\n" + k_open +
-                                                    send_ok(16) + "result = 0, rsp.result = 1\nrsp.result fail\n");
+    EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)),
+              "param(cnt: 1):\n 1\npelmox_cmn_cmd_send, t: 55, l: 4\n" + k_open + send_ok(16) +
+                  "result = 0, rsp.result = 1\nrsp.result fail\n");
 
     ASSERT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
     out = masked(sim.kvn({"5", "4"}, shell_flag("0")));
@@ -188,7 +189,8 @@ TEST(UimEsim, CardStatesAndResetWithTraces)
     SimHandset sim(R"({"uim": {"slots": {"1": {"card": "absent"},
         "2": {"selected": "euicc", "euicc": {"eid": ")" + kEid + R"(", "profiles": 0}}}}})");
     const std::string test = "pelmox_cmn_esim_test", status = "pelmox_uim_get_card_status";
-    const std::string opn = "pelmox_uim_open_channel", apdu = "pelmox_uim_send_apdu", close = "pelmox_uim_close_channel";
+    const std::string opn = "pelmox_uim_open_channel", apdu = "pelmox_uim_send_apdu";
+    const std::string close = "pelmox_uim_close_channel";
     const std::string init = ril("init_uim_qmi_client", {"init_uim_qmi_client P"});
     EXPECT_EQ(esim(sim, 4, 1), ril(test, {"try get simcard status"}) + ril(status, {"{"}) + init +
                                    ril(status, {status + " try init_uim_qmi_client P", status + " uim_qmi_client P",
