@@ -12,12 +12,9 @@ using namespace devtests;
 
 namespace {
 
-size_t occurrences(const std::string &text, const std::string &part)
+bool once(const std::string &text, const std::string &part)
 {
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        ++n;
-    return n;
+    return contains(text, part) && text.find(part) == text.rfind(part);
 }
 
 // The UIM requests of the journal as "msg_id: type=hex type=hex ...".
@@ -28,14 +25,9 @@ std::vector<std::string> uim_requests(const SimHandset &sim)
         auto j = nlohmann::json::parse(line);
         if (j["service"] != 11)
             continue;
-        char head[16];
-        snprintf(head, sizeof(head), "%02x:", int(j["msg_id"]));
-        std::string s = head;
-        for (const auto &t : j["tlvs"]) {
-            char ty[8];
-            snprintf(ty, sizeof(ty), " %02x=", int(t["type"]));
-            s += ty + std::string(t["hex"]);
-        }
+        std::string s = hex_of(std::string(1, char(int(j["msg_id"])))) + ":";
+        for (const auto &t : j["tlvs"])
+            s += " " + hex_of(std::string(1, char(int(t["type"])))) + "=" + std::string(t["hex"]);
         out.push_back(s);
     }
     return out;
@@ -226,7 +218,7 @@ TEST(UimEsim, EidOnFifthAttemptStoredOnce)
     for (int i = 0; i < 5; ++i)
         EXPECT_TRUE(contains(out, "try get eid loop = " + std::to_string(i) + "\n")) << i;
     EXPECT_FALSE(contains(out, "try get eid loop = 5"));
-    EXPECT_EQ(occurrences(out, "check whether eid valid"), 1u);
+    EXPECT_TRUE(once(out, "check whether eid valid"));
     EXPECT_TRUE(contains(out, "RIL[save_eid_to_efs:N]: efs read failed and try save it. error_code : -2\n\n"
                               "RIL[pelmox_efs_write:N]: function entry"))
         << out;
@@ -324,7 +316,7 @@ TEST(UimEsim, ThreeFailedRequestsThenRecovery)
     SimHandset sim;
     fault(sim, "0x65", "truncate", 3);
     std::string out = esim(sim, 1, 1);
-    EXPECT_EQ(occurrences(out, "QMI error, try recovery"), 1u) << out;
+    EXPECT_TRUE(once(out, "QMI error, try recovery")) << out;
     size_t release = out.find("RIL[pelmox_uim_request_eid:N]: QMI error, try recovery\n"
                               "RIL[uim_qmi_client_recovery:N]: uim_qmi_client_recovery qmi_client_release P\n"
                               "RIL[uim_qmi_client_recovery:N]: function exit <-------------\n"
