@@ -31,8 +31,8 @@ std::string scenario()
            R"("}}}, "extend_replies": {"5": {"result": 0, "data": "0102030405060708090a0b0c0d0e0f1011121314"}}})";
 }
 
-// Whole outputs (traces on): a read, an id past the range refused before sending, and the argument notes, which do
-// not depend on the shell print flag. Only the read reaches the modem.
+// Whole outputs: a read and an id past the range refused before sending (shell flag on, traces), and the argument
+// notes, printed with the shell flag off too. Only the read reaches the modem.
 TEST(NvefsE2e, ReadAndRefusals)
 {
     SimHandset sim(scenario());
