@@ -140,9 +140,13 @@ std::vector<nlohmann::json> diag_journal(const SimHandset &sim) { return journal
 
 // The diag send's three ways out, whole output: too few inputs and a failed send return at once (no exit trace),
 // only a send that went through traces its exit. Modes are journalled; a mode of 2 is DCI, a type of 2 no result.
-TEST(DiagSendE2e, ThreePathsAndFourModes)
+// Built-in answers start with the request's code, an unknown code is echoed behind 0x13; the scenario's replies
+// win, matched on the whole request. A request never answered fails after the time-out with the library's code (the
+// fault keyed by the first byte); a late one within it succeeds. 5000 byte arguments: 4096 converted, 5000
+// declared, zeros past 4096.
+TEST(DiagSendE2e, ThreePathsModesRepliesAndFaults)
 {
-    SimHandset sim;
+    SimHandset sim(R"({"diag_replies": {"4B:13:0a:00": "de ad", "01 02": {"text": "ok"}}})");
     const std::string entry = "RIL[pelmox_cmn_diag_cmd_send:N]: function entry ------------->\n";
     const std::string exit = "RIL[pelmox_cmn_diag_cmd_send:N]: function exit <-------------\n";
     const std::string sent = "diag cmd:\n0x4B 0x12 0x00 0x00 \n";
@@ -181,19 +185,11 @@ TEST(DiagSendE2e, ThreePathsAndFourModes)
     }
     // Everything but the traces follows the shell flag.
     EXPECT_EQ(sim.kvn({"5", "0", "0", "0", "1000", "0"}, shell_flag("0")).out, "");
-}
 
-// Built-in answers start with the request's code, an unknown code is echoed behind 0x13; the scenario's replies
-// win, matched on the whole request. A request never answered fails after the time-out with the library's code (the
-// fault keyed by the first byte); a late one within it succeeds. 5000 byte arguments: 4096 converted, 5000
-// declared, zeros past 4096.
-TEST(DiagSendE2e, RepliesFaultsAndFiveThousandBytes)
-{
-    SimHandset sim(R"({"diag_replies": {"4B:13:0a:00": "de ad", "01 02": {"text": "ok"}}})");
     const struct {
         std::vector<std::string> bytes;
         std::string rsp;
-    } cases[] = {
+    } replies[] = {
         {{"0x01", "0x02", "3"}, " 0x13 0x01 0x02 0x03"},
         {{"0x01", "0x02"}, " 0x6F 0x6B"},
         {{"0x4b", "0x13", "10", "0"}, " 0xDE 0xAD"},
@@ -202,7 +198,7 @@ TEST(DiagSendE2e, RepliesFaultsAndFiveThousandBytes)
         {{"0x4b"}, " 0x13 0x4B"},
         {{"300"}, " 0x13 0x2C"},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : replies) {
         std::vector<std::string> args{"5", "0", "0", "0", "1000"};
         args.insert(args.end(), c.bytes.begin(), c.bytes.end());
         auto r = sim.kvn(args);
@@ -226,7 +222,7 @@ TEST(DiagSendE2e, RepliesFaultsAndFiveThousandBytes)
     sim.clear_journal();
     auto r = sim.kvn(args_of({"5", "0", "0", "0", "2000"}, 5000, "0x11"));
     EXPECT_TRUE(contains(r.out, "\nrsp data len(5001)\nrsp data: 0x13 0x11"));
-    auto j = diag_journal(sim);
+    j = diag_journal(sim);
     ASSERT_EQ(j.size(), 1u);
     EXPECT_EQ(j[0]["diag"], std::string(2 * 4096, '1') + std::string(2 * 904, '0'));
     size_t printed = 0, end = r.out.find("callback mode");

@@ -161,22 +161,9 @@ TEST(StatsE2e, SelfTestAndDispatcherLines)
     EXPECT_EQ(kvn_alone({"7", "1"}, "0").out, "pelmox_test_modem_stats_get_debug_info FAIL\n" + for_group(7));
 }
 
-TEST(StatsE2e, DefaultBlockPrintsEverySection)
-{
-    SimHandset sim;
-    std::string block = "UNPK[size:1], version = 4\n";
-    for (const auto &s : kDefaultBlock) {
-        std::string body;
-        for (const auto &f : s.fields)
-            body += "UNPK[size:" + std::to_string(f.size) + "], " + f.name + " = " + std::to_string(f.value) + "\n";
-        block += section(s.name, s.end, body);
-    }
-    EXPECT_EQ(masked_out(sim.kvn({"7", "1", "1"}, shell_flag("0"))), get(1) + k_open + send_ok(229) + block);
-    EXPECT_EQ(request_types(sim), std::vector<uint32_t>{20});
-}
-
-// The sections grow at versions 1 to 4; the end lines carry the running 8-bit cursor from 1.
-TEST(StatsE2e, BlockVersionsAndCursorLines)
+// The default handset's block whole; then the sections grow at versions 1 to 4, the end lines carrying the running
+// 8-bit cursor from 1.
+TEST(StatsE2e, DefaultBlockVersionsAndCursorLines)
 {
     const struct {
         int version;
@@ -188,11 +175,20 @@ TEST(StatsE2e, BlockVersionsAndCursorLines)
     for (int i = 1; i < 221; ++i)
         ones += " 01";
     SimHandset sim;
+    std::string block = "UNPK[size:1], version = 4\n";
+    for (const auto &s : kDefaultBlock) {
+        std::string body;
+        for (const auto &f : s.fields)
+            body += "UNPK[size:" + std::to_string(f.size) + "], " + f.name + " = " + std::to_string(f.value) + "\n";
+        block += section(s.name, s.end, body);
+    }
+    EXPECT_EQ(masked_out(sim.kvn({"7", "1", "1"}, shell_flag("0"))), get(1) + k_open + send_ok(229) + block);
+    EXPECT_EQ(request_types(sim), std::vector<uint32_t>{20});
     for (const auto &c : cases) {
         SCOPED_TRACE(c.version);
         load(sim, scenario(R"({"debug_info": ")" + hex_of(std::string(1, char(c.version))) + ones + "\"}"));
         std::istringstream out(sim.kvn({"7", "1", "3"}, shell_flag("0")).out);
-        std::string markers, want, version;
+        std::string markers, want;
         size_t fields = 0;
         for (std::string l; std::getline(out, l);) {
             markers += l.rfind("--------", 0) == 0 ? l + "\n" : "";
