@@ -22,8 +22,8 @@ const char kGpioFile[] = "/nv/item_files/modem/pelmox/rf_ant_port_config";
 const char kTxFile[] = "/nv/item_files/modem/antenna/ant_tx_config";
 
 // Groups 11 and 3: notes follow the shell flag, name lines, "invalid par_i" and the help do not; nothing of these
-// reaches the modem.
-TEST(SmartRfE2e, ArgumentChecks)
+// reaches the modem. Then SSR, NV sync and a full dump on the same handset.
+TEST(SmartTestE2e, ArgumentChecksSsrNvSyncAndDefaultDump)
 {
     SimHandset sim;
     const std::string invalid = "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n";
@@ -47,12 +47,8 @@ TEST(SmartRfE2e, ArgumentChecks)
                            });
     EXPECT_EQ(counters(sim), "modem restarts 0, full dumps 0, nv syncs 0");
     EXPECT_TRUE(sim.journal().empty());
-}
 
-// SSR restarts the modem for 2000 ms (after its reply); NV sync is counted; neither prints beyond the traces.
-TEST(SmartTestE2e, SsrRestartsTheModemAndNvSyncIsCounted)
-{
-    SimHandset sim;
+    // SSR restarts the modem for 2000 ms (after its reply); NV sync is counted; neither prints beyond the traces.
     auto r = sim.kvn({"11", "0"});
     EXPECT_NE(r.out.find("Will trigger SSR of modem"), std::string::npos);
     EXPECT_EQ(tool_lines(r.out), "");
