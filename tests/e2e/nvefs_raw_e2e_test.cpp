@@ -33,7 +33,7 @@ std::string scenario()
 
 // Whole outputs: a read and an id past the range refused before sending (shell flag on, traces), and the argument
 // notes, printed with the shell flag off too. Only the read reaches the modem.
-TEST(NvefsE2e, ReadAndRefusals)
+TEST(NvefsE2e, ReadRefusalsWriteDelete)
 {
     SimHandset sim(scenario());
     const std::string need5 = "\nnote: need 5 inputs, Pls refer to the following cmd:\n" + error_note(268431370);
@@ -64,13 +64,10 @@ TEST(NvefsE2e, ReadAndRefusals)
         EXPECT_EQ(masked_out(sim.kvn(c.args, shell_flag(c.out.rfind("RIL", 0) == 0 ? "1" : "0"))), c.out);
     }
     EXPECT_EQ(extend_requests(sim).size(), 1u);
-}
+    sim.clear_journal();
 
-// Data bytes are decimal and cut to 8 bits: 300 is 44 (0x2C), "0x10" is 0. Sub 2 and -1 both mean subscription 1.
-// A deleted item reads as the modem's result 5. EFS files outlive a restart.
-TEST(NvefsE2e, WriteReadDeleteWithSubFlagAndByteCuts)
-{
-    SimHandset sim(scenario());
+    // Data bytes are decimal and cut to 8 bits: 300 is 44 (0x2C), "0x10" is 0. Sub 2 and -1 both mean
+    // subscription 1. A deleted item reads as the modem's result 5. EFS files outlive a restart.
     const std::string sent = k_open + send_ok(444);
     const struct {
         std::vector<std::string> args;
@@ -151,7 +148,8 @@ TEST(NvefsE2e, LengthLimits)
 /* ---- group 6 ---- */
 
 // Argument checks (notes follow the shell flag, the help does not), a send whose 20-byte canned reply is cut to the
-// capacity 0 offered, 600 arguments sending 500 bytes, a command the modem refuses (3 has no handler), no reply.
+// capacity 0 offered, 600 arguments sending 500 bytes, a command the modem refuses (3 has no handler), no reply,
+// no handset.
 TEST(RawE2e, SendsAndRefusals)
 {
     SimHandset sim(scenario());
@@ -194,12 +192,9 @@ TEST(RawE2e, SendsAndRefusals)
     EXPECT_EQ(masked_out(r),
               k_open + "send msg sync failed:-3\npelmox_extend_qmi_handle_req_cb result:-3\n" + for_group(6));
     EXPECT_EQ(extend_requests(sim).size(), 1u);
-}
 
-// Fifty polls 20 ms apart, then the client init fails.
-TEST(RawE2e, NoHandsetFailsWithMinus2AfterPollingAboutASecond)
-{
-    auto t0 = std::chrono::steady_clock::now();
+    // No handset: fifty polls 20 ms apart, then the client init fails.
+    t0 = std::chrono::steady_clock::now();
     const std::string out = masked_out(kvn_alone({"6", "1", "1"}));
     EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(900));
     std::string polls;
