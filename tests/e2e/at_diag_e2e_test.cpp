@@ -1,6 +1,4 @@
-// at_diag_e2e_test.cpp - group 8 (AT command) and the diag send of group 5 run
-// as processes against kvn-sim: what reaches the handset's AT terminal and
-// diag responder is read back from its journal.
+// at_diag_e2e_test.cpp - group 8 (AT command) and the diag send of group 5 against kvn-sim and its journal.
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -10,12 +8,8 @@
 #include "device_tests_e2e.h"
 
 using namespace devtests;
-using help_text::for_group;
 
 namespace {
-
-const std::string kReceiverStarted = "The thread to receive data from serial is started";
-const std::string kReceiverClosed = "The at channel is not opened, g_at_serial_fd 0";
 
 std::vector<std::string> lines_of(const std::string &out)
 {
@@ -26,8 +20,8 @@ std::vector<std::string> lines_of(const std::string &out)
     return v;
 }
 
-// The receiver's two lines come in their order, anywhere after the line that
-// announces the thread; the command thread's lines are exactly `main`.
+// The receiver's two lines come in their order, anywhere after the line that announces the thread; the command
+// thread's lines are exactly `main`.
 void expect_at_run(const std::string &out, const std::vector<std::string> &main)
 {
     std::vector<std::string> rest;
@@ -36,9 +30,9 @@ void expect_at_run(const std::string &out, const std::vector<std::string> &main)
     for (size_t i = 0; i < all.size(); ++i) {
         if (all[i] == "Will create a thread to receive data from serial")
             announced = i;
-        if (all[i] == kReceiverStarted && started == SIZE_MAX)
+        if (all[i] == "The thread to receive data from serial is started" && started == SIZE_MAX)
             started = i;
-        else if (all[i] == kReceiverClosed && closed == SIZE_MAX)
+        else if (all[i] == "The at channel is not opened, g_at_serial_fd 0" && closed == SIZE_MAX)
             closed = i;
         else
             rest.push_back(all[i]);
@@ -65,103 +59,48 @@ std::vector<std::string> at_journal(const SimHandset &sim)
     return out;
 }
 
-/* ---- group 8 ---- */
-
-TEST(AtCmdE2e, PlainCommandReachesTheTerminal)
+// Only the text before the first blank is sent, up to 100 bytes. Quotes, $, backticks, backslashes (echo escapes)
+// and single quotes reach the modem as typed and the shell runs none of it. Argument notes follow the shell flag,
+// the help is printed either way, and nothing of those is written to the terminal.
+TEST(AtCmdE2e, CommandsReachTheTerminalAsTyped)
 {
     SimHandset sim;
     const std::string path = at_path(sim);
     ASSERT_EQ(path.rfind("/dev/pts/", 0), 0u) << path;
-    auto r = sim.kvn({"8", "AT+CGMI"});
-    expect_at_run(r.out, {"At cmd you input: sscanf(1), len (7), AT+CGMI",
-                          "Will create a thread to receive data from serial",
-                          "at shell cmd: echo \"AT+CGMI\r\" > " + path, "echo, ret_sys: 0",
-                          "Success to send at shell cmd"});
-    // Only the text before the first blank is sent; a second writer in turn.
-    r = sim.kvn({"8", "at+cops? extra"});
-    EXPECT_NE(r.out.find("At cmd you input: sscanf(1), len (8), at+cops?\n"), std::string::npos);
-    EXPECT_EQ(at_journal(sim), (std::vector<std::string>{hex_of("AT+CGMI"), hex_of("at+cops?")}));
-}
-
-// Notes follow the shell flag; the help is printed either way; nothing is
-// written to the terminal.
-TEST(AtCmdE2e, ArgumentAndLengthChecks)
-{
-    SimHandset sim;
+    expect_at_run(sim.kvn({"8", "AT+CGMI"}).out,
+                  {"At cmd you input: sscanf(1), len (7), AT+CGMI", "Will create a thread to receive data from serial",
+                   "at shell cmd: echo \"AT+CGMI\r\" > " + path, "echo, ret_sys: 0", "Success to send at shell cmd"});
+    EXPECT_TRUE(contains(sim.kvn({"8", "at+cops? extra"}).out, "At cmd you input: sscanf(1), len (8), at+cops?\n"));
     const std::string count_note = "\nnote: The number of inputs should be 2, Pls refer to the following cmd:\n";
     const std::string len_note =
         "\nnote: the second parameters length should <= 100, Pls refer to the following cmd:\n";
-    const std::string c101 = "AT" + std::string(99, 'Z');
-    expect_flag_cases(sim, {{{"8"}, count_note + for_group(8), for_group(8)},
-                            {{"8", "AT", "x"}, count_note + for_group(8), for_group(8)},
-                            {{"8", c101}, len_note + for_group(8), for_group(8)}});
-    EXPECT_TRUE(at_journal(sim).empty());
-    const std::string c100 = c101.substr(1);
-    auto r = sim.kvn({"8", c100});
-    EXPECT_NE(r.out.find("len (100), " + c100 + "\n"), std::string::npos);
-    EXPECT_EQ(at_journal(sim), std::vector<std::string>{hex_of(c100)});
-}
+    const std::string c101 = "AT" + std::string(99, 'Z'), c100 = c101.substr(1);
+    expect_flag_cases(sim, {{{"8"}, "", count_note, 8}, {{"8", "AT", "x"}, "", count_note, 8},
+                            {{"8", c101}, "", len_note, 8}});
+    EXPECT_TRUE(contains(sim.kvn({"8", c100}).out, "len (100), " + c100 + "\n"));
 
-// Quotes, $, backticks, backslashes (echo escapes) and single quotes reach
-// the modem as typed, and the shell runs none of it.
-TEST(AtCmdE2e, HostileInputsReachTheModemAsTyped)
-{
-    SimHandset sim;
     const std::string marker = sim.dir() + "/ran";
-    const std::string path = at_path(sim);
-    const std::vector<std::string> inputs = {
-        "AT\"$(touch${IFS}" + marker + ")\"",
-        "AT`touch${IFS}" + marker + "`",
-        "AT$(touch${IFS}" + marker + ")",
-        "AT'$(touch${IFS}" + marker + ")'",
-        "AT;touch>" + marker,
-        "AT\\c",
-        "AT\\0101",
-        "AT\\\\\"'",
-        "AT'x'",
-        std::string(100, '\''),
-    };
-    std::vector<std::string> expected;
+    const std::vector<std::string> inputs = {"AT\"$(touch${IFS}" + marker + ")\"", "AT`touch${IFS}" + marker + "`",
+                                             "AT$(touch${IFS}" + marker + ")", "AT'$(touch${IFS}" + marker + ")'",
+                                             "AT;touch>" + marker, "AT\\c", "AT\\0101", "AT\\\\\"'", "AT'x'",
+                                             std::string(100, '\'')};
+    std::vector<std::string> expected = {hex_of("AT+CGMI"), hex_of("at+cops?"), hex_of(c100)};
     for (const auto &in : inputs) {
         SCOPED_TRACE(in);
         auto r = sim.kvn({"8", in});
-        EXPECT_NE(r.out.find("Success to send at shell cmd\n"), std::string::npos) << r.out << r.err;
+        EXPECT_TRUE(contains(r.out, "Success to send at shell cmd\n")) << r.out << r.err;
         expected.push_back(hex_of(in));
     }
     EXPECT_EQ(at_journal(sim), expected);
     EXPECT_FALSE(std::filesystem::exists(marker));
     // What the printed line shows is what ran.
     auto r = sim.kvn({"8", "AT'$x\\c"});
-    EXPECT_NE(r.out.find("at shell cmd: printf '%s\\r\\n' 'AT'\\''$x\\c' > " + path + "\n"), std::string::npos)
-        << r.out;
+    EXPECT_TRUE(contains(r.out, "at shell cmd: printf '%s\\r\\n' 'AT'\\''$x\\c' > " + path + "\n")) << r.out;
 }
 
-// With the channel down, or no handset at all, the write fails and nothing is
-// created on the host.
-TEST(AtCmdE2e, ChannelDownOrNoHandsetCreatesNothing)
-{
-    SimHandset sim;
-    ASSERT_EQ(sim.ctl({"service", "at", "down"}).exit_code, 0);
-    EXPECT_NE(status_of(sim).find("device at: down\n"), std::string::npos);
-    ProcessOptions none;
-    none.env["KVN_SIM_SOCKET"] = sim.dir() + "/nobody.sock";
-    for (const ProcessOptions &o : {ProcessOptions{}, none}) {
-        auto r = sim.kvn({"8", "AT"}, o);
-        auto all = lines_of(r.out);
-        EXPECT_NE(std::find(all.begin(), all.end(), "at shell cmd: echo \"AT\r\" > /dev/null/smd8"), all.end())
-            << r.out;
-        EXPECT_NE(std::find(all.begin(), all.end(), "Fail to send at shell cmd"), all.end()) << r.out;
-    }
-    EXPECT_FALSE(std::filesystem::exists("/dev/smd8"));
-    ASSERT_EQ(sim.ctl({"service", "at", "up"}).exit_code, 0);
-    auto r = sim.kvn({"8", "AT"});
-    EXPECT_NE(r.out.find("Success to send at shell cmd"), std::string::npos);
-    EXPECT_EQ(at_journal(sim), std::vector<std::string>{hex_of("AT")});
-}
-
-// The terminal itself: lines end at a carriage return, line feeds and empty
-// lines are not journalled, and each line is answered OK or ERROR, raw.
-TEST(AtCmdE2e, TerminalSplitsLinesAndAnswers)
+// The terminal: lines end at a CR, line feeds and empty lines are not journalled, each line is answered raw. With
+// the channel down, or no handset at all, the write fails and nothing is created on the host.
+TEST(AtCmdE2e, TerminalAnswersAndChannelDown)
 {
     SimHandset sim;
     int fd = open(at_path(sim).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
@@ -182,19 +121,32 @@ TEST(AtCmdE2e, TerminalSplitsLinesAndAnswers)
     close(fd);
     EXPECT_EQ(got, expect);
     EXPECT_EQ(at_journal(sim), (std::vector<std::string>{hex_of("AT"), hex_of("foo"), hex_of("at+x")}));
-}
 
-/* ---- diag send (group 5, sub-command 0) ---- */
+    sim.clear_journal();
+    ASSERT_EQ(sim.ctl({"service", "at", "down"}).exit_code, 0);
+    EXPECT_TRUE(contains(status_of(sim), "device at: down\n"));
+    for (const std::string &out : {sim.kvn({"8", "AT"}).out, kvn_alone({"8", "AT"}).out}) {
+        auto all = lines_of(out);
+        EXPECT_NE(std::find(all.begin(), all.end(), "at shell cmd: echo \"AT\r\" > /dev/null/smd8"), all.end()) << out;
+        EXPECT_NE(std::find(all.begin(), all.end(), "Fail to send at shell cmd"), all.end()) << out;
+    }
+    EXPECT_FALSE(std::filesystem::exists("/dev/smd8"));
+    ASSERT_EQ(sim.ctl({"service", "at", "up"}).exit_code, 0);
+    EXPECT_TRUE(contains(sim.kvn({"8", "AT"}).out, "Success to send at shell cmd"));
+    EXPECT_EQ(at_journal(sim), std::vector<std::string>{hex_of("AT")});
+}
 
 std::vector<nlohmann::json> diag_journal(const SimHandset &sim) { return journal_of(sim, "diag"); }
 
-// The three ways out of the handler, whole output: too few inputs and a failed
-// send return at once (no exit trace), only a send that went through traces
-// its exit. The four modes are journalled with their mode; a mode of 2 is DCI
-// and a type of 2 is without result.
-TEST(DiagSendE2e, ThreePathsAndFourModes)
+// The diag send's three ways out, whole output: too few inputs and a failed send return at once (no exit trace),
+// only a send that went through traces its exit. Modes are journalled; a mode of 2 is DCI, a type of 2 no result.
+// Built-in answers start with the request's code, an unknown code is echoed behind 0x13; the scenario's replies
+// win, matched on the whole request. A request never answered fails after the time-out with the library's code (the
+// fault keyed by the first byte); a late one within it succeeds. 5000 byte arguments: 4096 converted, 5000
+// declared, zeros past 4096.
+TEST(DiagSendE2e, ThreePathsModesRepliesAndFaults)
 {
-    SimHandset sim;
+    SimHandset sim(R"({"diag_replies": {"4B:13:0a:00": "de ad", "01 02": {"text": "ok"}}})");
     const std::string entry = "RIL[pelmox_cmn_diag_cmd_send:N]: function entry ------------->\n";
     const std::string exit = "RIL[pelmox_cmn_diag_cmd_send:N]: function exit <-------------\n";
     const std::string sent = "diag cmd:\n0x4B 0x12 0x00 0x00 \n";
@@ -233,17 +185,11 @@ TEST(DiagSendE2e, ThreePathsAndFourModes)
     }
     // Everything but the traces follows the shell flag.
     EXPECT_EQ(sim.kvn({"5", "0", "0", "0", "1000", "0"}, shell_flag("0")).out, "");
-}
 
-// Built-in answers start with the request's code; an unknown code is echoed
-// behind 0x13; the scenario's replies win, matched on the whole request.
-TEST(DiagSendE2e, RepliesAndUnknownCommandEcho)
-{
-    SimHandset sim(R"({"diag_replies": {"4B:13:0a:00": "de ad", "01 02": {"text": "ok"}}})");
     const struct {
         std::vector<std::string> bytes;
         std::string rsp;
-    } cases[] = {
+    } replies[] = {
         {{"0x01", "0x02", "3"}, " 0x13 0x01 0x02 0x03"},
         {{"0x01", "0x02"}, " 0x6F 0x6B"},
         {{"0x4b", "0x13", "10", "0"}, " 0xDE 0xAD"},
@@ -252,53 +198,33 @@ TEST(DiagSendE2e, RepliesAndUnknownCommandEcho)
         {{"0x4b"}, " 0x13 0x4B"},
         {{"300"}, " 0x13 0x2C"},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : replies) {
         std::vector<std::string> args{"5", "0", "0", "0", "1000"};
         args.insert(args.end(), c.bytes.begin(), c.bytes.end());
         auto r = sim.kvn(args);
-        size_t n = (c.rsp.size()) / 5;
-        EXPECT_NE(r.out.find("\nrsp data len(" + std::to_string(n) + ")\nrsp data:" + c.rsp + "\n"),
-                  std::string::npos)
-            << r.out;
+        const std::string len = std::to_string(c.rsp.size() / 5);
+        EXPECT_TRUE(contains(r.out, "\nrsp data len(" + len + ")\nrsp data:" + c.rsp + "\n")) << r.out;
     }
-    for (const char *code : {"0", "0x7C"}) {
-        auto r = sim.kvn({"5", "0", "1", "0", "1000", code});
-        std::string first = std::string("rsp data: ") + (code[1] ? "0x7C" : "0x00");
-        EXPECT_NE(r.out.find(first), std::string::npos) << r.out;
-    }
-}
+    EXPECT_TRUE(contains(sim.kvn({"5", "0", "1", "0", "1000", "0"}).out, "rsp data: 0x00"));
+    EXPECT_TRUE(contains(sim.kvn({"5", "0", "1", "0", "1000", "0x7C"}).out, "rsp data: 0x7C"));
 
-// A request the responder never answers fails after the time-out with the
-// library's code; a late one within it succeeds.
-TEST(DiagSendE2e, NoReplyAndDelay)
-{
-    SimHandset sim(R"({"faults": [{"service": "diag", "msg": 1, "kind": "no-reply", "count": 1}]})");
-    const std::string fail = "pelmox_diag_cmd_send fail\n";
-    auto r = sim.kvn({"5", "0", "0", "0", "300", "2", "1"}); // the fault is keyed by the first byte
-    EXPECT_NE(r.out.find("rsp data: 0x13 0x02 0x01\n"), std::string::npos) << r.out;
-    r = sim.kvn({"5", "0", "0", "0", "300", "1", "2"});
-    EXPECT_EQ(tool_lines(r.out), "diag cmd:\n0x01 0x02 \ncallback mode with result\n" + fail +
-                                     "\nnote: Error happen! error_code(3)\n" + for_group(5));
+    ASSERT_EQ(sim.ctl({"fault", "diag", "1", "no-reply", "--count", "1"}).exit_code, 0);
+    sim.clear_journal();
+    EXPECT_TRUE(contains(sim.kvn({"5", "0", "0", "0", "300", "2", "1"}).out, "rsp data: 0x13 0x02 0x01\n"));
+    EXPECT_EQ(tool_lines(sim.kvn({"5", "0", "0", "0", "300", "1", "2"}).out),
+              "diag cmd:\n0x01 0x02 \ncallback mode with result\npelmox_diag_cmd_send fail\n" + error_note(3) +
+                  for_group(5));
     ASSERT_EQ(sim.ctl({"fault", "diag", "1", "delay=200"}).exit_code, 0);
-    r = sim.kvn({"5", "0", "1", "0", "5000", "1"});
-    EXPECT_NE(r.out.find("rsp data: 0x13 0x01\n"), std::string::npos) << r.out;
+    EXPECT_TRUE(contains(sim.kvn({"5", "0", "1", "0", "5000", "1"}).out, "rsp data: 0x13 0x01\n"));
     EXPECT_EQ(sim.ctl({"fault", "diag", "1", "drop"}).exit_code, 1); // diag faults: no-reply, delay
-
     EXPECT_EQ(diag_journal(sim).size(), 3u);
-}
 
-// 5000 byte arguments: 4096 converted, 5000 declared, zeros past 4096.
-TEST(DiagSendE2e, FiveThousandBytes)
-{
-    SimHandset sim;
-    std::vector<std::string> args{"5", "0", "0", "0", "2000"};
-    args.insert(args.end(), 5000, "0x11");
-    auto r = sim.kvn(args);
-    EXPECT_NE(r.out.find("\nrsp data len(5001)\nrsp data: 0x13 0x11"), std::string::npos);
-    auto j = diag_journal(sim);
+    sim.clear_journal();
+    auto r = sim.kvn(args_of({"5", "0", "0", "0", "2000"}, 5000, "0x11"));
+    EXPECT_TRUE(contains(r.out, "\nrsp data len(5001)\nrsp data: 0x13 0x11"));
+    j = diag_journal(sim);
     ASSERT_EQ(j.size(), 1u);
-    std::string hex = j[0]["diag"];
-    EXPECT_EQ(hex, std::string(2 * 4096, '1') + std::string(2 * 904, '0'));
+    EXPECT_EQ(j[0]["diag"], std::string(2 * 4096, '1') + std::string(2 * 904, '0'));
     size_t printed = 0, end = r.out.find("callback mode");
     for (size_t p = r.out.find("0x11 "); p < end; p = r.out.find("0x11 ", p + 1))
         ++printed;

@@ -1,17 +1,12 @@
-// smart_rf_e2e_test.cpp - groups 11 (smart test) and 3 (GPIO/RF tests) run as
-// processes against a kvn-sim that acts on them: the modem really restarts,
-// dumps, syncs and keeps the test state in EFS files.
+// smart_rf_e2e_test.cpp - groups 11 (smart test) and 3 (GPIO/RF tests) against a kvn-sim that restarts, dumps,
+// syncs and keeps the test state in EFS files.
 #include <filesystem>
 
 #include "device_tests_e2e.h"
 
 using namespace devtests;
-using help_text::for_group;
 
 namespace {
-
-const std::string kTooFew = "\nnote: Too few parameters, Pls refer to the following cmd:\n";
-std::string error_note(int code) { return "\nnote: Error happen! error_code(" + std::to_string(code) + ")\n"; }
 
 size_t dump_files(const SimHandset &sim)
 {
@@ -23,33 +18,37 @@ size_t dump_files(const SimHandset &sim)
     return n;
 }
 
-const char kNoWait[] = R"({"properties": {"persist.radio.ssr_wait_s": "0"}})";
+const char kGpioFile[] = "/nv/item_files/modem/pelmox/rf_ant_port_config";
+const char kTxFile[] = "/nv/item_files/modem/antenna/ant_tx_config";
 
-/* ---- group 11 ---- */
-
-// Argument checks: notes follow the shell flag, "invalid par_i" and the help
-// do not, and a bad opt never reaches the modem.
-TEST(SmartTestE2e, ArgumentChecks)
+// Groups 11 and 3: notes follow the shell flag, name lines, "invalid par_i" and the help do not; nothing of these
+// reaches the modem. Then SSR, NV sync and a full dump on the same handset.
+TEST(SmartTestE2e, ArgumentChecksSsrNvSyncAndDefaultDump)
 {
     SimHandset sim;
+    const std::string invalid = "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n";
+    const std::string cmd_error = "\nnote: Cmd error, should be: kvn 3 ", bad = error_note(268431370);
     expect_flag_cases(sim, {
-        {{"11"}, kTooFew + for_group(11), for_group(11)},
-        {{"11", "5"}, kTooFew + for_group(11), for_group(11)},
-        {{"12x", "0"}, for_group(0), for_group(0)},
-        {{"11", "4", "2"}, "\nnote: opt(2) is invalid:\n" + for_group(11), for_group(11)},
-        {{"11", "6", "-1"}, "\nnote: opt(-1) is invalid:\n" + for_group(11), for_group(11)},
-        {{"11", "7"}, "invalid par_i = 7\n" + for_group(11), "invalid par_i = 7\n" + for_group(11)},
-        {{"11", "-1"}, "invalid par_i = -1\n" + for_group(11), "invalid par_i = -1\n" + for_group(11)},
-    });
+                               {{"11"}, "", k_too_few, 11},
+                               {{"11", "5"}, "", k_too_few, 11},
+                               {{"11", "4", "2"}, "", "\nnote: opt(2) is invalid:\n", 11},
+                               {{"11", "6", "-1"}, "", "\nnote: opt(-1) is invalid:\n", 11},
+                               {{"11", "7"}, "invalid par_i = 7\n", "", 11},
+                               {{"11", "-1"}, "invalid par_i = -1\n", "", 11},
+                               {{"3"}, "", k_too_few, 3},
+                               {{"3", "6"}, "", invalid, 3},
+                               {{"3", "-1"}, "", invalid, 3},
+                               {{"3", "3", "1", "4"}, "pelmox_rf_tx_test_set, argc(5)\n",
+                                "\nnote: need 5 inputs, Pls refer to the following cmd:\n" + bad, 3},
+                               {{"3", "1", "x"}, "pelmox_gpio_test_get\n",
+                                cmd_error + "1 , Pls refer to the following cmd:\n" + bad, 3},
+                               {{"3", "5", "x"}, "pelmox_rf_tx_test_closed\n",
+                                cmd_error + "5 , Pls refer to the following cmd:\n" + bad, 3},
+                           });
     EXPECT_EQ(counters(sim), "modem restarts 0, full dumps 0, nv syncs 0");
     EXPECT_TRUE(sim.journal().empty());
-}
 
-// SSR restarts the modem for 2000 ms (after its reply); NV sync
-// is counted; neither prints anything beyond the traces.
-TEST(SmartTestE2e, SsrRestartsTheModemAndNvSyncIsCounted)
-{
-    SimHandset sim;
+    // SSR restarts the modem for 2000 ms (after its reply); NV sync is counted; neither prints beyond the traces.
     auto r = sim.kvn({"11", "0"});
     EXPECT_NE(r.out.find("Will trigger SSR of modem"), std::string::npos);
     EXPECT_EQ(tool_lines(r.out), "");
@@ -69,14 +68,19 @@ TEST(SmartTestE2e, SsrRestartsTheModemAndNvSyncIsCounted)
     }
     EXPECT_EQ(msgs, (std::vector<std::string>{"02000000000000001f0000000400000000100000",
                                               "0200000000000000230000000000000000000000"}));
+    // With no wait property a full dump waits the default 3 seconds first.
+    r = sim.kvn({"11", "1"});
+    for (const char *line : {"ssr wait_s = 3\n", "modem ssr start to wait 3s to init\n",
+                             "modem ssr end to wait 3s to init\n"})
+        EXPECT_TRUE(contains(r.out, line)) << line;
+    EXPECT_EQ(counters(sim), "modem restarts 2, full dumps 1, nv syncs 1");
 }
 
-// First run: the policy is saved, SSR closed, the counter written (as 1, the
-// read of the 4-byte file failing), the dump taken. Second run: nothing saved
-// again, no counter, the dump sent at once.
+// First run: the policy is saved, SSR closed, the counter written (as 1, the read of the 4-byte file failing), the
+// dump taken. Second run: nothing saved again, no counter, the dump sent at once.
 TEST(SmartTestE2e, FullDumpFirstAndSecondRun)
 {
-    SimHandset sim(kNoWait);
+    SimHandset sim(R"({"properties": {"persist.radio.ssr_wait_s": "0"}})");
     auto r = sim.kvn({"11", "1"});
     for (const char *line : {"need to save ssr state",
                              "Will trigger Full Dump, the current state: ALL_ENABLE, the default state: \n",
@@ -99,9 +103,8 @@ TEST(SmartTestE2e, FullDumpFirstAndSecondRun)
     EXPECT_EQ(dump_files(sim), 2u);
 }
 
-// SSR already closed and nothing saved: the saved policy is stored, no counter
-// and no wait, the dump sent at once. A dump request with SSR enabled (sent
-// raw through group 6) only restarts the modem.
+// SSR already closed and nothing saved: the policy is stored, no counter and no wait, the dump sent at once. A dump
+// request with SSR enabled (sent raw through group 6) only restarts the modem.
 TEST(SmartTestE2e, FullDumpWithPolicyClosedAndWithSsrEnabled)
 {
     SimHandset sim(R"({"properties": {"persist.vendor.ssr.restart_level": "ALL_DISABLE"}})");
@@ -122,19 +125,8 @@ TEST(SmartTestE2e, FullDumpWithPolicyClosedAndWithSsrEnabled)
     EXPECT_EQ(dump_files(sim), 1u);
 }
 
-// With no wait property the dump waits the default 3 seconds first.
-TEST(SmartTestE2e, FullDumpWaitsTheDefault)
-{
-    SimHandset sim;
-    auto r = sim.kvn({"11", "1"});
-    for (const char *line : {"ssr wait_s = 3\n", "modem ssr start to wait 3s to init\n",
-                             "modem ssr end to wait 3s to init\n"})
-        EXPECT_NE(r.out.find(line), std::string::npos) << line;
-    EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 1, nv syncs 0");
-}
-
-// Each switch: its file written or deleted, the handset's log naming the file
-// and its value, NV sync then SSR. A failed delete or write stops before both.
+// Each switch: its file written or deleted, the handset's log naming the file and its value, NV sync then SSR. A
+// failed delete or write stops before both.
 TEST(SmartTestE2e, PrintSwitchesOnOffAndFailures)
 {
     SimHandset sim;
@@ -177,14 +169,11 @@ TEST(SmartTestE2e, PrintSwitchesOnOffAndFailures)
     EXPECT_EQ(counters(sim), "modem restarts 4, full dumps 0, nv syncs 4");
 }
 
-/* ---- group 3 ---- */
-
-const char kGpioFile[] = "/nv/item_files/modem/pelmox/rf_ant_port_config";
-const char kTxFile[] = "/nv/item_files/modem/antenna/ant_tx_config";
-
-// 60 values: the count says 60, 50 values follow, the modem stores 60 bytes
-// (the last ten zero). No value: the count 0 is refused by the modem.
-TEST(RfTestE2e, GpioCountsZeroAndSixty)
+// 60 GPIO values: the count says 60, 50 values follow, the modem stores 60 bytes (the last ten zero). No value: the
+// count 0 is refused by the modem. Then set, get and close of the GPIO and RF-transmit tests in order: what each
+// prints and the state file it leaves ("absent" once closed; nullptr: not checked); the band list is strtoul in
+// base 0 (hex, octal, -1 as all ones). During a modem restart the state file cannot be read.
+TEST(RfTestE2e, GpioAndTxSetGetClose)
 {
     SimHandset sim;
     std::vector<std::string> args{"3", "0"};
@@ -209,15 +198,7 @@ TEST(RfTestE2e, GpioCountsZeroAndSixty)
     j = nlohmann::json::parse(sim.journal().back());
     EXPECT_EQ(j["tlvs"][2]["hex"].get<std::string>().substr(0, 24), "000000000000000000000000");
     EXPECT_EQ(efs_hex(sim, kGpioFile), expect_file);
-}
 
-// Set, get and close of the GPIO and RF-transmit tests, in order on one
-// handset: what each prints and the state file it leaves ("absent" once
-// closed; nullptr: not checked). The band list is strtoul in base 0: hex,
-// octal, and -1 as all ones.
-TEST(RfTestE2e, SetGetCloseInOrder)
-{
-    SimHandset sim;
     const std::string tx_set = "pelmox_rf_tx_test_set, argc(6)\n v_ant(1)\n v_sys(4)\n v_band_list(";
     const struct {
         std::vector<std::string> args;
@@ -245,45 +226,12 @@ TEST(RfTestE2e, SetGetCloseInOrder)
     for (const auto &step : steps) {
         SCOPED_TRACE(step.args[1] + " " + step.args.back());
         EXPECT_EQ(tool_lines(sim.kvn(step.args).out), step.out);
-        if (step.path) {
-            EXPECT_EQ(efs_hex(sim, step.path), step.hex);
-        }
+        EXPECT_EQ(step.path ? efs_hex(sim, step.path) : "", step.path ? step.hex : "");
     }
-}
-
-// Notes follow the shell flag; name lines and the help do not. Nothing of
-// these reaches the modem.
-TEST(RfTestE2e, ArgumentChecks)
-{
-    SimHandset sim;
-    const std::string bad = error_note(268431370) + for_group(3);
-    expect_flag_cases(sim, {
-        {{"3"}, kTooFew + for_group(3), for_group(3)},
-        {{"3", "6"}, "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n" + for_group(3),
-         for_group(3)},
-        {{"3", "-1"}, "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n" + for_group(3),
-         for_group(3)},
-        {{"3", "3", "1", "4"},
-         "pelmox_rf_tx_test_set, argc(5)\n\nnote: need 5 inputs, Pls refer to the following cmd:\n" + bad,
-         "pelmox_rf_tx_test_set, argc(5)\n" + for_group(3)},
-        {{"3", "1", "x"},
-         "pelmox_gpio_test_get\n\nnote: Cmd error, should be: kvn 3 1 , Pls refer to the following cmd:\n" + bad,
-         "pelmox_gpio_test_get\n" + for_group(3)},
-        {{"3", "5", "x"},
-         "pelmox_rf_tx_test_closed\n\nnote: Cmd error, should be: kvn 3 5 , Pls refer to the following cmd:\n" + bad,
-         "pelmox_rf_tx_test_closed\n" + for_group(3)},
-    });
-    EXPECT_TRUE(sim.journal().empty());
-}
-
-// During a modem restart the state file cannot be read: the transport fails.
-TEST(RfTestE2e, ReadDuringModemRestart)
-{
-    SimHandset sim(R"({"efs": {"0": {"/nv/item_files/modem/antenna/ant_tx_config": "01"}}})");
     ASSERT_EQ(sim.ctl({"ssr", "60000"}).exit_code, 0);
-    auto r = sim.kvn({"3", "4"});
-    EXPECT_EQ(tool_lines(r.out), "pelmox_rf_tx_test_get\npelmox_extend_qmi_send_sync fail, REQUEST_ID_EFS\n" +
-                                     error_note(-102) + for_group(3));
+    EXPECT_EQ(tool_lines(sim.kvn({"3", "4"}).out),
+              "pelmox_rf_tx_test_get\npelmox_extend_qmi_send_sync fail, REQUEST_ID_EFS\n" + error_note(-102) +
+                  for_group(3));
 }
 
 } // namespace

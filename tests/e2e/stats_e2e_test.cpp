@@ -1,12 +1,9 @@
-// stats_e2e_test.cpp - command group 7 run as a process against kvn-sim: the
-// self-test's summary lines and full trace, debug blocks of every version
-// with their cursor lines, the check's SUCCES / CLOSED / FAIL with the log id
-// list (and its 8-bit wrap), and both requests failing by response result,
-// by fault and with the service down.
+// stats_e2e_test.cpp - command group 7 against kvn-sim: the self-test, debug blocks of every version, the check's
+// SUCCES / CLOSED / FAIL with the log id list (and its 8-bit wrap), and both requests failing.
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,14 +12,9 @@
 #include "device_tests_e2e.h"
 
 using namespace devtests;
-using help_text::for_group;
-using kvn_test::masked_out;
 
 namespace {
 
-/* ---- expected texts ---- */
-
-const std::string kNote = "\nnote: Too few parameters, Pls refer to the following cmd:\n";
 const std::string kSummary =
     "version = 196609, mcc = 29440, mnc_num 128, mnc 704, tac 497189504, cgi 2028284490176, pci 51666\n"
     "freq_band_ind = 64, dl_earfcn = 27450241, dl_bw 1280, ul_earfcn 24836608, ul_bw 1280, allow_access 128, scs 0\n";
@@ -39,13 +31,12 @@ std::string check_lines(int version, int enabled, uint64_t not_supported)
            "\nUNPK[size:8], modem_stats_cmd_ok_count = 0\nUNPK[size:8], modem_stats_cmd_fail_count = 0\n";
 }
 
-
 std::string scenario(const std::string &modem_stats) { return R"({"modem_stats": )" + modem_stats + "}"; }
 
-// A check block: version 4, the enable byte and the 8-byte not-supported count.
-std::string check_block(int enabled, const std::string &count_hex)
+// The modem's statistics: a check block (version 4, the enable byte, the 8-byte not-supported count) and `more`.
+std::string check(int enabled, const std::string &count_hex, const std::string &more = "")
 {
-    return "\"04 0" + std::to_string(enabled) + " " + count_hex + "\"";
+    return "{\"debug_info\": \"04 0" + std::to_string(enabled) + " " + count_hex + "\"" + more + "}";
 }
 
 // The request types of the extend command-4 requests journalled.
@@ -58,8 +49,7 @@ std::vector<uint32_t> request_types(const SimHandset &sim)
     return out;
 }
 
-// The self-test's trace of the built-in sample (version 0x30001), before its
-// summary lines. The five step traces run on into the next text.
+// The self-test's trace of the built-in sample (version 0x30001) before its summary; the step traces run on.
 const char kSampleTrace[] =
     "    UNPK_I, name: version, val: 196609(0x010003), val_size: 4, unpk_cnt: 4, data_base: 0, base_bit: 0\n"
     "BASE_WITH_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(0), bit(32), id(0x0)UNPK_SET_BIT, g_unpk_data_base_bit(32), g_unpk_data_base(4), g_unpk_data_cnt(31), bit(250), id(0x0)PRINT_CNT, base_bit: 32, base_byte: 4, data_cnt: 31, low: 3, high: 18, param: 250, name: mcc    UNPK_I, name: mcc_tmp1, val: 721138937611013120(0x00CC01020B00020A), val_size: 8, unpk_cnt: 39, data_base: 4, base_bit: 32\n"
@@ -111,117 +101,69 @@ const char kSampleTrace[] =
     "UNPK_HIGH, old_val: 70496024690816, new_val: 128, bit_num: 126, name: allow_access, id(0x0)UNPK_LOW, old_val: 128, new_val: 128, bit_num: 8, mask_max(0xff), old_size(1), name: allow_access, id(0x0)UNPK_MID, old_val: 128, new_val: 128, low: 3, high: 10, name: allow_access, id(0x0)\n"
     "    UNPK_AT, name: allow_access, val: 128(0x80), low: 3, high: 10, bit_start: 290, bit_num: 8\n";
 
-// The default handset's block (version 4, 221 bytes) as sub-command 1 prints it.
-const char kDefaultBlock[] =
-    "UNPK[size:1], version = 4\n"
-    "-------- stats main info start --------\n"
-    "UNPK[size:1], g_modem_stats_feature_enable_status = 1\n"
-    "UNPK[size:8], g_unpk_version_not_support_num = 0\n"
-    "UNPK[size:8], g_modem_stats_cmd_ok_count = 1532\n"
-    "UNPK[size:8], g_modem_stats_cmd_fail_count = 3\n"
-    "UNPK[size:8], hydra_system_heapi_mem_max_num = 96\n"
-    "UNPK[size:8], hydra_system_heapi_mem_cur_num = 12\n"
-    "UNPK[size:4], modem_statsi_cmd_q_count = 0\n"
-    "UNPK[size:4], modem_statsi_cmd_free_q_count = 16\n"
-    "UNPK[size:4], g_hydra_log_mask = 31\n"
-    "UNPK[size:4], g_hydra_log_stats_mask = 3\n"
-    "-------- stats main info end, cnt(58) --------\n"
-    "-------- stats diag info start --------\n"
-    "UNPK[size:1], init_state = 1\n"
-    "UNPK[size:4], listener_event_num = 6\n"
-    "UNPK[size:1], listener_event_state = 1\n"
-    "UNPK[size:4], listener_event_call_num = 2210\n"
-    "UNPK[size:4], listener_event_parse_num = 2208\n"
-    "UNPK[size:4], listener_log_num = 9\n"
-    "UNPK[size:1], listener_log_state = 1\n"
-    "UNPK[size:8], listener_log_call_num = 48211\n"
-    "UNPK[size:8], listener_log_parse_num = 48190\n"
-    "UNPK[size:4], poll_update_call_num = 720\n"
-    "UNPK[size:4], poll_update_parse_num = 720\n"
-    "UNPK[size:8], listener_event_callback_num = 2210\n"
-    "UNPK[size:8], listener_log_callback_num = 48211\n"
-    "UNPK[size:4], lte_cell_id_invalid_num = 2\n"
-    "UNPK[size:4], nr5g_cell_id_invalid_num = 0\n"
-    "UNPK[size:4], event_duration_ms_max = 14\n"
-    "UNPK[size:4], log_duration_ms_max = 9\n"
-    "UNPK[size:4], do_duration_ms_max = 31\n"
-    "UNPK[size:4], debug_call_num = 5\n"
-    "UNPK[size:4], debug_parse_num = 5\n"
-    "UNPK[size:4], cust_event_call_num = 40\n"
-    "UNPK[size:4], cust_event_parse_num = 40\n"
-    "-------- stats diag info end, cnt(153) --------\n"
-    "-------- stats cm info start --------\n"
-    "UNPK[size:1], init_state = 1\n"
-    "UNPK[size:1], listener_state = 1\n"
-    "UNPK[size:4], listener_call_event_call_num = 88\n"
-    "UNPK[size:4], listener_call_event_parse_num = 88\n"
-    "UNPK[size:4], listener_subs_event_call_num = 12\n"
-    "UNPK[size:4], listener_subs_event_parse_num = 12\n"
-    "UNPK[size:4], listener_ss_event_call_num = 301\n"
-    "UNPK[size:4], listener_ss_event_parse_num = 301\n"
-    "UNPK[size:4], listener_stats_event_call_num = 1440\n"
-    "UNPK[size:4], listener_stats_event_parse_num = 1440\n"
-    "UNPK[size:4], poll_update_rf_call_num = 720\n"
-    "UNPK[size:4], poll_update_rf_parse_num = 720\n"
-    "UNPK[size:4], poll_update_lte_call_num = 720\n"
-    "UNPK[size:4], poll_update_lte_parse_num = 719\n"
-    "UNPK[size:4], poll_update_nr5g_call_num = 360\n"
-    "UNPK[size:4], poll_update_nr5g_parse_num = 360\n"
-    "-------- stats cm info end, cnt(211) --------\n"
-    "-------- stats uim info start --------\n"
-    "UNPK[size:1], init_state = 1\n"
-    "UNPK[size:1], listener_state = 1\n"
-    "UNPK[size:4], listener_event_call_num = 7\n"
-    "UNPK[size:4], listener_event_parse_num = 7\n"
-    "-------- stats uim info end, cnt(221) --------\n";
+// The default handset's block (version 4, 221 bytes) as sub-command 1 prints it: its fields by section, each
+// section's end line carrying the running 8-bit cursor.
+struct Field {
+    int size;
+    const char *name;
+    int value;
+};
+const struct {
+    const char *name;
+    int end;
+    std::vector<Field> fields;
+} kDefaultBlock[] = {
+    {"main", 58, {{1, "g_modem_stats_feature_enable_status", 1}, {8, "g_unpk_version_not_support_num", 0},
+                  {8, "g_modem_stats_cmd_ok_count", 1532}, {8, "g_modem_stats_cmd_fail_count", 3},
+                  {8, "hydra_system_heapi_mem_max_num", 96}, {8, "hydra_system_heapi_mem_cur_num", 12},
+                  {4, "modem_statsi_cmd_q_count", 0}, {4, "modem_statsi_cmd_free_q_count", 16},
+                  {4, "g_hydra_log_mask", 31}, {4, "g_hydra_log_stats_mask", 3}}},
+    {"diag", 153, {{1, "init_state", 1}, {4, "listener_event_num", 6}, {1, "listener_event_state", 1},
+                   {4, "listener_event_call_num", 2210}, {4, "listener_event_parse_num", 2208},
+                   {4, "listener_log_num", 9}, {1, "listener_log_state", 1}, {8, "listener_log_call_num", 48211},
+                   {8, "listener_log_parse_num", 48190}, {4, "poll_update_call_num", 720},
+                   {4, "poll_update_parse_num", 720}, {8, "listener_event_callback_num", 2210},
+                   {8, "listener_log_callback_num", 48211}, {4, "lte_cell_id_invalid_num", 2},
+                   {4, "nr5g_cell_id_invalid_num", 0}, {4, "event_duration_ms_max", 14}, {4, "log_duration_ms_max", 9},
+                   {4, "do_duration_ms_max", 31}, {4, "debug_call_num", 5}, {4, "debug_parse_num", 5},
+                   {4, "cust_event_call_num", 40}, {4, "cust_event_parse_num", 40}}},
+    {"cm", 211, {{1, "init_state", 1}, {1, "listener_state", 1}, {4, "listener_call_event_call_num", 88},
+                 {4, "listener_call_event_parse_num", 88}, {4, "listener_subs_event_call_num", 12},
+                 {4, "listener_subs_event_parse_num", 12}, {4, "listener_ss_event_call_num", 301},
+                 {4, "listener_ss_event_parse_num", 301}, {4, "listener_stats_event_call_num", 1440},
+                 {4, "listener_stats_event_parse_num", 1440}, {4, "poll_update_rf_call_num", 720},
+                 {4, "poll_update_rf_parse_num", 720}, {4, "poll_update_lte_call_num", 720},
+                 {4, "poll_update_lte_parse_num", 719}, {4, "poll_update_nr5g_call_num", 360},
+                 {4, "poll_update_nr5g_parse_num", 360}}},
+    {"uim", 221, {{1, "init_state", 1}, {1, "listener_state", 1}, {4, "listener_event_call_num", 7},
+                  {4, "listener_event_parse_num", 7}}},
+};
 
-/* ---- sub-command 0 and the dispatcher ---- */
+// A section's start line, its body and its end line with the cursor.
+std::string section(const std::string &name, int end, const std::string &body)
+{
+    return "-------- stats " + name + " info start --------\n" + body + "-------- stats " + name + " info end, cnt(" +
+           std::to_string(end) + ") --------\n";
+}
 
-// No modem is needed: no kvn-sim runs for these. The print flag is the
-// whole atoi value, so 256 traces.
+// No modem is needed: no kvn-sim runs for these. The print flag is the whole atoi value, so 256 traces.
 TEST(StatsE2e, SelfTestAndDispatcherLines)
 {
-    ProcessOptions none;
-    none.env["KVN_SIM_SOCKET"] = "/nonexistent/kvn-sim.sock";
-    none.env["PELMOX_SHELL_PRINT_FLAG"] = "1";
-    auto run = [&](std::vector<std::string> args) {
-        auto cmd = kvn_test::kvn_command();
-        args.insert(args.begin(), cmd.begin(), cmd.end());
-        return kvn_test::run_process(args, none).out;
-    };
+    auto run = [](const std::vector<std::string> &args) { return kvn_alone(args).out; };
     EXPECT_EQ(run({"7", "0", "0"}), "length = 48, print_flag = 0\n" + kSummary);
+    EXPECT_EQ(run({"7", "0", "1"}), std::string("length = 48, print_flag = 1\n") + kSampleTrace + kSummary);
     EXPECT_EQ(run({"7", "0", "256"}).substr(0, 40), "length = 48, print_flag = 256\n    UNPK_I");
-    EXPECT_EQ(run({"7", "0"}), kNote + "pelmox_test_modem_stats_parsing_process FAIL\n" + for_group(7));
-    EXPECT_EQ(run({"7", "1"}), kNote + "pelmox_test_modem_stats_get_debug_info FAIL\n" + for_group(7));
+    EXPECT_EQ(run({"7", "0"}), k_too_few + "pelmox_test_modem_stats_parsing_process FAIL\n" + for_group(7));
+    EXPECT_EQ(run({"7", "1"}), k_too_few + "pelmox_test_modem_stats_get_debug_info FAIL\n" + for_group(7));
     EXPECT_EQ(run({"7", "2"}), "invalid type = 2\n" + for_group(7));
-    EXPECT_EQ(run({"7"}), kNote + for_group(7));
-    none.env["PELMOX_SHELL_PRINT_FLAG"] = "0"; // the notes follow the shell print flag
-    EXPECT_EQ(run({"7", "1"}), "pelmox_test_modem_stats_get_debug_info FAIL\n" + for_group(7));
+    EXPECT_EQ(run({"7"}), k_too_few + for_group(7));
+    // The notes follow the shell print flag.
+    EXPECT_EQ(kvn_alone({"7", "1"}, "0").out, "pelmox_test_modem_stats_get_debug_info FAIL\n" + for_group(7));
 }
 
-TEST(StatsE2e, SelfTestFullTrace)
-{
-    ProcessOptions none;
-    none.env["KVN_SIM_SOCKET"] = "/nonexistent/kvn-sim.sock";
-    auto argv = kvn_test::kvn_command();
-    argv.insert(argv.end(), {"7", "0", "1"});
-    auto r = kvn_test::run_process(argv, none);
-    EXPECT_EQ(r.out, std::string("length = 48, print_flag = 1\n") + kSampleTrace + kSummary);
-}
-
-/* ---- sub-command 1: debug info ---- */
-
-TEST(StatsE2e, DefaultBlockPrintsEverySection)
-{
-    SimHandset sim;
-    auto r = sim.kvn({"7", "1", "1"}, shell_flag("0"));
-    EXPECT_EQ(masked_out(r), get(1) + k_open + send_ok(229) + kDefaultBlock);
-    EXPECT_EQ(request_types(sim), std::vector<uint32_t>{20});
-}
-
-// The sections grow at versions 1 to 4; the end lines carry the running
+// The default handset's block whole; then the sections grow at versions 1 to 4, the end lines carrying the running
 // 8-bit cursor from 1.
-TEST(StatsE2e, BlockVersionsAndCursorLines)
+TEST(StatsE2e, DefaultBlockVersionsAndCursorLines)
 {
     const struct {
         int version;
@@ -229,38 +171,39 @@ TEST(StatsE2e, BlockVersionsAndCursorLines)
         size_t fields;
     } cases[] = {{0, {26, 69, 127, 137}, 36}, {1, {26, 93, 151, 161}, 40}, {2, {50, 137, 195, 205}, 49},
                  {3, {50, 145, 203, 213}, 51}, {4, {58, 153, 211, 221}, 53}, {200, {58, 153, 211, 221}, 53}};
-    std::string hex;
+    std::string ones;
     for (int i = 1; i < 221; ++i)
-        hex += " 01";
+        ones += " 01";
+    SimHandset sim;
+    std::string block = "UNPK[size:1], version = 4\n";
+    for (const auto &s : kDefaultBlock) {
+        std::string body;
+        for (const auto &f : s.fields)
+            body += "UNPK[size:" + std::to_string(f.size) + "], " + f.name + " = " + std::to_string(f.value) + "\n";
+        block += section(s.name, s.end, body);
+    }
+    EXPECT_EQ(masked_out(sim.kvn({"7", "1", "1"}, shell_flag("0"))), get(1) + k_open + send_ok(229) + block);
+    EXPECT_EQ(request_types(sim), std::vector<uint32_t>{20});
     for (const auto &c : cases) {
         SCOPED_TRACE(c.version);
-        char v[4];
-        snprintf(v, sizeof(v), "%02x", c.version);
-        SimHandset sim(scenario(R"({"debug_info": ")" + std::string(v) + hex + "\"}"));
-        std::string out = sim.kvn({"7", "1", "3"}, shell_flag("0")).out;
-        std::string markers;
+        load(sim, scenario(R"({"debug_info": ")" + hex_of(std::string(1, char(c.version))) + ones + "\"}"));
+        std::istringstream out(sim.kvn({"7", "1", "3"}, shell_flag("0")).out);
+        std::string markers, want;
         size_t fields = 0;
-        std::regex line("[^\n]*\n");
-        for (auto it = std::sregex_iterator(out.begin(), out.end(), line); it != std::sregex_iterator(); ++it) {
-            std::string l = it->str();
-            if (l.rfind("--------", 0) == 0)
-                markers += l;
+        for (std::string l; std::getline(out, l);) {
+            markers += l.rfind("--------", 0) == 0 ? l + "\n" : "";
             fields += l.rfind("UNPK[size:", 0) == 0;
         }
-        std::string want;
-        const char *names[] = {"main", "diag", "cm", "uim"};
         for (int s = 0; s < 4; ++s)
-            want += std::string("-------- stats ") + names[s] + " info start --------\n-------- stats " + names[s] +
-                    " info end, cnt(" + std::to_string(c.ends[s]) + ") --------\n";
+            want += section(std::vector<std::string>{"main", "diag", "cm", "uim"}[s], c.ends[s], "");
         EXPECT_EQ(markers, want);
         EXPECT_EQ(fields, c.fields);
-        EXPECT_NE(out.find("UNPK[size:1], version = " + std::to_string(c.version) + "\n"), std::string::npos);
+        EXPECT_TRUE(contains(out.str(), "UNPK[size:1], version = " + std::to_string(c.version) + "\n"));
     }
 }
 
-// The check: enabled (any non-zero) and a zero count is SUCCES with one
-// request; disabled is CLOSED; a count non-zero only in its high byte fails
-// and lists the ids of a second request. From the 128th id on, the 8-bit
+// The check: enabled (any non-zero) and a zero count is SUCCES with one request; disabled is CLOSED; a count
+// non-zero only in its high byte fails and lists the ids of a second request. From the 128th id on, the 8-bit
 // offset wraps: the 128th "id" is the count itself.
 TEST(StatsE2e, CheckSuccesClosedFailAndIdWrap)
 {
@@ -274,34 +217,32 @@ TEST(StatsE2e, CheckSuccesClosedFailAndIdWrap)
         wrapped += l;
     }
     const std::string fail_head = kRule + "================= FAIL ====================\n" + kRule;
+    const std::string succes = "================ SUCCES ===================\n";
     const struct {
         const char *name;
         std::string modem_stats;
         std::string tail;
         std::vector<uint32_t> requests;
     } cases[] = {
-        {"succes", "{\"debug_info\": " + check_block(1, "00 00 00 00 00 00 00 00") + "}", check_lines(4, 1, 0) + kRule + "================ SUCCES ===================\n", {20}},
-        {"enabled 0x80", "{\"debug_info\": " + check_block(8, "00 00 00 00 00 00 00 00") + "}",
-         check_lines(4, 8, 0) + kRule + "================ SUCCES ===================\n", {20}},
-        {"closed", "{\"debug_info\": " + check_block(0, "05 00 00 00 00 00 00 00") + "}",
+        {"succes", check(1, "00 00 00 00 00 00 00 00"), check_lines(4, 1, 0) + kRule + succes, {20}},
+        {"enabled 0x80", check(8, "00 00 00 00 00 00 00 00"), check_lines(4, 8, 0) + kRule + succes, {20}},
+        {"closed", check(0, "05 00 00 00 00 00 00 00"),
          check_lines(4, 0, 5) + kRule + "================ CLOSED ===================\n", {20}},
-        {"fail", "{\"debug_info\": " + check_block(1, "00 00 00 00 00 00 00 01") +
-                     ", \"unsupported_log_ids\": [45248, 4981]}",
+        {"fail", check(1, "00 00 00 00 00 00 00 01", ", \"unsupported_log_ids\": [45248, 4981]"),
          check_lines(4, 1, 72057594037927936ull) + send_ok(14) + "UNPK[size:2], log_num = 2\n" + fail_head +
              "Diag logs to be upgraded[num:2]:\nlog_id[0]: 0xB0C0\nlog_id[1]: 0x1375\n",
          {20, 27}},
-        {"wrap", "{\"debug_info\": " + check_block(1, "01 00 00 00 00 00 00 00") + ", \"unsupported_log_ids\": [" +
-                     ids130 + "]}",
+        {"wrap", check(1, "01 00 00 00 00 00 00 00", ", \"unsupported_log_ids\": [" + ids130 + "]"),
          check_lines(4, 1, 1) + send_ok(270) + "UNPK[size:2], log_num = 130\n" + fail_head +
              "Diag logs to be upgraded[num:130]:\n" + wrapped,
          {20, 27}},
     };
+    SimHandset sim;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        SimHandset sim(scenario(c.modem_stats));
-        auto r = sim.kvn({"7", "1", "0"}, shell_flag("0"));
-        std::string head = get(0) + k_open;
-        std::string out = masked_out(r);
+        load(sim, scenario(c.modem_stats));
+        sim.clear_journal();
+        std::string head = get(0) + k_open, out = masked_out(sim.kvn({"7", "1", "0"}, shell_flag("0")));
         ASSERT_EQ(out.substr(0, head.size()), head);
         std::string rest = out.substr(head.size());
         EXPECT_EQ(rest.substr(rest.find('\n', rest.find('\n') + 1) + 1), c.tail); // past the first send's lines
@@ -309,40 +250,32 @@ TEST(StatsE2e, CheckSuccesClosedFailAndIdWrap)
     }
 }
 
-/* ---- failures ---- */
-
 // Each failure line is printed once, with no line end, and ends the output.
 TEST(StatsE2e, BothRequestsFail)
 {
-    const std::string fail_block = "{\"debug_info\": " + check_block(1, "02 00 00 00 00 00 00 00");
+    const std::string fail = "02 00 00 00 00 00 00 00";
     const struct {
         const char *name;
         std::string modem_stats;
-        std::vector<std::string> fault; // a kvn-sim command before the run, or empty
-        bool down;                      // extend service down before the run
+        std::vector<std::string> before; // a kvn-sim command before the run ("status" where none is needed)
         std::string type;
         std::string last; // the end of the output
     } cases[] = {
-        {"20 by result, kept across a modem restart", "{\"debug_info_result\": -5}", {"ssr", "100"}, false, "1",
+        {"20 by result, kept across a modem restart", "{\"debug_info_result\": -5}", {"ssr", "100"}, "1",
          "qmi response fail, result = -5, rsp.result = -5"},
-        {"27 by result", fail_block + ", \"unsupported_log_ids_result\": 3}", {}, false, "0",
+        {"27 by result", check(1, fail, ", \"unsupported_log_ids_result\": 3"), {"status"}, "0",
          "qmi response fail, result = 3, rsp_not_support.result = 3"},
-        {"20 by fault", "{}", {"fault", "extend", "2", "qmi-error=3"}, false, "1",
+        {"20 by fault", "{}", {"fault", "extend", "2", "qmi-error=3"}, "1",
          "pelmox_common_qmi_req fail, REQUEST_ID_COMMON, result = -3, rsp.result = 0"},
-        {"27 by fault after 1", fail_block + "}", {"fault", "extend", "2", "drop", "--after", "1"}, false, "0",
+        {"27 by fault after 1", check(1, fail), {"fault", "extend", "2", "drop", "--after", "1"}, "0",
          "pelmox_common_qmi_req fail, result = -3, rsp_not_support.result = 0"},
-        {"20 service down", "{}", {}, true, "1",
+        {"20 service down", "{}", {"service", "extend", "down"}, "1",
          "pelmox_common_qmi_req fail, REQUEST_ID_COMMON, result = -2, rsp.result = 0"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         SimHandset sim(scenario(c.modem_stats));
-        if (!c.fault.empty()) {
-            ASSERT_EQ(sim.ctl(c.fault).exit_code, 0);
-        }
-        if (c.down) {
-            ASSERT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
-        }
+        ASSERT_EQ(sim.ctl(c.before).exit_code, 0);
         std::string out = sim.kvn({"7", "1", c.type}, shell_flag("0")).out;
         ASSERT_GE(out.size(), c.last.size()) << out;
         EXPECT_EQ(out.substr(out.size() - c.last.size()), c.last) << out;
@@ -350,17 +283,15 @@ TEST(StatsE2e, BothRequestsFail)
     }
 }
 
-// The second request fails when the service goes down while the modem holds
-// it unanswered.
+// The second request fails when the service goes down while the modem holds it unanswered.
 TEST(StatsE2e, NotSupportedListWithServiceGoingDown)
 {
-    SimHandset sim(scenario("{\"debug_info\": " + check_block(1, "02 00 00 00 00 00 00 00") + "}"));
+    SimHandset sim(scenario(check(1, "02 00 00 00 00 00 00 00")));
     ASSERT_EQ(sim.ctl({"fault", "extend", "2", "no-reply", "--after", "1"}).exit_code, 0);
     sim.clear_journal();
     ProcessResult r;
     std::thread run([&] { r = sim.kvn({"7", "1", "0"}, shell_flag("0")); });
-    for (int i = 0; i < 1500 && request_types(sim).size() < 2; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(kvn_test::wait_until([&] { return request_types(sim).size() >= 2; }));
     EXPECT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
     run.join();
     EXPECT_EQ(r.out.substr(r.out.rfind('\n') + 1),

@@ -1,13 +1,8 @@
-// uim_e2e_test.cpp - the SIM card commands of group 5 run as kvn processes
-// against kvn-sim: the card commands over extend command 4 (sub-commands 1-4
-// and 6), the eSIM test (sub-command 10) in every option with and without
-// traces, the EID poll and file, a modem restart between requests, the
-// recovery after three failures, and the UIM requests' bytes on the wire.
+// uim_e2e_test.cpp - the SIM card commands of group 5 against kvn-sim: the card commands over extend command 4,
+// the eSIM test (sub-command 10) with and without traces, the EID poll and file, restarts, recovery, wire bytes.
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <fstream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -17,25 +12,9 @@ using namespace devtests;
 
 namespace {
 
-/* ---- helpers ---- */
-
-// Trace line numbers, client handles and pointers differ between runs.
-std::string masked(const ProcessResult &r)
+bool once(const std::string &text, const std::string &part)
 {
-    static const std::regex handle(R"(handle = -?\d+, client_handle)");
-    static const std::regex ptr(R"((0x[0-9a-f]+|\(nil\)))");
-    std::string t = std::regex_replace(kvn_test::mask_trace_lines(r.out), handle, "handle = H, client_handle");
-    return std::regex_replace(t, ptr, "P");
-}
-
-bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
-
-size_t occurrences(const std::string &text, const std::string &part)
-{
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        ++n;
-    return n;
+    return contains(text, part) && text.find(part) == text.rfind(part);
 }
 
 // The UIM requests of the journal as "msg_id: type=hex type=hex ...".
@@ -46,14 +25,9 @@ std::vector<std::string> uim_requests(const SimHandset &sim)
         auto j = nlohmann::json::parse(line);
         if (j["service"] != 11)
             continue;
-        char head[16];
-        snprintf(head, sizeof(head), "%02x:", int(j["msg_id"]));
-        std::string s = head;
-        for (const auto &t : j["tlvs"]) {
-            char ty[8];
-            snprintf(ty, sizeof(ty), " %02x=", int(t["type"]));
-            s += ty + std::string(t["hex"]);
-        }
+        std::string s = hex_of(std::string(1, char(int(j["msg_id"])))) + ":";
+        for (const auto &t : j["tlvs"])
+            s += " " + hex_of(std::string(1, char(int(t["type"])))) + "=" + std::string(t["hex"]);
         out.push_back(s);
     }
     return out;
@@ -81,11 +55,8 @@ std::string esim(const SimHandset &sim, int opt, int debug_on)
 const std::string kEid = "89049032123451234512345678901235";
 const char kEidFile[] = "/nv/item_files/modem/uim/uimdrv/esim_eid";
 
-/* ---- card commands (sub-commands 1-4, 6) ---- */
-
-// What a card command prints from its parameter line on: the send line, the
-// transport's lines, the results and the answer block (the type and, when
-// value >= 0, a 4-byte answer holding value; a reply of 20 bytes, else 16).
+// What a card command prints from its parameter line on: the send line, the transport's lines, the results and the
+// answer block (the type and, when value >= 0, a 4-byte answer holding value; a reply of 20 bytes, else 16).
 std::string card_sent(const std::string &head, int type, int param_len, int value)
 {
     char block[80];
@@ -98,12 +69,34 @@ std::string card_sent(const std::string &head, int type, int param_len, int valu
            k_open + send_ok(value < 0 ? 16 : 20) + "result = 0, rsp.result = 0\n" + block;
 }
 
-// One sim, commands in order: each row sees what the rows before it did to
-// the card slots.
-TEST(UimCardCommands, QueryGetSetTypeAndHotSwapInOrder)
+// Wrong argument counts first: the note (whatever the flag), nothing sent; the dispatcher's error note follows the
+// flag, the help does not. Then commands in order, each row seeing what the rows before it did to the card slots,
+// and the vendor service gone: the send fails, its result is the error code.
+TEST(UimCardCommands, CountsQueryGetSetTypeAndHotSwapInOrder)
 {
     SimHandset sim;
-    ASSERT_TRUE(sim.started());
+    const std::string help5_head = help_text::k_banner + "5: cmn option cmd: \n";
+    const struct {
+        std::vector<std::string> args;
+        int flag;
+        std::string head; // output up to the help banner
+    } counts[] = {
+        {{"5", "2"}, 1,
+         "pelmox_cmn_card_status_get\n\nnote: need 4 inputs, Pls refer to the following cmd:\n"
+         "\nnote: Error happen! error_code(268431370)\n"},
+        {{"5", "3", "1", "0"}, 0, "\nnote: need 6 inputs, Pls refer to the following cmd:\n"},
+        {{"5", "1", "0"}, 0, "\nnote: need 3 inputs, Pls refer to the following cmd:\n"},
+        {{"5", "6"}, 1,
+         "\nnote: need 4 inputs at least, Pls refer to the following cmd:\n"
+         "\nnote: Error happen! error_code(268431370)\n"},
+        {{"5", "6", "1", "2"}, 0, "opt: 1\n\nnote: need 7 inputs, Pls refer to the following cmd:\n"},
+    };
+    for (const auto &c : counts) {
+        std::string out = masked(sim.kvn(c.args, shell_flag(c.flag ? "1" : "0")));
+        EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), c.head) << c.args.size();
+        EXPECT_TRUE(contains(out, help5_head)) << out;
+    }
+    EXPECT_TRUE(sim.journal().empty());
     const int none = -1; // an answer block without a value
     struct Row {
         std::vector<std::string> args;
@@ -130,66 +123,26 @@ TEST(UimCardCommands, QueryGetSetTypeAndHotSwapInOrder)
         // Sub 2 is sent as 1.
         {{"5", "2", "2"}, 0, "param(cnt: 1):\n 1\n", 0x37, 4, 1},
     };
-    for (const auto &row : rows) {
-        auto r = sim.kvn(row.args, shell_flag(row.flag ? "1" : "0"));
-        std::string joined;
-        for (const auto &a : row.args)
-            joined += a + " ";
-        EXPECT_EQ(masked(r), card_sent(row.head, row.type, row.param_len, row.value)) << joined << "flag " << row.flag;
-    }
+    for (const auto &row : rows)
+        EXPECT_EQ(masked(sim.kvn(row.args, shell_flag(row.flag ? "1" : "0"))),
+                  card_sent(row.head, row.type, row.param_len, row.value))
+            << row.args[1] << " " << row.args.back() << " flag " << row.flag;
     // A one-slot handset: one slot by type, and slot 2 refused.
-    std::ofstream(sim.dir() + "/one.json") << R"({"uim": {"slots": {"1": {}}}})";
-    ASSERT_EQ(sim.ctl({"load", sim.dir() + "/one.json"}).exit_code, 0);
+    load(sim, R"({"uim": {"slots": {"1": {}}}})");
     EXPECT_EQ(masked(sim.kvn({"5", "4"}, shell_flag("0"))), card_sent("param(cnt: 0):\n\n", 0x38, 0, 1));
     std::string out = masked(sim.kvn({"5", "2", "1"}, shell_flag("0")));
-    EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), "param(cnt: 1):\n 1\npelmox_cmn_cmd_send, t: 55, l: 4\n" + k_open +
-                                                    send_ok(16) + "result = 0, rsp.result = 1\nrsp.result fail\n");
-}
+    EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)),
+              "param(cnt: 1):\n 1\npelmox_cmn_cmd_send, t: 55, l: 4\n" + k_open + send_ok(16) +
+                  "result = 0, rsp.result = 1\nrsp.result fail\n");
 
-// Wrong argument counts: the note (whatever the flag), nothing sent; the
-// dispatcher's error note follows the flag, the help does not.
-TEST(UimCardCommands, WrongCountsAndTransportFailure)
-{
-    SimHandset sim;
-    ASSERT_TRUE(sim.started());
-    const std::string help5_head = help_text::k_banner + "5: cmn option cmd: \n";
-    struct Row {
-        std::vector<std::string> args;
-        int flag;
-        std::string head; // output up to the help banner
-    } rows[] = {
-        {{"5", "2"}, 1,
-         "pelmox_cmn_card_status_get\n\nnote: need 4 inputs, Pls refer to the following cmd:\n"
-         "\nnote: Error happen! error_code(268431370)\n"},
-        {{"5", "3", "1", "0"}, 0, "\nnote: need 6 inputs, Pls refer to the following cmd:\n"},
-        {{"5", "1", "0"}, 0, "\nnote: need 3 inputs, Pls refer to the following cmd:\n"},
-        {{"5", "6"}, 1,
-         "\nnote: need 4 inputs at least, Pls refer to the following cmd:\n"
-         "\nnote: Error happen! error_code(268431370)\n"},
-        {{"5", "6", "1", "2"}, 0, "opt: 1\n\nnote: need 7 inputs, Pls refer to the following cmd:\n"},
-    };
-    for (const auto &row : rows) {
-        auto r = sim.kvn(row.args, shell_flag(row.flag ? "1" : "0"));
-        std::string out = masked(r);
-        EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), row.head) << row.args.size();
-        EXPECT_TRUE(contains(out, help5_head)) << out;
-    }
-    sim.clear_journal();
-    EXPECT_TRUE(sim.journal().empty());
-
-    // The vendor service gone: the send fails, its result is the error code.
     ASSERT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
-    std::string out = masked(sim.kvn({"5", "4"}, shell_flag("0")));
+    out = masked(sim.kvn({"5", "4"}, shell_flag("0")));
     EXPECT_TRUE(contains(out, "result = -2, rsp.result = 0\npelmox_extend_qmi_send_sync fail\n")) << out;
 }
-
-/* ---- eSIM test: every option, traces off ---- */
 
 TEST(UimEsim, EveryOptionWithTracesOff)
 {
     SimHandset sim;
-    ASSERT_TRUE(sim.started());
-    std::string save = "save eid efs result = 0\n";
     struct Row {
         int opt;
         std::string out;
@@ -213,70 +166,59 @@ TEST(UimEsim, EveryOptionWithTracesOff)
     EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), "");
 }
 
-/* ---- eSIM test: traces on ---- */
+// Trace lines of fn; "{" and "}" stand for its entry and exit lines.
+std::string ril(const std::string &fn, const std::vector<std::string> &lines)
+{
+    std::string t;
+    for (const auto &l : lines)
+        t += "RIL[" + fn + ":N]: " +
+             (l == "{" ? "function entry ------------->" : l == "}" ? "function exit <-------------" : l) + "\n";
+    return t;
+}
 
 TEST(UimEsim, CardStatesAndResetWithTraces)
 {
     SimHandset sim(R"({"uim": {"slots": {"1": {"card": "absent"},
         "2": {"selected": "euicc", "euicc": {"eid": ")" + kEid + R"(", "profiles": 0}}}}})");
-    ASSERT_TRUE(sim.started());
-    EXPECT_EQ(esim(sim, 4, 1),
-              "RIL[pelmox_cmn_esim_test:N]: try get simcard status\n"
-              "RIL[pelmox_uim_get_card_status:N]: function entry ------------->\n"
-              "RIL[init_uim_qmi_client:N]: init_uim_qmi_client P\n"
-              "RIL[pelmox_uim_get_card_status:N]: pelmox_uim_get_card_status try init_uim_qmi_client P\n"
-              "RIL[pelmox_uim_get_card_status:N]: pelmox_uim_get_card_status uim_qmi_client P\n"
-              "RIL[pelmox_uim_get_card_status:N]: pelmox_uim_get_card_status check response\n"
-              "RIL[pelmox_uim_get_card_status:N]: SIM[0] State = 0\n"
-              "RIL[pelmox_uim_get_card_status:N]: SIM[1] State = 1\n"
-              "RIL[pelmox_uim_get_card_status:N]: function exit <-------------\n"
-              "RIL[pelmox_cmn_esim_test:N]: card_status, [0, 1]\n"
-              "ABSENT,PRESENT\n");
+    const std::string test = "pelmox_cmn_esim_test", status = "pelmox_uim_get_card_status";
+    const std::string opn = "pelmox_uim_open_channel", apdu = "pelmox_uim_send_apdu";
+    const std::string close = "pelmox_uim_close_channel";
+    const std::string init = ril("init_uim_qmi_client", {"init_uim_qmi_client P"});
+    EXPECT_EQ(esim(sim, 4, 1), ril(test, {"try get simcard status"}) + ril(status, {"{"}) + init +
+                                   ril(status, {status + " try init_uim_qmi_client P", status + " uim_qmi_client P",
+                                                status + " check response", "SIM[0] State = 0", "SIM[1] State = 1",
+                                                "}"}) +
+                                   ril(test, {"card_status, [0, 1]"}) + "ABSENT,PRESENT\n");
     EXPECT_EQ(esim(sim, 5, 1),
-              "RIL[pelmox_cmn_esim_test:N]: Start eUICC Reset\n"
-              "RIL[pelmox_uim_open_channel:N]: function entry ------------->\n"
-              "RIL[init_uim_qmi_client:N]: init_uim_qmi_client P\n"
-              "RIL[pelmox_uim_open_channel:N]: pelmox_uim_open_channel try init_uim_qmi_client P\n"
-              "RIL[pelmox_uim_open_channel:N]: pelmox_uim_open_channel uim_qmi_client P\n"
-              "RIL[pelmox_uim_open_channel:N]: pelmox_uim_open_channel successfully\n"
-              "RIL[pelmox_uim_open_channel:N]: function exit <-------------\n"
-              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_open_channel res = 0, channel_id = 1\n"
-              "RIL[pelmox_uim_send_apdu:N]: function entry ------------->\n"
-              "RIL[pelmox_uim_send_apdu:N]: pelmox_uim_close_channel uim_qmi_client P\n"
-              "RIL[pelmox_uim_send_apdu:N]: pelmox_uim_send_apdu apdu_len = 13\n"
-              "RIL[pelmox_uim_send_apdu:N]: pelmox_uim_send_apdu successfully\n"
-              "RIL[pelmox_uim_send_apdu:N]: function exit <-------------\n"
-              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_send_apdu res = 0\n"
-              "RIL[pelmox_cmn_esim_test:N]: apdu=08bf34038001019000\n"
-              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_send_apdu, nothing to delete.\n"
-              "RIL[pelmox_uim_close_channel:N]: function entry ------------->\n"
-              "RIL[pelmox_uim_close_channel:N]: pelmox_uim_close_channel uim_qmi_client P\n"
-              "RIL[pelmox_uim_close_channel:N]: pelmox_uim_close_channel successfully\n"
-              "RIL[pelmox_uim_close_channel:N]: function exit <-------------\n"
-              "RIL[pelmox_cmn_esim_test:N]: pelmox_uim_close_channel res = 0\n"
-              "value=SUCCEED\n");
+              ril(test, {"Start eUICC Reset"}) + ril(opn, {"{"}) + init +
+                  ril(opn, {opn + " try init_uim_qmi_client P", opn + " uim_qmi_client P", opn + " successfully",
+                             "}"}) +
+                  ril(test, {opn + " res = 0, channel_id = 1"}) +
+                  ril(apdu, {"{", close + " uim_qmi_client P", apdu + " apdu_len = 13", apdu + " successfully", "}"}) +
+                  ril(test, {apdu + " res = 0", "apdu=08bf34038001019000", apdu + ", nothing to delete."}) +
+                  ril(close, {"{", close + " uim_qmi_client P", close + " successfully", "}"}) +
+                  ril(test, {close + " res = 0"}) + "value=SUCCEED\n");
     // A close the card rejects still returns 0, without its success line.
     fault(sim, "0x3f", "qmi-error=48");
     std::string out = esim(sim, 5, 1);
     EXPECT_FALSE(contains(out, "pelmox_uim_close_channel successfully")) << out;
     EXPECT_TRUE(contains(out, "pelmox_uim_close_channel res = 0\nvalue=SUCCEED\n")) << out;
     // Options 0 and 6.
-    EXPECT_EQ(esim(sim, 0, 1), "RIL[pelmox_cmn_esim_test:N]: invalid input skip\nvalue=FAILED\n");
-    EXPECT_EQ(esim(sim, 6, 1), "RIL[pelmox_cmn_esim_test:N]: invalid input skip\nvalue=FAILED\n");
+    EXPECT_EQ(esim(sim, 0, 1), ril(test, {"invalid input skip"}) + "value=FAILED\n");
+    EXPECT_EQ(esim(sim, 6, 1), ril(test, {"invalid input skip"}) + "value=FAILED\n");
 }
 
-// Option 1 with an eUICC that answers on the fifth attempt: five polls, one
-// check, one file write on a fresh handset and none on the next run.
+// Option 1 with an eUICC that answers on the fifth attempt: five polls, one check, one file write on a fresh
+// handset and none on the next run.
 TEST(UimEsim, EidOnFifthAttemptStoredOnce)
 {
     SimHandset sim(R"({"uim": {"slots": {"1": {}, "2": {"euicc": {"eid": ")" + kEid +
                    R"(", "eid_ready_after": 4}}}}})");
-    ASSERT_TRUE(sim.started());
     std::string out = esim(sim, 1, 1);
     for (int i = 0; i < 5; ++i)
         EXPECT_TRUE(contains(out, "try get eid loop = " + std::to_string(i) + "\n")) << i;
     EXPECT_FALSE(contains(out, "try get eid loop = 5"));
-    EXPECT_EQ(occurrences(out, "check whether eid valid"), 1u);
+    EXPECT_TRUE(once(out, "check whether eid valid"));
     EXPECT_TRUE(contains(out, "RIL[save_eid_to_efs:N]: efs read failed and try save it. error_code : -2\n\n"
                               "RIL[pelmox_efs_write:N]: function entry"))
         << out;
@@ -291,8 +233,7 @@ TEST(UimEsim, EidOnFifthAttemptStoredOnce)
     EXPECT_EQ(file.exit_code, 0);
     EXPECT_EQ(file.out, std::string("\x89\x04\x90\x32\x12\x34\x51\x23\x45\x12\x34\x56\x78\x90\x12\x35", 16));
 
-    // Next run: the file reads back, nothing is written; traces off leave
-    // only the transport lines and the result line.
+    // Next run: the file reads back, nothing is written; traces off leave only the transport and result lines.
     out = esim(sim, 1, 0);
     EXPECT_EQ(out, k_open + send_ok(16) + send_ok(444) + "eID=" + kEid + "\n");
 }
@@ -301,7 +242,6 @@ TEST(UimEsim, EidNeverReadyBadCheckAndOptionThreeAttempts)
 {
     SimHandset sim(R"({"uim": {"slots": {"1": {}, "2": {"selected": "euicc",
         "euicc": {"eid": "89049032123451234512345678901234", "eid_ready_after": 2}}}}})");
-    ASSERT_TRUE(sim.started());
     // Option 3: two attempts, both not ready; nothing stored.
     sim.clear_journal();
     EXPECT_EQ(esim(sim, 3, 0), "value=FAILED\n");
@@ -316,8 +256,7 @@ TEST(UimEsim, EidNeverReadyBadCheckAndOptionThreeAttempts)
     // Never ready: 30 attempts, then the timeout.
     std::string never = R"({"uim": {"slots": {"1": {}, "2": {"euicc": {"eid": ")" + kEid +
                         R"(", "eid_ready_after": 1000}}}}})";
-    std::ofstream(sim.dir() + "/never.json") << never;
-    ASSERT_EQ(sim.ctl({"load", sim.dir() + "/never.json"}).exit_code, 0);
+    load(sim, never);
     sim.clear_journal();
     out = esim(sim, 1, 1);
     EXPECT_TRUE(contains(out, "try get eid loop = 29\n"));
@@ -325,15 +264,13 @@ TEST(UimEsim, EidNeverReadyBadCheckAndOptionThreeAttempts)
     EXPECT_EQ(count_prefix(uim_requests(sim), "65:"), 30u);
 }
 
-// Card status: only TLV 0x13 counts; a refusal reads UNKNOWN, only a
-// transport failure fails; a powered-down slot reports an error.
+// Card status: only TLV 0x13 counts; a refusal reads UNKNOWN, only a transport failure fails; a powered-down slot
+// reports an error.
 TEST(UimEsim, CardStatusSources)
 {
     SimHandset sim(R"({"uim": {"slots": {"1": {"power": "down"}}, "extended_card_status": false}})");
-    ASSERT_TRUE(sim.started());
     EXPECT_EQ(esim(sim, 4, 0), "UNKNOWN,UNKNOWN\n");
-    std::ofstream(sim.dir() + "/ext.json") << R"({"uim": {"extended_card_status": true}})";
-    ASSERT_EQ(sim.ctl({"load", sim.dir() + "/ext.json"}).exit_code, 0);
+    load(sim, R"({"uim": {"extended_card_status": true}})");
     EXPECT_EQ(esim(sim, 4, 0), "ERROR,UNKNOWN\n");
     fault(sim, "0x2f", "qmi-error=3");
     EXPECT_EQ(esim(sim, 4, 0), "UNKNOWN,UNKNOWN\n");
@@ -341,13 +278,12 @@ TEST(UimEsim, CardStatusSources)
     EXPECT_EQ(esim(sim, 4, 0), "value=FAILED\n");
 }
 
-// A modem restart between requests closes the channels a failed reset left
-// open; the next run finds the service back and channel 1 free again.
+// A modem restart between requests closes the channels a failed reset left open; the next run finds the service
+// back and channel 1 free again.
 TEST(UimEsim, RestartClosesChannelsAndTheNextRequestRecovers)
 {
     SimHandset sim(R"({"uim": {"slots": {"1": {}, "2": {"selected": "euicc",
         "euicc": {"eid": ")" + kEid + R"("}}}}})");
-    ASSERT_TRUE(sim.started());
     for (int channel = 1; channel <= 3; ++channel) {
         fault(sim, "0x3b", "qmi-error=3");
         std::string out = esim(sim, 5, 1);
@@ -374,15 +310,13 @@ TEST(UimEsim, RestartClosesChannelsAndTheNextRequestRecovers)
     EXPECT_TRUE(contains(out, "channel_id = 1\n")) << out;
 }
 
-// Three failed EID requests: the third releases the client, the fourth
-// creates a new one and gets the EID.
+// Three failed EID requests: the third releases the client, the fourth creates a new one and gets the EID.
 TEST(UimEsim, ThreeFailedRequestsThenRecovery)
 {
     SimHandset sim;
-    ASSERT_TRUE(sim.started());
     fault(sim, "0x65", "truncate", 3);
     std::string out = esim(sim, 1, 1);
-    EXPECT_EQ(occurrences(out, "QMI error, try recovery"), 1u) << out;
+    EXPECT_TRUE(once(out, "QMI error, try recovery")) << out;
     size_t release = out.find("RIL[pelmox_uim_request_eid:N]: QMI error, try recovery\n"
                               "RIL[uim_qmi_client_recovery:N]: uim_qmi_client_recovery qmi_client_release P\n"
                               "RIL[uim_qmi_client_recovery:N]: function exit <-------------\n"
@@ -394,19 +328,15 @@ TEST(UimEsim, ThreeFailedRequestsThenRecovery)
     EXPECT_TRUE(contains(out, "eID=" + kEid + "\n"));
 }
 
-/* ---- the UIM requests on the wire ---- */
-
 TEST(UimWire, PowerChannelApduAndCloseBytes)
 {
     SimHandset sim;
-    ASSERT_TRUE(sim.started());
     sim.clear_journal();
     esim(sim, 2, 0); // power down/up for the physical card
     esim(sim, 1, 0); // and for the eUICC
     esim(sim, 5, 0);
     esim(sim, 4, 0);
-    auto reqs = uim_requests(sim);
-    std::vector<std::string> want = {
+    EXPECT_EQ(uim_requests(sim), (std::vector<std::string>{
         "30: 01=02",
         "31: 01=02 10=00 11=00",
         "30: 01=02",
@@ -416,8 +346,7 @@ TEST(UimWire, PowerChannelApduAndCloseBytes)
         "3b: 01=02 02=0d0080e2910007bf3404820205e000 10=01 11=01",
         "3f: 01=02 11=01 13=00",
         "2f: 10=01",
-    };
-    EXPECT_EQ(reqs, want);
+                                  }));
 }
 
 } // namespace

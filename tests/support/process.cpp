@@ -2,7 +2,6 @@
 #include "process.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -12,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <stdexcept>
 #include <thread>
@@ -24,67 +25,47 @@ namespace {
 std::vector<std::string> build_env(const ProcessOptions &opt)
 {
     std::map<std::string, std::string> env;
-    for (char **e = environ; *e; ++e) {
-        std::string kv = *e;
-        auto eq = kv.find('=');
-        if (eq != std::string::npos)
-            env[kv.substr(0, eq)] = kv.substr(eq + 1);
-    }
-    for (const auto &[k, v] : opt.env) {
+    for (char **e = environ; *e; ++e)
+        if (const char *eq = strchr(*e, '='))
+            env[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
+    for (const auto &[k, v] : opt.env)
         if (v)
             env[k] = *v;
         else
             env.erase(k);
-    }
     std::vector<std::string> out;
     for (const auto &[k, v] : env)
         out.push_back(k + "=" + v);
     return out;
 }
 
-struct Pipe {
-    int fd[2] = {-1, -1};
-    Pipe()
-    {
-        if (pipe2(fd, O_CLOEXEC) != 0)
-            throw std::runtime_error("pipe2 failed");
-    }
-    ~Pipe()
-    {
-        for (int f : fd)
-            if (f >= 0)
-                close(f);
-    }
-    void close_end(int i)
-    {
-        if (fd[i] >= 0)
-            close(fd[i]);
-        fd[i] = -1;
-    }
-};
+std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 } // namespace
 
+// The child writes to files in a directory of its own, read once it has exited: no pipe to drain while it runs.
 ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOptions &opt)
 {
     ProcessResult res;
-    Pipe in, out, err;
+    TempDir dir;
+    const std::string out = dir.path() + "/out", err = dir.path() + "/err";
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, in.fd[0], 0);
-    posix_spawn_file_actions_adddup2(&fa, out.fd[1], 1);
-    posix_spawn_file_actions_adddup2(&fa, err.fd[1], 2);
-
-    std::vector<char *> args;
+    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&fa, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    std::vector<std::string> env_strings = build_env(opt);
+    std::vector<char *> args, envp;
     for (const auto &a : argv)
         args.push_back(const_cast<char *>(a.c_str()));
-    args.push_back(nullptr);
-    auto env_strings = build_env(opt);
-    std::vector<char *> envp;
     for (auto &e : env_strings)
         envp.push_back(e.data());
+    args.push_back(nullptr);
     envp.push_back(nullptr);
-
     pid_t pid = -1;
     int rc = posix_spawn(&pid, args[0], &fa, nullptr, args.data(), envp.data());
     posix_spawn_file_actions_destroy(&fa);
@@ -92,52 +73,19 @@ ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOpt
         res.err = std::string("spawn failed: ") + strerror(rc);
         return res;
     }
-    in.close_end(0);
-    out.close_end(1);
-    err.close_end(1);
-
-    // Feed stdin, then close it.
-    size_t written = 0;
-    while (written < opt.stdin_text.size()) {
-        ssize_t n = write(in.fd[1], opt.stdin_text.data() + written, opt.stdin_text.size() - written);
-        if (n <= 0)
-            break;
-        written += static_cast<size_t>(n);
-    }
-    in.close_end(1);
-
-    auto deadline = std::chrono::steady_clock::now() + opt.timeout;
-    bool open_out = true, open_err = true;
-    char buf[65536];
-    while (open_out || open_err) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
+    int status = 0;
+    for (auto deadline = std::chrono::steady_clock::now() + opt.timeout; waitpid(pid, &status, WNOHANG) == 0;) {
+        if (std::chrono::steady_clock::now() > deadline) {
             res.timed_out = true;
             kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
             break;
         }
-        pollfd fds[2] = {{open_out ? out.fd[0] : -1, POLLIN, 0}, {open_err ? err.fd[0] : -1, POLLIN, 0}};
-        int n = poll(fds, 2, static_cast<int>(std::min<long>(left.count(), 1000)));
-        if (n < 0 && errno != EINTR)
-            break;
-        for (int i = 0; i < 2; ++i) {
-            if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
-                continue;
-            ssize_t r = read(fds[i].fd, buf, sizeof(buf));
-            if (r > 0) {
-                (i == 0 ? res.out : res.err).append(buf, static_cast<size_t>(r));
-            } else {
-                (i == 0 ? open_out : open_err) = false;
-            }
-        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(status))
-        res.exit_code = WEXITSTATUS(status);
-    else if (WIFSIGNALED(status))
-        res.exit_code = 128 + WTERMSIG(status);
+    res.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+    res.out = read_file(out);
+    res.err = read_file(err);
     return res;
 }
 
@@ -160,8 +108,7 @@ std::string mask_trace_lines(const std::string &text)
 {
     static const std::regex ril(R"((RIL\[[^\]:]*:)\d+\])");
     static const std::regex sub(R"((SUB\[[^\]]*\]\[[^\]:]*:)\d+\])");
-    std::string t = std::regex_replace(text, ril, "$1N]");
-    return std::regex_replace(t, sub, "$1N]");
+    return std::regex_replace(std::regex_replace(text, ril, "$1N]"), sub, "$1N]");
 }
 
 std::string masked_out(const ProcessResult &r)

@@ -1,5 +1,4 @@
-// process.h - runs a program as a child process and captures what it prints,
-// for tests that check the tool's whole output.
+// process.h - runs a program as a child process and captures what it prints.
 #pragma once
 
 #include <chrono>
@@ -14,23 +13,19 @@ namespace kvn_test {
 struct ProcessResult {
     int exit_code = -1;     // exit status, or 128 + signal when killed
     bool timed_out = false; // killed because it ran past its time limit
-    std::string out;        // everything written to stdout
-    std::string err;        // everything written to stderr
+    std::string out, err;
 };
 
 struct ProcessOptions {
-    // Environment changes on top of the test's own environment: a value sets
-    // the variable, std::nullopt removes it.
+    // Environment changes on top of the test's own: a value sets the variable, std::nullopt removes it.
     std::map<std::string, std::optional<std::string>> env;
-    std::chrono::milliseconds timeout{60000};
-    std::string stdin_text;
+    std::chrono::milliseconds timeout{60000}; // stdin is /dev/null
 };
 
 // Runs argv[0] with argv and waits for it (killing it after the timeout).
 ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOptions &opt = {});
 
-// A fresh directory under $TMPDIR (or /tmp), removed with its content when the
-// object goes away.
+// A fresh directory under $TMPDIR (or /tmp), removed with its content when the object goes away.
 class TempDir {
 public:
     TempDir();
@@ -43,17 +38,14 @@ private:
     std::string path_;
 };
 
-// Replaces every run of decimal digits that follows "RIL[name:" or "SUB[...][file:"
-// with "N", so tests can compare traces without pinning source line numbers.
+// Replaces the line number in "RIL[name:N]" and "SUB[...][file:N]" with "N": traces compare without pinning them.
 std::string mask_trace_lines(const std::string &text);
 
-// What a kvn run printed, with mask_trace_lines applied and the QMI client
-// handle of the transport's "handle = <n>, client_handle" debug line replaced
-// by "H": both differ between builds and runs.
+// A kvn run's stdout, mask_trace_lines applied and the client handle of the transport's "handle = <n>,
+// client_handle" debug line shown as "H": both differ between builds and runs.
 std::string masked_out(const ProcessResult &r);
 
-// Polls pred every 10 ms until it holds or the timeout passes; says whether
-// it held.
+// Polls pred every 10 ms until it holds or the timeout passes; says whether it held.
 bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
 } // namespace kvn_test

@@ -37,8 +37,7 @@ SimHandset::SimHandset(const std::string &scenario_json) : socket_(dir_.path() +
         scenario = dir_.path() + "/scenario.json";
         std::ofstream(scenario) << scenario_json;
     }
-    started_ = start(scenario);
-    if (!started_)
+    if (!start(scenario))
         ADD_FAILURE() << "kvn-sim did not start on " << socket_;
 }
 
@@ -50,14 +49,10 @@ SimHandset::~SimHandset()
 
 bool SimHandset::start(const std::string &scenario_path)
 {
-    std::vector<std::string> argv = {kvn_sim_bin(), "start", "--state", state_dir(), "--socket", socket_};
-    if (!scenario_path.empty()) {
-        argv.push_back("--scenario");
-        argv.push_back(scenario_path);
-    }
-    ProcessOptions opt;
-    opt.env["KVN_SIM_SOCKET"] = socket_;
-    auto r = run_process(argv, opt);
+    std::vector<std::string> args = {"start", "--state", state_dir()};
+    if (!scenario_path.empty())
+        args.insert(args.end(), {"--scenario", scenario_path});
+    auto r = ctl(args);
     if (r.exit_code != 0)
         ADD_FAILURE() << "kvn-sim start: " << r.out << r.err;
     started_ = r.exit_code == 0;
@@ -76,17 +71,14 @@ bool SimHandset::stop()
 // (from an asan/tsan build of kvn-sim) fails the test that ran it.
 void SimHandset::check_daemon_log() const
 {
-    std::ifstream in(state_dir() + "/kvn-sim.log");
-    std::stringstream text;
-    text << in.rdbuf();
-    const std::string log = text.str();
+    std::stringstream log;
+    log << std::ifstream(state_dir() + "/kvn-sim.log").rdbuf();
     for (const char *marker : {"ERROR: AddressSanitizer", "WARNING: ThreadSanitizer", "runtime error:",
-                               "ERROR: LeakSanitizer"}) {
-        if (log.find(marker) != std::string::npos) {
-            ADD_FAILURE() << "kvn-sim reported a sanitizer finding:\n" << log;
+                               "ERROR: LeakSanitizer"})
+        if (log.str().find(marker) != std::string::npos) {
+            ADD_FAILURE() << "kvn-sim reported a sanitizer finding:\n" << log.str();
             return;
         }
-    }
 }
 
 bool SimHandset::restart()
@@ -100,15 +92,13 @@ ProcessResult SimHandset::kvn(const std::vector<std::string> &args, ProcessOptio
     std::vector<std::string> argv = kvn_command();
     argv.insert(argv.end(), args.begin(), args.end());
     opt.env["KVN_SIM_SOCKET"] = socket_;
-    // The print flags are pinned only where the caller left them open: a value
-    // in opt.env or in this process's environment (a benchmark's) wins.
+    // Print flags pinned unless opt.env or this process's environment (a benchmark's) sets them.
     for (const auto &[name, pinned] : {std::pair<const char *, const char *>{"PELMOX_SHELL_PRINT_FLAG", "1"},
                                        {"PELMOX_PRINT_FLAG", "0"}})
         if (!getenv(name))
             opt.env.try_emplace(name, pinned);
     auto r = run_process(argv, opt);
-    // kvn exits 0 whatever happened; anything else is a crash or a sanitizer
-    // report, whatever the test goes on to compare.
+    // kvn exits 0 whatever happened; anything else is a crash or a sanitizer report.
     if (r.exit_code != 0 || r.timed_out)
         ADD_FAILURE() << "kvn exited with " << r.exit_code << (r.timed_out ? " (timed out)" : "") << ":\n"
                       << r.err;
@@ -119,8 +109,7 @@ ProcessResult SimHandset::ctl(const std::vector<std::string> &args, ProcessOptio
 {
     std::vector<std::string> argv = {kvn_sim_bin()};
     argv.insert(argv.end(), args.begin(), args.end());
-    argv.push_back("--socket");
-    argv.push_back(socket_);
+    argv.insert(argv.end(), {"--socket", socket_});
     opt.env["KVN_SIM_SOCKET"] = socket_;
     return run_process(argv, opt);
 }

@@ -1,6 +1,5 @@
-// sim_handset.h - a simulated handset for end-to-end tests: kvn-sim started as
-// a daemon on a fresh state directory and socket of its own (so tests run in
-// parallel), with helpers to run kvn and kvn-sim control commands against it.
+// sim_handset.h - kvn-sim as a daemon on a fresh state directory and socket of its own (so tests run in parallel),
+// with helpers to run kvn and kvn-sim control commands against it.
 #pragma once
 
 #include <string>
@@ -10,18 +9,16 @@
 
 namespace kvn_test {
 
-std::string kvn_bin();     // the built kvn ($KVN_TEST_KVN_BIN overrides)
-// The command that runs kvn: the words of $KVN_TEST_KVN_WRAPPER (say
-// "/usr/bin/qemu-aarch64 -L /usr/aarch64-linux-gnu" for an arm64 kvn; the
+std::string kvn_bin(); // the built kvn ($KVN_TEST_KVN_BIN overrides)
+// The words of $KVN_TEST_KVN_WRAPPER (say "/usr/bin/qemu-aarch64 -L /usr/aarch64-linux-gnu" for an arm64 kvn; the
 // first word is a path, not looked up in PATH), then kvn_bin().
 std::vector<std::string> kvn_command();
 std::string kvn_sim_bin(); // the built kvn-sim ($KVN_TEST_SIM_BIN overrides)
 
 class SimHandset {
 public:
-    // Starts `kvn-sim start --state <dir>/state --socket <dir>/sim.sock`, with
-    // `--scenario FILE` when scenario_json is not empty (written to a file
-    // first). Fails the current test (ADD_FAILURE) when it does not start.
+    // Starts `kvn-sim start` on <dir>/state and <dir>/sim.sock, with the scenario when not empty. Fails the current
+    // test (ADD_FAILURE) when it does not start.
     explicit SimHandset(const std::string &scenario_json = "");
     ~SimHandset(); // kvn-sim stop; the directory is removed
     SimHandset(const SimHandset &) = delete;
@@ -32,19 +29,14 @@ public:
     std::string state_dir() const { return dir_.path() + "/state"; }
     const std::string &dir() const { return dir_.path(); }
 
-    // Runs kvn with the arguments (program name excluded) against this handset.
-    // Print flags are pinned (shell 1, log 0) unless opt.env or this
-    // process's environment sets them. A
-    // non-zero exit status (kvn always exits 0) fails the test.
+    // Runs kvn (arguments without the program name) against this handset. Print flags are pinned (shell 1, log 0)
+    // unless opt.env or this process's environment sets them. A non-zero exit (kvn always exits 0) fails the test.
     ProcessResult kvn(const std::vector<std::string> &args, ProcessOptions opt = {}) const;
-
     // Runs `kvn-sim <args...> --socket <socket>`.
     ProcessResult ctl(const std::vector<std::string> &args, ProcessOptions opt = {}) const;
-
     // The journal as JSON lines (`kvn-sim journal`), and clearing it.
     std::vector<std::string> journal() const;
     void clear_journal() const;
-
     // Stops and starts the daemon again on the same state directory.
     bool restart();
     bool stop();
