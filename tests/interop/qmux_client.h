@@ -39,6 +39,19 @@ inline std::vector<uint8_t> unhex(const std::string &text)
     return out;
 }
 
+inline std::string hex(const std::vector<uint8_t> &b)
+{
+    static const char d[] = "0123456789abcdef";
+    std::string s;
+    for (uint8_t x : b) {
+        if (!s.empty())
+            s += ' ';
+        s += d[x >> 4];
+        s += d[x & 15];
+    }
+    return s;
+}
+
 // A client that writes raw bytes to the terminal and reads whole QMUX frames.
 class RawQmux {
 public:
@@ -54,19 +67,19 @@ public:
         auto b = unhex(text);
         EXPECT_EQ(write(fd_, b.data(), b.size()), static_cast<ssize_t>(b.size()));
     }
-    // The next frame from the modem; none when none comes within the guard time (which only keeps a broken
-    // modem from hanging the test).
-    std::vector<uint8_t> read_frame()
+    // The next frame from the modem, as hex; "" when none comes within the guard time (which only keeps a
+    // broken modem from hanging the test).
+    std::string read_frame()
     {
         std::vector<uint8_t> f;
         while (f.size() < 3 || f.size() < 1 + size_t(f[1] | f[2] << 8)) {
             pollfd p{fd_, POLLIN, 0};
             uint8_t c;
             if (poll(&p, 1, 10000) != 1 || read(fd_, &c, 1) != 1)
-                return {};
+                return "";
             f.push_back(c);
         }
-        return f;
+        return hex(f);
     }
 
 private:

@@ -9,6 +9,8 @@ namespace {
 
 using interop::RawQmux;
 
+std::string frame(const char *text) { return interop::hex(interop::unhex(text)); }
+
 // One exchange: bytes written, and the frame expected back ("" = none; the next step's answer then shows that
 // nothing came in between). Frames are `marker length flags service cid | QMI header | TLVs`.
 const struct Step {
@@ -54,13 +56,13 @@ TEST(Qmux, CtlClientIdsFramingAndForeignClients)
     for (const auto &s : kSteps) {
         c.write_hex(s.request);
         if (*s.reply) {
-            EXPECT_EQ(c.read_frame(), interop::unhex(s.reply)) << s.what;
+            EXPECT_EQ(c.read_frame(), frame(s.reply)) << s.what;
         }
     }
     // A frame cut in two writes is answered once whole.
     c.write_hex("01 0f00 00 00 00 | 00 0c");
     c.write_hex("2200 0400 | 01 0100 11");
-    EXPECT_EQ(c.read_frame(), interop::unhex("01 1700 80 00 00 | 01 0c 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 01"));
+    EXPECT_EQ(c.read_frame(), frame("01 1700 80 00 00 | 01 0c 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 01"));
 
     // The journal has every CTL request and the one service request the modem accepted; not the ignored ones.
     const auto j = sim.journal();
@@ -75,16 +77,16 @@ TEST(Qmux, ClientIdsRunOut)
     kvn_test::SimHandset sim;
     RawQmux c(interop::pty_of(sim));
     ASSERT_TRUE(c.ok());
-    std::vector<uint8_t> last;
+    std::string last;
     for (int i = 0; i < 254; ++i) {
         c.write_hex("01 0f00 00 00 00 | 00 01 2200 0400 | 01 0100 11");
         last = c.read_frame();
     }
-    EXPECT_EQ(last, interop::unhex("01 1700 80 00 00 | 01 01 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 fe"));
+    EXPECT_EQ(last, frame("01 1700 80 00 00 | 01 01 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 fe"));
     c.write_hex("01 0f00 00 00 00 | 00 02 2200 0400 | 01 0100 11");
-    EXPECT_EQ(c.read_frame(), interop::unhex("01 1200 80 00 00 | 01 02 2200 0700 | 02 0400 0100 0500"));
+    EXPECT_EQ(c.read_frame(), frame("01 1200 80 00 00 | 01 02 2200 0700 | 02 0400 0100 0500"));
     c.write_hex("01 0f00 00 00 00 | 00 03 2200 0400 | 01 0100 0b"); // another service still has all of its own
-    EXPECT_EQ(c.read_frame(), interop::unhex("01 1700 80 00 00 | 01 03 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 01"));
+    EXPECT_EQ(c.read_frame(), frame("01 1700 80 00 00 | 01 03 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 01"));
 }
 
 } // namespace

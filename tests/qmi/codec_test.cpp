@@ -121,14 +121,11 @@ std::vector<Vector> vectors()
             "02 07 02 0B 00 00 02 A0 87 00 02 03 0A 00 00 00 " // USIM ready, AID A0 87, PIN1 verified 3/10
             "00 00 00 00 06 00",                               // card 2: absent, possibly removed
             [](auto &r) {
-                r.hot_swap_valid = 1;
-                r.hot_swap_len = 2;
-                r.hot_swap[0] = UIM_HOT_SWAP_STATUS_PRESENT_V01;
-                r.hot_swap[1] = UIM_HOT_SWAP_STATUS_NOT_PRESENT_V01;
-                r.extended_card_status_valid = 1;
-                r.extended_card_status.index_gw_len = 1;
-                r.extended_card_status.index_gw[0] = 0x0100; // slot 1, application 0
-                r.extended_card_status.card_info_len = 2;
+                r = {.hot_swap_valid = 1,
+                     .hot_swap_len = 2,
+                     .hot_swap = {UIM_HOT_SWAP_STATUS_PRESENT_V01, UIM_HOT_SWAP_STATUS_NOT_PRESENT_V01},
+                     .extended_card_status_valid = 1,
+                     .extended_card_status = {1, {0x0100}, 0, {}, 2}}; // gw: slot 1, application 0
                 C &c = r.extended_card_status.card_info[0];
                 c = {UIM_CARD_STATE_PRESENT_V01, {UIM_PIN_STATE_DISABLED_V01, 3, 10}, {}, 1};
                 c.app_info[0] = {UIM_APP_TYPE_USIM_V01, UIM_APP_STATE_READY_V01, uim_perso_state_enum_v01(2),

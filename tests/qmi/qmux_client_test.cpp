@@ -62,6 +62,7 @@ public:
         return f();
     }
     void send(const Bytes &b) { EXPECT_EQ(write(master_, b.data(), b.size()), ssize_t(b.size())); }
+    void set_answer(std::function<Bytes(uint8_t, uint16_t)> a) { locked([&] { answer = std::move(a); }); }
     void stop()
     {
         stop_ = true;
@@ -174,15 +175,13 @@ TEST(Qmux, ResponsesMatchServiceClientTransactionAndMessageOnly)
     ASSERT_NE(nullptr, h);
     for (const Row &r : rows) {
         SCOPED_TRACE(r.what);
-        modem().locked([&] {
-            modem().answer = [r](uint8_t cid, uint16_t txn) {
-                // Noise: a frame start with a length above any message.
-                Bytes b = r.x ? eid(cid, txn, 0xBB) : Bytes{0x00, 0x7e, 0x01, 0xff, 0x7f, 0x80, kUim, 1, 0x02},
-                      right = eid(cid, txn, 0xAA);
-                b[r.at] ^= r.x;
-                b.insert(b.end(), right.begin(), right.end());
-                return b;
-            };
+        modem().set_answer([r](uint8_t cid, uint16_t txn) {
+            // Noise: a frame start with a length above any message.
+            Bytes b = r.x ? eid(cid, txn, 0xBB) : Bytes{0x00, 0x7e, 0x01, 0xff, 0x7f, 0x80, kUim, 1, 0x02},
+                  right = eid(cid, txn, 0xAA);
+            b[r.at] ^= r.x;
+            b.insert(b.end(), right.begin(), right.end());
+            return b;
         });
         uim_get_eid_resp_msg_v01 resp{};
         EXPECT_EQ(QMI_NO_ERR, get_eid(h, &resp));
@@ -204,7 +203,10 @@ TEST(Qmux, ClientIdsPerHandleIndicationsAndRelease)
     qmi_client_type ha = open_uim(on_ind, &a), hb = open_uim(on_ind, &b);
     ASSERT_TRUE(ha && hb);
     std::atomic<uint8_t> cid{0};
-    modem().locked([&] { modem().answer = [&](uint8_t c, uint16_t txn) { cid = c; return eid(c, txn, 0xAA); }; });
+    modem().set_answer([&](uint8_t c, uint16_t txn) {
+        cid = c;
+        return eid(c, txn, 0xAA);
+    });
     uim_get_eid_resp_msg_v01 resp{};
     ASSERT_EQ(QMI_NO_ERR, get_eid(hb, &resp));
     const uint8_t cid_b = cid;
@@ -282,11 +284,9 @@ TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
         ASSERT_NE(nullptr, h);
         std::atomic<int> err{0};
         qmi_client_register_error_cb(h, on_error, &err);
-        modem().locked([&] {
-            modem().answer = [hang_up](uint8_t, uint16_t) {
-                modem().locked([] { modem().held.clear(); });
-                return hang_up ? Bytes{} : frame(0, 0, 0x02, 0, 0x27, {}, false);
-            };
+        modem().set_answer([hang_up](uint8_t, uint16_t) {
+            modem().locked([] { modem().held.clear(); });
+            return hang_up ? Bytes{} : frame(0, 0, 0x02, 0, 0x27, {}, false);
         });
         uim_get_eid_resp_msg_v01 resp{};
         const auto start = std::chrono::steady_clock::now();
@@ -299,7 +299,7 @@ TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
         EXPECT_EQ(QMI_SERVICE_ERR, err.load());
         qmi_client_release(h);
         EXPECT_EQ(0, modem().locked([] { return modem().stray_releases; }));
-        modem().locked([] { modem().answer = [](uint8_t cid, uint16_t txn) { return eid(cid, txn, 0xAA); }; });
+        modem().set_answer([](uint8_t cid, uint16_t txn) { return eid(cid, txn, 0xAA); });
         qmi_client_type again = open_uim();
         EXPECT_EQ(QMI_NO_ERR, get_eid(again, &resp));
         qmi_client_release(again);
