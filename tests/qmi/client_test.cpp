@@ -21,7 +21,6 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using namespace std::chrono_literals;
 
-constexpr uint32_t kUim = QMI_UIM_SERVICE_ID_V01;
 constexpr uint16_t kGetEid = QMI_UIM_GET_EID_REQ_V01;
 
 qmi_idl_service_object_type uim() { return uim_get_service_object_v01(); }
@@ -109,6 +108,11 @@ struct CallLog {
     {
         std::lock_guard<std::mutex> lock(mu);
         return size_t(std::count(values.begin(), values.end(), v));
+    }
+    std::pair<std::vector<int>, std::thread::id> values_and_first_thread()
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        return {values, threads.empty() ? std::thread::id() : threads[0]};
     }
 };
 
@@ -218,11 +222,9 @@ TEST(Client, ServiceKilledMidCallFailsTheCallAndReportsOnce)
         }
         ASSERT_TRUE(wait_until([&] { return errs.count(QMI_SERVICE_ERR) >= 1; }));
         std::this_thread::sleep_for(50ms); // room for a wrong second report
-        {
-            std::lock_guard<std::mutex> lock(errs.mu);
-            ASSERT_EQ(std::vector<int>{QMI_SERVICE_ERR}, errs.values);
-            EXPECT_TRUE(!announced || errs.threads[0] != std::this_thread::get_id());
-        }
+        const auto [values, thread] = errs.values_and_first_thread();
+        EXPECT_EQ(std::vector<int>{QMI_SERVICE_ERR}, values);
+        EXPECT_TRUE(!announced || thread != std::this_thread::get_id());
         ASSERT_TRUE(hs.ctl({"service", "uim", "up"}));
         EXPECT_EQ(QMI_SERVICE_ERR, get_eid(h, &resp));
         qmi_client_release(h);
@@ -242,7 +244,7 @@ TEST_F(Uim, ServiceList)
     entries = 2;
     EXPECT_EQ(QMI_NO_ERR, qmi_client_get_service_list(uim(), info, &entries, &n));
     ASSERT_EQ(1u, entries);
-    EXPECT_EQ(kUim, info[0].service_id);
+    EXPECT_EQ(uint32_t(QMI_UIM_SERVICE_ID_V01), info[0].service_id);
     qmi_client_type h = nullptr;
     ASSERT_EQ(QMI_NO_ERR, qmi_client_init(&info[0], uim(), nullptr, nullptr, nullptr, &h));
     qmi_client_release(h);
@@ -278,10 +280,7 @@ TEST(Notifier, ServiceUpAfterTheClientWaits)
     qmi_cci_os_signal_wait(&os, 5000);
     EXPECT_EQ(0, os.timed_out);
     ASSERT_TRUE(wait_until([&] { return log.count(0) == 1; }));
-    {
-        std::lock_guard<std::mutex> lock(log.mu);
-        EXPECT_NE(std::this_thread::get_id(), log.threads[0]);
-    }
+    EXPECT_NE(std::this_thread::get_id(), log.values_and_first_thread().second);
     qmi_client_type h = client.get();
     ASSERT_NE(nullptr, h);
     qmi_client_release(h);

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <functional>
@@ -144,8 +143,7 @@ std::vector<Vector> vectors()
 
 class PublishedBytes : public ::testing::TestWithParam<Vector> {};
 
-// The record size found by lookup is the one callers allocate, so the table
-// and the C header must agree on it as well as on the bytes.
+// The record size found by lookup is the one callers allocate: the table and the C header agree on it too.
 TEST_P(PublishedBytes, EncodesExactlyAndDecodesBack)
 {
     const Vector &v = GetParam();
@@ -174,9 +172,8 @@ INSTANTIATE_TEST_SUITE_P(Messages, PublishedBytes, ::testing::ValuesIn(vectors()
 
 /* ---- every message at its maximum ---- */
 
-// Fills a record as full as its layout allows: every valid flag set, every
-// variable array at its maximum count, every integer at a value that fits its
-// wire width, so the encoding has the largest length the table can produce.
+// Fills a record as full as its layout allows (every valid flag set, every variable array at its maximum count,
+// every integer at 1), so the encoding has the largest length the table can produce.
 void fill_max(const qmi_idl_elem_info *ei, uint8_t *base)
 {
     for (const qmi_idl_elem_info *r = ei; r && r->data_type != QMI_IDL_EOTI; ++r) {
@@ -366,8 +363,8 @@ TEST(EncodeRefusals, CountsValuesAndRoom)
 
 /* ---- widths and signs ---- */
 
-// A private layout with signed values narrower on the wire than in C, a
-// static array and a 2-byte count, to pin what no standard message here uses.
+// A private layout with signed values narrower on the wire than in C, a static array and a 2-byte count, to pin
+// what no standard message here uses.
 struct Signed {
     int32_t rssi;      // i8 on the wire
     int16_t snr[2];    // i16 x 2, fixed
