@@ -1,5 +1,4 @@
-// qmux_client.h - what the interoperability tests share: the QMUX terminal of
-// a simulated handset, a byte-level client of it, and qmicli run against it.
+// What the interoperability tests share: a handset's QMUX terminal, a byte-level client of it, qmicli against it.
 #pragma once
 
 #include <fcntl.h>
@@ -68,8 +67,8 @@ public:
         auto b = unhex(text);
         EXPECT_EQ(write(fd_, b.data(), b.size()), static_cast<ssize_t>(b.size()));
     }
-    // The next frame from the modem, as hex; "" when none comes within the
-    // guard time (which only keeps a broken modem from hanging the test).
+    // The next frame from the modem, as hex; "" when none comes within the guard time (which only keeps a
+    // broken modem from hanging the test).
     std::string read_frame()
     {
         std::vector<uint8_t> f;
@@ -87,8 +86,7 @@ private:
     int fd_;
 };
 
-// Whether a libqmi tool is there; when it is not, its tests skip, unless
-// $KVN_TEST_REQUIRE_QMICLI is set (CI), where they fail.
+// Whether a libqmi tool is there; when it is not, its tests skip, unless $KVN_TEST_REQUIRE_QMICLI is set (CI).
 inline bool have_tool(const char *path, const char *package)
 {
     if (access(path, X_OK) == 0)

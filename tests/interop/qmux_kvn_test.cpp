@@ -1,6 +1,5 @@
-// qmux_kvn_test.cpp - kvn over kvn-sim's QMUX terminal, directly and through
-// libqmi's qmi-proxy: the same output as over the socket, the terminal shared
-// with qmicli, no client id left behind, the failure paths.
+// kvn over kvn-sim's QMUX terminal, directly and through libqmi's qmi-proxy: the same output as over the socket,
+// the terminal shared with qmicli, no client id left behind, the failure paths.
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -32,10 +31,8 @@ std::string masked(const kvn_test::ProcessResult &r)
     return std::regex_replace(kvn_test::masked_out(r), std::regex("qmi_client 0x[0-9a-f]+"), "qmi_client P");
 }
 
-// A qmi-proxy for the tests that want one. Tests running at once share it
-// (only one can listen), so none stops it: it exits 5 s after its last
-// client leaves. A look (a connection) restarts that time, so a proxy found
-// listening stays for the test's first run.
+// A qmi-proxy for the tests that want one. Tests running at once share it (only one can listen), so none stops
+// it: it exits 5 s after its last client leaves. A look (a connection) restarts that time.
 void start_proxy()
 {
     for (int i = 0; i < 50; ++i) {
@@ -51,9 +48,8 @@ void start_proxy()
     }
 }
 
-// Runs on one handset, in order: the SAR query, the eSIM options that use
-// only UIM (1 and 2 reach the EID file and NV through the extend service),
-// every statistics option.
+// Runs on one handset, in order: the SAR query, the eSIM options that use only UIM (1 and 2 reach the EID file
+// and NV through the extend service), every statistics option.
 std::vector<std::pair<std::string, std::vector<Args>>> cases()
 {
     std::vector<std::pair<std::string, std::vector<Args>>> v{{"sar", {{"5", "5"}}}, {"esim", {}}, {"stats", {}}};
@@ -90,8 +86,7 @@ INSTANTIATE_TEST_SUITE_P(Commands, OverQmux, testing::Combine(testing::ValuesIn(
                              return std::get<0>(i.param).first + (std::get<1>(i.param) ? "_proxy" : "");
                          });
 
-// kvn and qmicli on one terminal through the proxy at once: all succeed while
-// qmicli holds client id 1, so kvn's ids are others.
+// kvn and qmicli on one terminal through the proxy at once: all succeed while qmicli holds client id 1.
 TEST(QmuxProxy, KvnAndQmicliShareTheDevice)
 {
     if (!interop::have_qmi_proxy() || !interop::have_qmicli())
@@ -114,9 +109,8 @@ TEST(QmuxProxy, KvnAndQmicliShareTheDevice)
         EXPECT_EQ(0, q.get().exit_code);
 }
 
-// Many runs leave no client id allocated: qmicli then gets the first again.
-// 300 runs exhaust a modem's 254 ids if each leaks one; a sanitizer's or an
-// emulator's kvn starts too slowly for that many, and runs fewer.
+// Many runs leave no client id allocated: qmicli then gets the first again. 300 runs exhaust a modem's 254 ids
+// if each leaks one; a sanitizer's or an emulator's kvn starts too slowly for that many, and runs fewer.
 TEST(QmuxClientIds, ManyRunsLeaveNoneBehind)
 {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
@@ -135,9 +129,8 @@ TEST(QmuxClientIds, ManyRunsLeaveNoneBehind)
     }
 }
 
-// The device going away (kvn-sim stopped) and a modem restart while a request
-// waits end the run on its failure path at once; no socket and no device:
-// one line on stderr naming it, and the output of a modem without services.
+// The device going away (kvn-sim stopped) and a modem restart while a request waits end the run on its failure
+// path at once; no socket and no device: one line on stderr naming it, and the output of a modem without services.
 TEST(QmuxLoss, FailurePaths)
 {
     for (bool restart : {false, true}) {

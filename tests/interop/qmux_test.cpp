@@ -1,7 +1,7 @@
-// qmux_test.cpp - kvn-sim's QMUX terminal byte by byte: framing, resync after
-// noise, the CTL service's client ids, requests from clients the modem does
-// not know, and the journal of what came through it.
+// kvn-sim's QMUX terminal byte by byte: framing, resync after noise, CTL client ids, unknown clients, the journal.
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 #include "qmux_client.h"
 
@@ -9,16 +9,13 @@ namespace {
 
 using interop::RawQmux;
 
-// One exchange: bytes written, and the frame expected back ("" = none; the
-// next step's answer then shows that nothing came in between).
-struct Step {
-    const char *what;
-    const char *request;
-    const char *reply;
-};
+std::string frame(const char *text) { return interop::hex(interop::unhex(text)); }
 
-// Frames are `marker length flags service cid | QMI header | TLVs`.
-const Step kSteps[] = {
+// One exchange: bytes written, and the frame expected back ("" = none; the next step's answer then shows that
+// nothing came in between). Frames are `marker length flags service cid | QMI header | TLVs`.
+const struct Step {
+    const char *what, *request, *reply;
+} kSteps[] = {
     {"allocate uim -> 1", "01 0f00 00 00 00 | 00 01 2200 0400 | 01 0100 0b",
      "01 1700 80 00 00 | 01 01 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 01"},
     {"allocate uim -> 2", "01 0f00 00 00 00 | 00 02 2200 0400 | 01 0100 0b",
@@ -53,34 +50,23 @@ const Step kSteps[] = {
 TEST(Qmux, CtlClientIdsFramingAndForeignClients)
 {
     kvn_test::SimHandset sim;
-    ASSERT_TRUE(sim.started());
-    const std::string pty = interop::pty_of(sim);
-    ASSERT_EQ(pty.rfind("/dev/pts/", 0), 0u) << sim.ctl({"status"}).out;
-    RawQmux c(pty);
+    RawQmux c(interop::pty_of(sim));
     ASSERT_TRUE(c.ok());
     sim.clear_journal();
     for (const auto &s : kSteps) {
         c.write_hex(s.request);
         if (*s.reply) {
-            EXPECT_EQ(c.read_frame(), interop::hex(interop::unhex(s.reply))) << s.what;
+            EXPECT_EQ(c.read_frame(), frame(s.reply)) << s.what;
         }
     }
     // A frame cut in two writes is answered once whole.
     c.write_hex("01 0f00 00 00 00 | 00 0c");
     c.write_hex("2200 0400 | 01 0100 11");
-    EXPECT_EQ(c.read_frame(), interop::hex(interop::unhex(
-                                  "01 1700 80 00 00 | 01 0c 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 01")));
+    EXPECT_EQ(c.read_frame(), frame("01 1700 80 00 00 | 01 0c 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 01"));
 
-    // The journal has every CTL request and the one service request the
-    // modem accepted; not the ignored ones.
+    // The journal has every CTL request and the one service request the modem accepted; not the ignored ones.
     const auto j = sim.journal();
-    std::string services;
-    for (const auto &line : j)
-        services += line.substr(line.find("\"service\":"), 13) + "\n";
-    int uim = 0;
-    for (const auto &line : j)
-        uim += line.find("\"service\":11,") != std::string::npos;
-    EXPECT_EQ(uim, 1) << services;
+    EXPECT_EQ(1, std::count_if(j.begin(), j.end(), [](auto &l) { return l.find("\"service\":11,") != l.npos; }));
     EXPECT_NE(j.back().find(R"("service":0,"msg_id":34,"txn":12,"tlvs":[{"type":1,"hex":"11"}])"), std::string::npos)
         << j.back();
 }
@@ -89,7 +75,6 @@ TEST(Qmux, CtlClientIdsFramingAndForeignClients)
 TEST(Qmux, ClientIdsRunOut)
 {
     kvn_test::SimHandset sim;
-    ASSERT_TRUE(sim.started());
     RawQmux c(interop::pty_of(sim));
     ASSERT_TRUE(c.ok());
     std::string last;
@@ -97,13 +82,11 @@ TEST(Qmux, ClientIdsRunOut)
         c.write_hex("01 0f00 00 00 00 | 00 01 2200 0400 | 01 0100 11");
         last = c.read_frame();
     }
-    EXPECT_EQ(last, interop::hex(interop::unhex(
-                        "01 1700 80 00 00 | 01 01 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 fe")));
+    EXPECT_EQ(last, frame("01 1700 80 00 00 | 01 01 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 fe"));
     c.write_hex("01 0f00 00 00 00 | 00 02 2200 0400 | 01 0100 11");
-    EXPECT_EQ(c.read_frame(), interop::hex(interop::unhex("01 1200 80 00 00 | 01 02 2200 0700 | 02 0400 0100 0500")));
+    EXPECT_EQ(c.read_frame(), frame("01 1200 80 00 00 | 01 02 2200 0700 | 02 0400 0100 0500"));
     c.write_hex("01 0f00 00 00 00 | 00 03 2200 0400 | 01 0100 0b"); // another service still has all of its own
-    EXPECT_EQ(c.read_frame(), interop::hex(interop::unhex(
-                                  "01 1700 80 00 00 | 01 03 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 01")));
+    EXPECT_EQ(c.read_frame(), frame("01 1700 80 00 00 | 01 03 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 01"));
 }
 
 } // namespace

@@ -1,6 +1,4 @@
-// android_test.cpp - system properties and the Android log of the host
-// platform against a kvn-sim, against a handset that answers a value no
-// property can hold, and with nothing listening.
+// The host platform's system properties and Android log against a kvn-sim, an overlong answer, and nobody.
 #include <android/log.h>
 #include <cutils/properties.h>
 
@@ -33,8 +31,7 @@ TEST(Properties, SetGetLengthLimitsAndTheLog)
     EXPECT_EQ(0, property_get("unset.key", value, nullptr));
     EXPECT_STREQ("", value);
 
-    // Keys up to 64 and values up to 91 characters; longer ones are refused
-    // before anything is sent.
+    // Keys up to 64 and values up to 91 characters; longer ones are refused before anything is sent.
     const std::string key64(64, 'k'), value91(91, 'v');
     EXPECT_EQ(0, property_set(key64.c_str(), value91.c_str()));
     EXPECT_GT(0, property_set(std::string(65, 'k').c_str(), "1"));
@@ -45,10 +42,21 @@ TEST(Properties, SetGetLengthLimitsAndTheLog)
 
     __android_log_print(ANDROID_LOG_INFO, "HYDRA", "value %d %s", 7, "x");
     EXPECT_NE(std::string::npos, sim.ctl({"logcat"}).out.find(" I HYDRA: value 7 x\n"));
+
+    // With no handset, reads get the default, writes fail, and log lines are dropped without blocking or printing.
+    setenv("KVN_SIM_SOCKET", (sim.dir() + "/nobody.sock").c_str(), 1);
+    EXPECT_EQ(7, property_get("persist.radio.ssr_wait_s", value, "default"));
+    EXPECT_STREQ("default", value);
+    EXPECT_EQ(-1, property_set("persist.radio.ssr_wait_s", "5"));
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    __android_log_print(ANDROID_LOG_ERROR, "shell", "dropped");
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
-// A handset that answers every property read with 92 bytes, one more than a
-// property holds: the default is given and nothing is copied past the buffer.
+// A handset answering a property read with 92 bytes, one more than a property holds: the default is given and
+// nothing is copied past the buffer.
 TEST(Properties, OverlongValueFromTheHandsetGivesTheDefault)
 {
     kvn_test::TempDir dir;
@@ -74,23 +82,6 @@ TEST(Properties, OverlongValueFromTheHandsetGivesTheDefault)
     EXPECT_EQ('x', value[PROPERTY_VALUE_MAX]);
     handset.join();
     close(lfd);
-}
-
-// With no handset, reads get the default, writes fail, and log lines are
-// dropped without blocking or printing.
-TEST(NothingListening, DefaultsFailuresAndDroppedLines)
-{
-    kvn_test::TempDir dir;
-    setenv("KVN_SIM_SOCKET", (dir.path() + "/nobody.sock").c_str(), 1);
-    char value[PROPERTY_VALUE_MAX];
-    EXPECT_EQ(7, property_get("persist.radio.ssr_wait_s", value, "default"));
-    EXPECT_STREQ("default", value);
-    EXPECT_EQ(-1, property_set("persist.radio.ssr_wait_s", "5"));
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    __android_log_print(ANDROID_LOG_ERROR, "shell", "dropped");
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
-    EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
 } // namespace

@@ -1,5 +1,4 @@
-// qmux_client_test.cpp - the client library on the QMUX transport against a
-// modem the test plays on a pseudo-terminal.
+// The client library on the QMUX transport against a modem the test plays on a pseudo-terminal.
 #include <qmi_client.h>
 #include <user_identity_module_v01.h>
 
@@ -25,8 +24,7 @@ using Bytes = std::vector<uint8_t>;
 using namespace std::chrono_literals;
 constexpr uint8_t kUim = QMI_UIM_SERVICE_ID_V01;
 
-// A frame from the modem (TLVs after a success result); service 0 (CTL) has
-// a one-byte transaction id.
+// A frame from the modem (TLVs after a success result); service 0 (CTL) has a one-byte transaction id.
 Bytes frame(uint8_t svc, uint8_t cid, uint8_t flags, uint16_t txn, uint16_t msg, const Bytes &tlvs, bool ok = 1)
 {
     Bytes f{0x01, 0, 0, 0x80, svc, cid, flags, uint8_t(txn)}, area = ok ? Bytes{2, 4, 0, 0, 0, 0, 0} : Bytes{};
@@ -46,9 +44,8 @@ Bytes eid(uint8_t cid, uint16_t txn, uint8_t tag)
     return frame(kUim, cid, 0x02, txn, QMI_UIM_GET_EID_REQ_V01, t);
 }
 
-// The modem: a pseudo-terminal behind a fixed link (the library opens it
-// again after a hang-up), client ids from 1 up, CTL answered, UIM requests
-// answered with the frames `answer` makes.
+// The modem: a pseudo-terminal behind a fixed link (the library opens it again after a hang-up), client ids from
+// 1 up, CTL answered, UIM requests answered with the frames `answer` makes.
 class Modem {
 public:
     std::mutex mu; // guards the members up to thread_
@@ -65,6 +62,7 @@ public:
         return f();
     }
     void send(const Bytes &b) { EXPECT_EQ(write(master_, b.data(), b.size()), ssize_t(b.size())); }
+    void set_answer(std::function<Bytes(uint8_t, uint16_t)> a) { locked([&] { answer = std::move(a); }); }
     void stop()
     {
         stop_ = true;
@@ -163,8 +161,8 @@ int get_eid(qmi_client_type h, uim_get_eid_resp_msg_v01 *resp, unsigned timeout_
     return qmi_client_send_msg_sync(h, QMI_UIM_GET_EID_REQ_V01, &req, sizeof req, resp, sizeof *resp, timeout_ms);
 }
 
-// Ahead of the right response comes one the client must not take for it:
-// the right one with one byte changed (offset, xor), or noise.
+// Ahead of the right response comes one the client must not take for it: the right one with one byte changed
+// (offset, xor), or noise.
 TEST(Qmux, ResponsesMatchServiceClientTransactionAndMessageOnly)
 {
     struct Row {
@@ -177,15 +175,13 @@ TEST(Qmux, ResponsesMatchServiceClientTransactionAndMessageOnly)
     ASSERT_NE(nullptr, h);
     for (const Row &r : rows) {
         SCOPED_TRACE(r.what);
-        modem().locked([&] {
-            modem().answer = [r](uint8_t cid, uint16_t txn) {
-                // Noise: a frame start with a length above any message.
-                Bytes b = r.x ? eid(cid, txn, 0xBB) : Bytes{0x00, 0x7e, 0x01, 0xff, 0x7f, 0x80, kUim, 1, 0x02},
-                      right = eid(cid, txn, 0xAA);
-                b[r.at] ^= r.x;
-                b.insert(b.end(), right.begin(), right.end());
-                return b;
-            };
+        modem().set_answer([r](uint8_t cid, uint16_t txn) {
+            // Noise: a frame start with a length above any message.
+            Bytes b = r.x ? eid(cid, txn, 0xBB) : Bytes{0x00, 0x7e, 0x01, 0xff, 0x7f, 0x80, kUim, 1, 0x02},
+                  right = eid(cid, txn, 0xAA);
+            b[r.at] ^= r.x;
+            b.insert(b.end(), right.begin(), right.end());
+            return b;
         });
         uim_get_eid_resp_msg_v01 resp{};
         EXPECT_EQ(QMI_NO_ERR, get_eid(h, &resp));
@@ -199,16 +195,18 @@ void on_ind(qmi_client_type, unsigned msg_id, void *, unsigned, void *d)
     modem().locked([&] { static_cast<std::vector<unsigned> *>(d)->push_back(msg_id); });
 }
 
-// Each handle has a client id of its own, gets the indications for it and
-// the broadcast ones, and gives the id back when released. The record file
-// has what went each way.
+// Each handle has a client id of its own, gets the indications for it and the broadcast ones, and gives the id
+// back when released. The record file has what went each way.
 TEST(Qmux, ClientIdsPerHandleIndicationsAndRelease)
 {
     std::vector<unsigned> a, b; // indications, under the modem's lock
     qmi_client_type ha = open_uim(on_ind, &a), hb = open_uim(on_ind, &b);
     ASSERT_TRUE(ha && hb);
     std::atomic<uint8_t> cid{0};
-    modem().locked([&] { modem().answer = [&](uint8_t c, uint16_t txn) { cid = c; return eid(c, txn, 0xAA); }; });
+    modem().set_answer([&](uint8_t c, uint16_t txn) {
+        cid = c;
+        return eid(c, txn, 0xAA);
+    });
     uim_get_eid_resp_msg_v01 resp{};
     ASSERT_EQ(QMI_NO_ERR, get_eid(hb, &resp));
     const uint8_t cid_b = cid;
@@ -237,9 +235,8 @@ TEST(Qmux, ClientIdsPerHandleIndicationsAndRelease)
 
 void on_error(qmi_client_type, qmi_client_error_type e, void *d) { static_cast<std::atomic<int> *>(d)->store(e); }
 
-// Counting and then listing makes one exchange; a wait or a modem restart in
-// between makes the list ask again. A service that does not fit QMUX's byte
-// is never there.
+// Counting and then listing makes one exchange; a wait or a modem restart in between makes the list ask again.
+// A service that does not fit QMUX's byte is never there.
 TEST(Qmux, ServiceListOneExchangeNotAcrossAWaitOrRestart)
 {
     auto svc = uim_get_service_object_v01();
@@ -277,9 +274,8 @@ TEST(Qmux, ServiceListOneExchangeNotAcrossAWaitOrRestart)
     EXPECT_EQ(QMI_SERVICE_ERR, qmi_client_init_instance(&wide, QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr, &os, 0, &h));
 }
 
-// A modem restart (CTL Sync, here the answer to the request) and a hang-up
-// end a pending request with the service error at once and run the error
-// callback; the forgotten id is not given back; a new handle works after.
+// A modem restart (CTL Sync, here the answer to the request) and a hang-up end a pending request with the
+// service error at once and run the error callback; the forgotten id is not given back; a new handle works after.
 TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
 {
     for (bool hang_up : {false, true}) {
@@ -288,11 +284,9 @@ TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
         ASSERT_NE(nullptr, h);
         std::atomic<int> err{0};
         qmi_client_register_error_cb(h, on_error, &err);
-        modem().locked([&] {
-            modem().answer = [hang_up](uint8_t, uint16_t) {
-                modem().locked([] { modem().held.clear(); });
-                return hang_up ? Bytes{} : frame(0, 0, 0x02, 0, 0x27, {}, false);
-            };
+        modem().set_answer([hang_up](uint8_t, uint16_t) {
+            modem().locked([] { modem().held.clear(); });
+            return hang_up ? Bytes{} : frame(0, 0, 0x02, 0, 0x27, {}, false);
         });
         uim_get_eid_resp_msg_v01 resp{};
         const auto start = std::chrono::steady_clock::now();
@@ -305,7 +299,7 @@ TEST(Qmux, ModemRestartAndHangUpEndPendingRequests)
         EXPECT_EQ(QMI_SERVICE_ERR, err.load());
         qmi_client_release(h);
         EXPECT_EQ(0, modem().locked([] { return modem().stray_releases; }));
-        modem().locked([] { modem().answer = [](uint8_t cid, uint16_t txn) { return eid(cid, txn, 0xAA); }; });
+        modem().set_answer([](uint8_t cid, uint16_t txn) { return eid(cid, txn, 0xAA); });
         qmi_client_type again = open_uim();
         EXPECT_EQ(QMI_NO_ERR, get_eid(again, &resp));
         qmi_client_release(again);
