@@ -2,6 +2,7 @@
 // kvn-sim, with buffers larger than the command line allows.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -137,10 +138,15 @@ TEST_F(NvefsTest, EfsWriteOf415BytesGoesAs414AndOne)
     EXPECT_EQ(Bytes(b.begin() + 88, b.begin() + 90), (Bytes{data[414], 0}));
 }
 
-TEST_F(NvefsTest, EfsLargestFileIn248ChunksReadsBackIdentical)
+// The largest file goes out in 248 chunks, each where the last one ended. A
+// read with a byte of room beyond the file gets it whole; otherwise it stops
+// with -108 on the chunk that does not fit, keeping those that did. An empty
+// file answers a chunk of no bytes and copies nothing; a refused chunk ends
+// the read as a failed send does (-103).
+TEST_F(NvefsTest, EfsLargestFileAndReadsCutByTheCapacity)
 {
-    auto data = pattern(102410, 1);
-    ASSERT_EQ(pelmox_efs_write(1, "/big/file.bin", 13, data.data(), 102410), 0);
+    auto big = pattern(102410, 1), small = pattern(400, 5);
+    ASSERT_EQ(pelmox_efs_write(1, "/big/file.bin", 13, big.data(), 102410), 0);
     auto reqs = extend_requests();
     ASSERT_EQ(reqs.size(), 248u);
     uint32_t pos = 0;
@@ -149,59 +155,38 @@ TEST_F(NvefsTest, EfsLargestFileIn248ChunksReadsBackIdentical)
         pos += le32(r.data, 80);
     }
     EXPECT_EQ(pos, 102410u);
-    sim().clear_journal();
-
-    // One byte of room beyond the file: a capacity equal to the file stops
-    // on the last chunk.
-    Bytes back(102411, 0);
-    uint32_t len = 102411;
-    ASSERT_EQ(pelmox_efs_read(1, "/big/file.bin", 13, back.data(), &len), 0);
-    ASSERT_EQ(len, 102410u);
-    back.resize(len);
-    EXPECT_EQ(back, data);
-    EXPECT_EQ(extend_requests().size(), 242u) << "424-byte read chunks";
-
-    len = 102410;
-    Bytes exact(102410, 0);
-    EXPECT_EQ(pelmox_efs_read(1, "/big/file.bin", 13, exact.data(), &len), -108);
-    EXPECT_EQ(len, 241u * 424u) << "the chunks that fit";
-}
-
-// With 100-byte chunks, a 365-byte capacity takes three chunks of a 400-byte
-// file and stops on the fourth.
-TEST_F(NvefsTest, EfsReadIntoASmallerCapacityStopsAfterTheChunksThatFit)
-{
-    auto data = pattern(400, 5);
-    ASSERT_EQ(pelmox_efs_write(0, "/small/chunks", 13, data.data(), 400), 0);
-    load_scenario(R"({"efs_read_chunk": 100})");
-    sim().clear_journal();
-    Bytes buf(365, 0xEE), want(data.begin(), data.begin() + 300);
-    want.resize(365, 0xEE);
-    uint32_t len = 365;
-    EXPECT_EQ(pelmox_efs_read(0, "/small/chunks", 13, buf.data(), &len), -108);
-    EXPECT_EQ(len, 300u);
-    EXPECT_EQ(buf, want);
-    std::vector<uint32_t> positions;
-    for (const auto &r : extend_requests())
-        positions.push_back(le32(r.data, 84));
-    EXPECT_EQ(positions, (std::vector<uint32_t>{0, 100, 200, 300}));
-    load_scenario(R"({"efs_read_chunk": 424})");
-}
-
-// An empty file answers a chunk of no bytes: the read stops at once with -108,
-// copying nothing. A refused chunk ends the read as a failed send does (-103).
-TEST_F(NvefsTest, EfsReadOfAnEmptyFileOrARefusedChunk)
-{
-    load_scenario(R"({"efs": {"0": {"/empty": ""}}})");
-    Bytes buf(64, 0xEE);
-    uint32_t len = 64;
-    EXPECT_EQ(pelmox_efs_read(0, "/empty", 6, buf.data(), &len), -108);
-    EXPECT_EQ(len, 64u);
-    EXPECT_EQ(buf, Bytes(64, 0xEE));
-
-    ASSERT_EQ(sim().ctl({"fault", "extend", "2", "qmi-error=7"}).exit_code, 0);
-    EXPECT_EQ(pelmox_efs_read(0, "/empty", 6, buf.data(), &len), -103);
-    EXPECT_EQ(len, 64u);
+    ASSERT_EQ(pelmox_efs_write(1, "/small", 6, small.data(), 400), 0);
+    load_scenario(R"({"efs": {"1": {"/empty": ""}}})");
+    const struct {
+        const char *path;
+        const Bytes *file; // what the kept bytes are; nullptr: none kept
+        uint32_t chunk, cap;
+        const char *fault;
+        int rc;
+        uint32_t len, reads;
+    } cases[] = {
+        {"/big/file.bin", &big, 424, 102411, nullptr, 0, 102410, 242},
+        {"/big/file.bin", &big, 424, 102410, nullptr, -108, 241 * 424, 242},
+        {"/small", &small, 100, 365, nullptr, -108, 300, 4},
+        {"/empty", nullptr, 424, 64, nullptr, -108, 64, 1},
+        {"/empty", nullptr, 424, 64, "qmi-error=7", -103, 64, 1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.path << " " << c.cap << " " << (c.fault ? c.fault : ""));
+        load_scenario(R"({"efs_read_chunk": )" + std::to_string(c.chunk) + "}");
+        if (c.fault) {
+            ASSERT_EQ(sim().ctl({"fault", "extend", "2", c.fault}).exit_code, 0);
+        }
+        sim().clear_journal();
+        Bytes buf(c.cap, 0xEE), want(buf);
+        if (c.file)
+            std::copy_n(c.file->begin(), c.len, want.begin());
+        uint32_t len = c.cap;
+        EXPECT_EQ(pelmox_efs_read(1, c.path, uint32_t(strlen(c.path)), buf.data(), &len), c.rc);
+        EXPECT_EQ(len, c.len);
+        EXPECT_EQ(buf, want);
+        EXPECT_EQ(extend_requests().size(), c.reads);
+    }
 }
 
 TEST_F(NvefsTest, TransportFailureIsMapped)
