@@ -65,11 +65,7 @@ TEST(ExtendServiceObject, EveryMessageAtItsFullestEncodesToItsLargestLength)
     auto *obj = pelmox_extend_get_service_object_internal_v01(1, 1, 6);
     ASSERT_NE(obj, nullptr);
     EXPECT_EQ(obj->service_id, 0xFFE4u);
-    const struct {
-        qmi_idl_type_of_message_type kind;
-        uint16_t id;
-        uint32_t expect_len;
-    } cases[] = {
+    const std::tuple<qmi_idl_type_of_message_type, uint16_t, uint32_t> cases[] = {
         {QMI_IDL_REQUEST, 2, 529},    {QMI_IDL_REQUEST, 3, 529},    {QMI_IDL_REQUEST, 4, 533},
         {QMI_IDL_RESPONSE, 2, 529},   {QMI_IDL_RESPONSE, 3, 529},   {QMI_IDL_RESPONSE, 4, 14},
         {QMI_IDL_INDICATION, 3, 529}, {QMI_IDL_INDICATION, 5, 1137}, {QMI_IDL_INDICATION, 6, 1227},
@@ -77,33 +73,30 @@ TEST(ExtendServiceObject, EveryMessageAtItsFullestEncodesToItsLargestLength)
     };
     std::map<int, int> per_kind;
     uint32_t largest = 0;
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << "kind " << c.kind << " id " << c.id);
-        ++per_kind[c.kind];
-        largest = std::max(largest, c.expect_len);
+    for (const auto &[kind, id, expect_len] : cases) {
+        SCOPED_TRACE(testing::Message() << "kind " << kind << " id " << id);
+        ++per_kind[kind];
+        largest = std::max(largest, expect_len);
         uint32_t c_len = 0;
-        ASSERT_EQ(qmi_idl_get_message_c_struct_len(obj, c.kind, c.id, &c_len), QMI_IDL_LIB_NO_ERR);
+        ASSERT_EQ(qmi_idl_get_message_c_struct_len(obj, kind, id, &c_len), QMI_IDL_LIB_NO_ERR);
         Bytes rec(c_len);
         for (size_t i = 0; i < rec.size(); ++i)
             rec[i] = uint8_t(i * 7 + 1);
         // Valid flags and counts must hold legal values for a full message.
-        if (c.id <= 3 || (c.id == 4 && c.kind == QMI_IDL_REQUEST))
+        if (id <= 3 || (id == 4 && kind == QMI_IDL_REQUEST))
             rec[offsetof(pelmox_extend_msg_v01, data_valid)] = 1;
-        if (c.id == 4 && c.kind == QMI_IDL_REQUEST)
+        if (id == 4 && kind == QMI_IDL_REQUEST)
             rec[offsetof(pelmox_extend_msg_ex_v01, opt_valid)] = 1;
-        if (c.kind == QMI_IDL_INDICATION && c.id == 6)
+        if (kind == QMI_IDL_INDICATION && id == 6)
             for (auto &g : reinterpret_cast<pelmox_extend_ind_0006_v01 *>(rec.data())->group)
                 g.rec_len = 5;
-        // Padding bytes are not carried: compare the wire form of the record
-        // with that of its decoded copy.
+        // Padding is not carried: compare the wire forms of the record and its decoded copy.
         Bytes wire(2048), wire2(2048), back(c_len);
         uint32_t len = 0, len2 = 0;
-        ASSERT_EQ(qmi_idl_message_encode(obj, c.kind, c.id, rec.data(), c_len, wire.data(), wire.size(), &len),
-                  QMI_IDL_LIB_NO_ERR);
-        EXPECT_EQ(len, c.expect_len);
-        ASSERT_EQ(qmi_idl_message_decode(obj, c.kind, c.id, wire.data(), len, back.data(), c_len), QMI_IDL_LIB_NO_ERR);
-        ASSERT_EQ(qmi_idl_message_encode(obj, c.kind, c.id, back.data(), c_len, wire2.data(), wire2.size(), &len2),
-                  QMI_IDL_LIB_NO_ERR);
+        ASSERT_EQ(qmi_idl_message_encode(obj, kind, id, rec.data(), c_len, wire.data(), wire.size(), &len), 0);
+        EXPECT_EQ(len, expect_len);
+        ASSERT_EQ(qmi_idl_message_decode(obj, kind, id, wire.data(), len, back.data(), c_len), 0);
+        ASSERT_EQ(qmi_idl_message_encode(obj, kind, id, back.data(), c_len, wire2.data(), wire2.size(), &len2), 0);
         EXPECT_EQ(Bytes(wire.begin(), wire.begin() + len), Bytes(wire2.begin(), wire2.begin() + len2));
     }
     EXPECT_EQ(obj->max_msg_len, largest);
@@ -116,12 +109,10 @@ TEST(ExtendServiceObject, EveryMessageAtItsFullestEncodesToItsLargestLength)
         g.rec_len = 1;
     Bytes wire(2048);
     uint32_t len = 0;
-    ASSERT_EQ(qmi_idl_message_encode(obj, QMI_IDL_INDICATION, 6, &ind, sizeof(ind), wire.data(), wire.size(), &len),
-              QMI_IDL_LIB_NO_ERR);
+    ASSERT_EQ(qmi_idl_message_encode(obj, QMI_IDL_INDICATION, 6, &ind, sizeof(ind), wire.data(), wire.size(), &len), 0);
     ASSERT_EQ(wire[14], 0x03);
     wire[17] = 6;
-    EXPECT_NE(qmi_idl_message_decode(obj, QMI_IDL_INDICATION, 6, wire.data(), len, &back, sizeof(back)),
-              QMI_IDL_LIB_NO_ERR);
+    EXPECT_NE(qmi_idl_message_decode(obj, QMI_IDL_INDICATION, 6, wire.data(), len, &back, sizeof(back)), 0);
 }
 
 TEST(ExtendResultMap, TransportCodesMapAndOthersPassThrough)
@@ -138,21 +129,16 @@ TEST(ExtendResultMap, TransportCodesMapAndOthersPassThrough)
 TEST_F(ExtendSimTest, ArgumentChecksAndTheFullPayload)
 {
     Bytes req(600, 0x5A), out(600);
-    const struct {
-        const uint8_t *req;
-        int32_t req_len, cap;
-        const char *message;
-    } cases[] = {
+    const std::tuple<const uint8_t *, int32_t, int32_t, const char *> cases[] = { // request, length, capacity
         {req.data(), 513, 10, "put data_len 513 > max 512\n"}, {req.data(), 10, 513, "put data_len 10 > max 512\n"},
         {nullptr, 10, 10, "0,  put Invalid param\n"},          {req.data(), -1, 10, "put Invalid param\n"},
         {req.data(), 10, -1, "put Invalid param\n"},
     };
-    for (const auto &c : cases) {
-        int32_t cap = c.cap;
+    for (auto [data, req_len, cap, message] : cases) {
         int rc = 0;
-        std::string text = captured([&] { rc = pelmox_extend_qmi_send_sync(9, c.req, c.req_len, out.data(), &cap); });
-        EXPECT_EQ(rc, -1) << c.message;
-        EXPECT_NE(text.find(c.message), std::string::npos) << text;
+        std::string text = captured([&] { rc = pelmox_extend_qmi_send_sync(9, data, req_len, out.data(), &cap); });
+        EXPECT_EQ(rc, -1) << message;
+        EXPECT_NE(text.find(message), std::string::npos) << text;
     }
     EXPECT_EQ(pelmox_extend_qmi_send_sync(9, req.data(), 10, nullptr, nullptr), -1);
     EXPECT_TRUE(extend_requests().empty());

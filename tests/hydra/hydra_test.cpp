@@ -119,44 +119,36 @@ TEST(HydraLog, FormatTruncatesAndRefusesEmptyBuffers)
     EXPECT_EQ(std::string(buf, 8), std::string("abcde\0x\0", 8));
 }
 
-// Only the exact versions give the object; the messages the program uses,
-// filled to their fullest, encode within their declared largest lengths.
-TEST(VsServiceObject, FullestMessagesEncodeWithinTheirLargestLengths)
+// Only the exact versions give the object; the messages the program uses, at
+// their fullest, encode within their declared largest lengths. The event
+// builder clamps counts and lengths beyond the event records' arrays, and a
+// report without TLV 0x11 says 0xFFFFFFFF (flags: IndicationsBecomeEvents).
+TEST(VsMessages, FullestEncodeWithinTheLargestLengthsAndEventsClamp)
 {
+    using V = std::vector<uint32_t>;
     EXPECT_EQ(vs_get_service_object_internal_v01(1, 1, 6), nullptr);
     EXPECT_EQ(vs_get_service_object_internal_v01(1, 2, 5), nullptr);
     auto *obj = vs_get_service_object_internal_v01(1, 2, 6);
     ASSERT_NE(obj, nullptr);
-    EXPECT_EQ((std::vector<uint32_t>{obj->service_id, obj->max_msg_len, uint32_t(obj->n_msgs[QMI_IDL_REQUEST]),
-                                     uint32_t(obj->n_msgs[QMI_IDL_INDICATION])}),
-              (std::vector<uint32_t>{0xE4, 10672, 24, 4}));
+    EXPECT_EQ((V{obj->max_msg_len, uint32_t(obj->n_msgs[QMI_IDL_REQUEST]), uint32_t(obj->n_msgs[QMI_IDL_INDICATION])}),
+              (V{10672, 24, 4}));
 
     vs_set_feature_status_req_msg_v01 feat{0xFFFFFFFF, 0xFF, 1, 0xFF};
     vs_get_stats_param_req_msg_v01 req{};
     req.id_num = 10;
     auto resp = std::make_unique<vs_get_stats_param_resp_msg_v01>();
-    resp->records_valid = 1;
-    resp->records_len = 10;
-    for (auto &r : resp->records)
-        r.data_len = 700;
     auto report = std::make_unique<vs_stats_report_ind_msg_v01>();
-    report->records_len = 10;
-    report->extra_valid = report->tail_valid = 1;
+    resp->records_valid = report->extra_valid = report->tail_valid = 1;
+    resp->records_len = report->records_len = 10;
     report->extra_len = 5;
-    for (auto &r : report->records)
-        r.data_len = 700;
-    for (auto &r : report->extra)
-        r.data_len = 700;
+    for (auto *recs : {resp->records, report->records, report->extra})
+        for (size_t i = 0; i < (recs == report->extra ? 5 : 10); ++i)
+            recs[i].data_len = 700;
     vs_stats_values_ind_msg_v01 values{};
     values.values_len = 100;
     vs_feature_status_ind_msg_v01 fs{};
     vs_state_ind_msg_v01 st{};
-    const struct {
-        qmi_idl_type_of_message_type kind;
-        uint16_t id;
-        const void *rec;
-        uint32_t len, encoded;
-    } cases[] = {
+    const std::tuple<qmi_idl_type_of_message_type, uint16_t, const void *, uint32_t, uint32_t> cases[] = {
         {QMI_IDL_REQUEST, 0x0003, &feat, sizeof(feat), 15},
         {QMI_IDL_REQUEST, 0x0207, &req, sizeof(req), 54},
         {QMI_IDL_RESPONSE, 0x0207, resp.get(), sizeof(*resp), 7111},
@@ -166,25 +158,17 @@ TEST(VsServiceObject, FullestMessagesEncodeWithinTheirLargestLengths)
         {QMI_IDL_INDICATION, 0x0601, &st, sizeof(st), 4},
     };
     Bytes wire(20000);
-    for (const auto &c : cases) {
+    for (const auto &[kind, id, rec, rec_len, encoded] : cases) {
         uint32_t n = 0;
-        ASSERT_EQ(qmi_idl_message_encode(obj, c.kind, c.id, c.rec, c.len, wire.data(), uint32_t(wire.size()), &n), 0)
-            << std::hex << c.id;
-        EXPECT_EQ(n, c.encoded) << std::hex << c.id;
+        ASSERT_EQ(qmi_idl_message_encode(obj, kind, id, rec, rec_len, wire.data(), uint32_t(wire.size()), &n), 0)
+            << std::hex << id;
+        EXPECT_EQ(n, encoded) << std::hex << id;
     }
-}
 
-// Counts and lengths beyond the event records' arrays are clamped; a report
-// without TLV 0x11 says 0xFFFFFFFF (flags: IndicationsBecomeEvents).
-TEST(VsEvents, BuilderClampsCountsAndLengths)
-{
-    using V = std::vector<uint32_t>;
-    auto report = std::make_unique<vs_stats_report_ind_msg_v01>();
-    report->value = 7;
+    report->tail_valid = 0;
     report->records_len = 12;
     report->records[9] = {1, 0, 82, 1000, {}};
     report->records[9].data[699] = 0x5A;
-    report->extra_valid = 1;
     report->extra_len = 9;
     auto out = std::make_unique<vs_event_stats_report>();
     uint32_t len = 0;
@@ -198,7 +182,6 @@ TEST(VsEvents, BuilderClampsCountsAndLengths)
     vs_client_build_event(0x0203, report.get(), out.get(), &len);
     EXPECT_EQ((V{out->extra_num, out->tail}), (V{0, 9}));
 
-    vs_stats_values_ind_msg_v01 values{};
     values.values_len = 150;
     values.values[99] = 200;
     values.first = 3;
@@ -328,19 +311,18 @@ TEST_F(HydraSimTest, RefusalsLeaveTheOpenClientWorking)
     EXPECT_EQ((std::vector<uint32_t>{result.id_num, result.entries[0].id, result.entries[0].sub,
                                      result.entries[0].data_len, result.entries[1].id}),
               (std::vector<uint32_t>{2, 82, 1, 75, 94}));
-    auto reqs = requests(sim(), 0xE4);
-    ASSERT_EQ(reqs.size(), 1u);
-    EXPECT_EQ(reqs[0].tlvs, (std::map<int, std::string>{{1, "0100"}, {2, "0900"}, {3, "02520000005e000000"}}));
 
     // The id count's bound: ten go out behind their count, eleven are refused.
     for (int32_t n : {9, 10, 11}) {
-        std::vector<uint32_t> many(size_t(n), 82);
+        std::vector<uint32_t> many(static_cast<size_t>(n));
         std::string tlv = n == 9 ? "09" : "0a";
-        for (int32_t i = 0; i < n; ++i)
-            tlv += "52000000";
+        for (int32_t i = 0; i < n; ++i) {
+            many[size_t(i)] = uint32_t(82 + i);
+            tlv += to_hex({uint8_t(82 + i), 0, 0, 0});
+        }
         sim().clear_journal();
         EXPECT_EQ(modem_api_get_stats_parameter(0, 0, 1, n, many.data(), &result), n <= 10 ? 0u : 5u) << n;
-        reqs = requests(sim(), 0xE4);
+        auto reqs = requests(sim(), 0xE4);
         ASSERT_EQ(reqs.size(), n <= 10 ? 1u : 0u) << n;
         if (n <= 10) {
             EXPECT_EQ(reqs[0].tlvs[3], tlv);
@@ -501,24 +483,21 @@ TEST_F(HydraSimTest, TwoDownEventsArmOneNotifier)
 // and a client opened without an event callback takes none.
 TEST_F(HydraSimTest, IndicationsWithoutAnEventAreDropped)
 {
-    const struct {
-        uint32_t type;
-        const char *service, *msg;
-        bool with_cb;
-        const char *line;
-    } cases[] = {
+    // Client type, service, message, whether with an event callback, log line.
+    const std::tuple<uint32_t, const char *, const char *, bool, const char *> cases[] = {
         {MODEM_API_CLIENT_SAR, "sar", "0x0001", true, "sar_client_unsol_ind_cb: decoded_payload_len(0) can not <= 0"},
         {MODEM_API_CLIENT_NAS_0, "nas", "0x0024", true, "nas_0_client_unsol_ind_cb: decoded_payload_len(0) can not <= 0"},
         {MODEM_API_CLIENT_SAR, "sar", "0x0001", false, "sar_client_unsol_ind_cb: Unexpected NULL pointer!"},
         {MODEM_API_CLIENT_VS, "vs", "0x0005", true, "vs_client_unsol_ind_cb: decoded_payload_len(0) can not <= 0"},
         {MODEM_API_CLIENT_VS, "vs", "0x0004", false, "vs_client_unsol_ind_cb: Unexpected NULL pointer!"},
     };
-    for (const auto &c : cases) {
+    for (const auto &[type, service, msg, with_cb, line] : cases) {
+        SCOPED_TRACE(line);
         uint32_t id = 0xFFFF;
-        ASSERT_EQ(modem_api_init_client(c.type, c.with_cb ? record_event : nullptr, nullptr, &id), 0u) << c.line;
-        auto r = sim().ctl({"indicate", c.service, c.msg, "010400785634120201000503010000"});
-        EXPECT_EQ(r.out, "indication sent to 1 client(s)\n") << c.line;
-        EXPECT_TRUE(wait_until([&] { return count_lines(fresh_log(), c.line) == 1; })) << c.line;
+        ASSERT_EQ(modem_api_init_client(type, with_cb ? record_event : nullptr, nullptr, &id), 0u);
+        auto r = sim().ctl({"indicate", service, msg, "010400785634120201000503010000"});
+        EXPECT_EQ(r.out, "indication sent to 1 client(s)\n");
+        EXPECT_TRUE(wait_until([&, l = std::string(line)] { return count_lines(fresh_log(), l) == 1; }));
         modem_api_free_client(int32_t(id));
         g_log_base = hydra_log(sim()).size();
     }

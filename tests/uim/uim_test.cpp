@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "../extend/extend_journal.h"
@@ -19,11 +21,8 @@ namespace {
 // The factory line's check digit counts letters as c - '0'.
 TEST(UimEid, CheckDigitCountsLettersAsTheirCharacterMinusZero)
 {
-    struct Case {
-        const char *eid;
-        int valid;
-        const char *verdict; // the trace line after "check whether eid valid"
-    } cases[] = {
+    // EID, valid, the trace line after "check whether eid valid".
+    const std::tuple<const char *, int, const char *> cases[] = {
         {"89049032123451234512345678901235", 1, "eid validate pass"},
         // 'd' counts as 52: remainder 1 (as a hex digit, 13, it would be 96).
         {"890490321234512345123456789012d0", 1, "eid validate pass"},
@@ -31,14 +30,13 @@ TEST(UimEid, CheckDigitCountsLettersAsTheirCharacterMinusZero)
         {"890490321234512345123456789012d2", 0, "eid validate failed, result = 3"},
         {"89049032123451234512345678901234", 0, "eid validate failed, result = 0"},
     };
-    for (const auto &c : cases) {
+    for (const auto &[eid, valid, verdict] : cases) {
         int got = -1;
-        std::string out = captured([&] { got = is_eid_valid(c.eid); }, true);
-        EXPECT_EQ(got, c.valid) << c.eid;
-        EXPECT_EQ(kvn_test::mask_trace_lines(out),
-                  std::string("RIL[is_eid_valid:N]: check whether eid valid\n\n") + "RIL[is_eid_valid:N]: " +
-                      c.verdict + "\n\n")
-            << c.eid;
+        std::string out = captured([&, eid = eid] { got = is_eid_valid(eid); }, true);
+        EXPECT_EQ(got, valid) << eid;
+        EXPECT_EQ(kvn_test::mask_trace_lines(out), "RIL[is_eid_valid:N]: check whether eid valid\n\nRIL[is_eid_valid:N]: " +
+                                                       std::string(verdict) + "\n\n")
+            << eid;
     }
 }
 
@@ -46,25 +44,18 @@ TEST(UimEid, CheckDigitCountsLettersAsTheirCharacterMinusZero)
 // reply sits at the very end of its allocation, so a read past it is caught.
 TEST(UimCardDump, StopsAtTheReceivedBytesWhateverTheBlockClaims)
 {
-    struct Case {
-        uint32_t claimed;
-        int32_t received;
-        const char *out;
-    } cases[] = {
+    const std::tuple<uint32_t, int32_t, const char *> cases[] = { // claimed, received, printed
         {4, 20, "\ndata len(12)\ndata: 27 00 00 00 04 00 00 00 01 00 00 00\n"},
         {1000, 20, "\ndata len(1008)\ndata: 27 00 00 00 E8 03 00 00 01 00 00 00\n"},
         {0xFFFFFFF8u, 16, "\ndata len(0)\ndata:\n"},
         {0xFFFFFFFFu, 14, "\ndata len(8)\ndata: 27 00 00 00 FF FF\n"},
     };
-    for (const auto &c : cases) {
-        std::vector<uint8_t> bytes = {2, 0, 0, 0, 0, 0, 0, 0, 0x27, 0, 0, 0};
-        for (int i = 0; i < 4; ++i)
-            bytes.push_back(uint8_t(c.claimed >> (8 * i)));
-        bytes.insert(bytes.end(), {1, 0, 0, 0});
-        bytes.resize(size_t(c.received));
-        Bytes exact(bytes); // capacity == received
-        exact.shrink_to_fit();
-        EXPECT_EQ(captured([&] { pelmox_cmn_dump_block(exact.data(), c.received); }), c.out) << c.claimed << "/" << c.received;
+    for (const auto &[claimed, received, out] : cases) {
+        Bytes block{2, 0, 0, 0, 0, 0, 0, 0, 0x27, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0};
+        memcpy(&block[12], &claimed, 4);
+        block.resize(size_t(received));
+        block.shrink_to_fit(); // capacity == received
+        EXPECT_EQ(captured([&, n = received] { pelmox_cmn_dump_block(block.data(), n); }), out) << claimed;
     }
 }
 
@@ -123,11 +114,13 @@ TEST(UimChannels, RefusalsComeBackAsTheFunctionsPromise)
 {
     ASSERT_TRUE(sim().started());
     uint8_t channel = 255;
-    pelmox_uim_open_req on_physical = {2, 1};
-    EXPECT_EQ(pelmox_uim_open_channel(&on_physical, &channel), -1);
+    auto open = [&](uint8_t slot) {
+        pelmox_uim_open_req req = {slot, 1};
+        return pelmox_uim_open_channel(&req, &channel);
+    };
+    EXPECT_EQ(open(2), -1) << "physical card";
     EXPECT_EQ(channel, 255);
-    pelmox_uim_open_req no_slot = {3, 1};
-    EXPECT_EQ(pelmox_uim_open_channel(&no_slot, &channel), -1);
+    EXPECT_EQ(open(3), -1) << "no such slot";
 
     // Switch slot 2 to its eUICC, as the eSIM test does.
     ASSERT_EQ(sim().ctl({"fault", "clear"}).exit_code, 0);
@@ -138,8 +131,7 @@ TEST(UimChannels, RefusalsComeBackAsTheFunctionsPromise)
     pelmox_uim_apdu_req apdu = {2, 1, 5, {0x80, 0xCA, 0x9F, 0x7F, 0x00}};
     pelmox_uim_apdu_rsp rsp = {};
     EXPECT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), -1) << "channel 1 is not open yet";
-    pelmox_uim_open_req open = {2, 1};
-    ASSERT_EQ(pelmox_uim_open_channel(&open, &channel), 0);
+    ASSERT_EQ(open(2), 0);
     EXPECT_EQ(channel, 1);
     apdu.channel_id = 2;
     EXPECT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), -1) << "channel 2 is not open";
@@ -147,12 +139,11 @@ TEST(UimChannels, RefusalsComeBackAsTheFunctionsPromise)
     ASSERT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), 0);
     EXPECT_EQ(Bytes(rsp.rsp, rsp.rsp + rsp.rsp_len), (Bytes{0x6D, 0x00}));
 
-    pelmox_uim_close_req wrong = {2, 2};
-    out = captured([&] { EXPECT_EQ(pelmox_uim_close_channel(&wrong), 0); }, true);
-    EXPECT_EQ(out.find("pelmox_uim_close_channel successfully"), std::string::npos) << out;
-    pelmox_uim_close_req right = {2, 1};
-    out = captured([&] { EXPECT_EQ(pelmox_uim_close_channel(&right), 0); }, true);
-    EXPECT_NE(out.find("pelmox_uim_close_channel successfully"), std::string::npos) << out;
+    for (uint8_t ch : {2, 1}) { // not open, then open
+        pelmox_uim_close_req req = {2, ch};
+        out = captured([&] { EXPECT_EQ(pelmox_uim_close_channel(&req), 0); }, true);
+        EXPECT_EQ(out.find("pelmox_uim_close_channel successfully") != std::string::npos, ch == 1) << out;
+    }
     EXPECT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), -1) << "closed";
 }
 
