@@ -1,7 +1,5 @@
-// extend_journal.h - what the in-process tests of the extend, NV/EFS, SIM and
-// statistics layers share: one kvn-sim for the whole program (the clients open
-// once per process and keep their connection), its journal read back as
-// requests, its log lines, scenario loading and captured terminal output.
+// extend_journal.h - shared by the in-process tests of the modem layers: one
+// kvn-sim per program (clients open once per process), its journal and log.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -37,11 +35,10 @@ public:
         setenv("PELMOX_PRINT_FLAG", "0", 1);
     }
     void TearDown() override { sim_.reset(); }
-    static kvn_test::SimHandset &sim() { return *sim_; }
     static inline std::unique_ptr<kvn_test::SimHandset> sim_;
 };
 
-inline kvn_test::SimHandset &sim() { return SimEnvironment::sim(); }
+inline kvn_test::SimHandset &sim() { return *SimEnvironment::sim_; }
 
 inline Bytes unhex(const std::string &hex)
 {

@@ -209,7 +209,8 @@ TEST_F(ExtendSimTest, CommandFourFramings)
         auto reqs = extend_requests();
         ASSERT_EQ(reqs.size(), 2u);
         for (auto [r, id, value] : {std::tuple{reqs[0], 7u, v}, std::tuple{reqs[1], 8u, Bytes{}}}) {
-            auto words = f.message ? std::vector<uint32_t>{2, 0, id, uint32_t(value.size())} : std::vector<uint32_t>{id};
+            auto words = f.message ? std::vector<uint32_t>{2, 0, id, uint32_t(value.size())}
+                                   : std::vector<uint32_t>{id};
             Bytes want(512, 0);
             for (size_t i = 0; i < words.size(); ++i)
                 memcpy(want.data() + 4 * i, &words[i], 4);

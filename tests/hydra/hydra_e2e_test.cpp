@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "../extend/extend_journal.h"
@@ -196,7 +197,7 @@ TEST(Group9, RefusalsUsageAndAbsentService)
                                                 start_line("0", "0", -1) + "hydra qmi is not yet inited\n");
     std::vector<std::string> tries, want, after = hydra_log(sim);
     for (const auto &l : std::vector<std::string>(after.begin() + std::ptrdiff_t(before), after.end()))
-        if (l.rfind("vs_client_init_client_handles: Trying", 0) == 0 || l.find("returned failure") != std::string::npos ||
+        if (l.find("Trying") != std::string::npos || l.find("returned failure") != std::string::npos ||
             l.find("operational_status 2") != std::string::npos)
             tries.push_back(l);
     for (int i = 0; i < 10; ++i)
@@ -229,34 +230,23 @@ TEST(SarDsi, QueryAsTheShellFlagSays)
     EXPECT_EQ(sim.kvn({"5", "5"}, quiet).out, "");
     EXPECT_TRUE(sim.journal().empty());
 
-    const std::string entry = "RIL[pelmox_get_sar_dsi:N]: function entry ------------->\n";
-    const std::string exit = "RIL[pelmox_get_sar_dsi:N]: function exit <-------------\n";
-    const struct {
-        const char *scenario;
-        bool down;
-        std::string out;
-    } cases[] = {
-        {R"({"sar_dsi": 7})", false, entry + "RIL[pelmox_get_sar_dsi:N]: dsi vailid = 1 , dsi value = 7\n" + exit +
-                                         "SAR DSI: 7\n"},
-        {R"({"sar_dsi": null})", false, entry + "RIL[pelmox_get_sar_dsi:N]: dsi vailid = 0 , dsi value = 0\n" + exit +
-                                            "SAR DSI: 0\n"},
-        {R"({"sar_dsi": 0})", true, entry +
-                                        "RIL[pelmox_get_sar_dsi:N]: qmi_client_init_instance failed, "
-                                        "qmi_client_error = -3\nSAR DSI: -1\n"},
+    const std::string head = "RIL[pelmox_get_sar_dsi:N]: ", entry = head + "function entry ------------->\n";
+    const std::string exit = head + "function exit <-------------\n";
+    const std::tuple<const char *, bool, std::string> cases[] = { // scenario, service down, output
+        {R"({"sar_dsi": 7})", false, entry + head + "dsi vailid = 1 , dsi value = 7\n" + exit + "SAR DSI: 7\n"},
+        {R"({"sar_dsi": null})", false, entry + head + "dsi vailid = 0 , dsi value = 0\n" + exit + "SAR DSI: 0\n"},
+        {R"({"sar_dsi": 0})", true,
+         entry + head + "qmi_client_init_instance failed, qmi_client_error = -3\nSAR DSI: -1\n"},
     };
-    for (const auto &c : cases) {
-        load(sim, c.scenario);
-        ASSERT_EQ(sim.ctl({"service", "sar", c.down ? "down" : "up"}).exit_code, 0);
+    for (const auto &[scenario, down, out] : cases) {
+        load(sim, scenario);
+        ASSERT_EQ(sim.ctl({"service", "sar", down ? "down" : "up"}).exit_code, 0);
         sim.clear_journal();
         ProcessOptions logged;
         logged.env["PELMOX_PRINT_FLAG"] = "1";
-        EXPECT_EQ(kvn_test::mask_trace_lines(sim.kvn({"5", "5"}, logged).out), c.out) << c.scenario;
-        auto sar = requests(sim, 0x11);
-        ASSERT_EQ(sar.size(), c.down ? 0u : 1u) << c.scenario;
-        if (!c.down) {
-            EXPECT_EQ(sar[0].msg_id, 2);
-            EXPECT_TRUE(sar[0].tlvs.empty());
-        }
+        EXPECT_EQ(kvn_test::mask_trace_lines(sim.kvn({"5", "5"}, logged).out), out) << scenario;
+        const std::vector<Request> query{{2, {}}};
+        EXPECT_EQ(requests(sim, 0x11), down ? std::vector<Request>() : query) << scenario;
     }
     auto log = hydra_log(sim, "pelmox");
     ASSERT_FALSE(log.empty());

@@ -34,9 +34,8 @@ TEST(UimEid, CheckDigitCountsLettersAsTheirCharacterMinusZero)
         int got = -1;
         std::string out = captured([&, eid = eid] { got = is_eid_valid(eid); }, true);
         EXPECT_EQ(got, valid) << eid;
-        EXPECT_EQ(kvn_test::mask_trace_lines(out), "RIL[is_eid_valid:N]: check whether eid valid\n\nRIL[is_eid_valid:N]: " +
-                                                       std::string(verdict) + "\n\n")
-            << eid;
+        const std::string trace = "RIL[is_eid_valid:N]: ";
+        EXPECT_EQ(kvn_test::mask_trace_lines(out), trace + "check whether eid valid\n\n" + trace + verdict + "\n\n") << eid;
     }
 }
 
