@@ -22,31 +22,28 @@ namespace {
 
 ::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new SimEnvironment);
 
-// What the callbacks saw.
-struct Seen {
-    std::mutex mu;
-    std::vector<std::pair<uint32_t, Bytes>> events;
-    std::vector<std::pair<int, int>> statuses; // (code, client type)
-};
-Seen g_seen;
+// What the callbacks saw, under g_mu.
+std::mutex g_mu;
+std::vector<std::pair<uint32_t, Bytes>> g_events;
+std::vector<std::pair<int, int>> g_statuses; // (code, client type)
 
 void record_event(uint32_t id, void *rec, uint32_t len)
 {
-    std::lock_guard<std::mutex> l(g_seen.mu);
+    std::lock_guard<std::mutex> l(g_mu);
     auto *p = static_cast<uint8_t *>(rec);
-    g_seen.events.push_back({id, Bytes(p, p + len)});
+    g_events.push_back({id, Bytes(p, p + len)});
 }
 
 void record_status(int code, int type)
 {
-    std::lock_guard<std::mutex> l(g_seen.mu);
-    g_seen.statuses.push_back({code, type});
+    std::lock_guard<std::mutex> l(g_mu);
+    g_statuses.push_back({code, type});
 }
 
 size_t events_seen()
 {
-    std::lock_guard<std::mutex> l(g_seen.mu);
-    return g_seen.events.size();
+    std::lock_guard<std::mutex> l(g_mu);
+    return g_events.size();
 }
 
 // HYDRA log lines since the current test began (the tests share one handset).
@@ -65,9 +62,9 @@ protected:
         ASSERT_EQ(sim().ctl({"service", "all", "up"}).exit_code, 0);
         g_log_base = hydra_log(sim()).size();
         {
-            std::lock_guard<std::mutex> l(g_seen.mu);
-            g_seen.events.clear();
-            g_seen.statuses.clear();
+            std::lock_guard<std::mutex> l(g_mu);
+            g_events.clear();
+            g_statuses.clear();
         }
         modem_api_init();
     }
@@ -366,13 +363,13 @@ TEST_F(HydraSimTest, IndicationsBecomeEvents)
     for (const auto &[msg, hex] : inds)
         EXPECT_EQ(sim().ctl({"indicate", "vs", msg, hex}).out, "indication sent to 1 client(s)\n") << msg;
     ASSERT_TRUE(wait_until([] { return events_seen() >= 3; })) << sim().ctl({"logcat"}).out;
-    std::lock_guard<std::mutex> l(g_seen.mu);
-    ASSERT_EQ(g_seen.events.size(), 3u);
-    EXPECT_EQ(g_seen.events[0], std::make_pair(2u, Bytes{0x78, 0x56, 0x34, 0x12, 1, 0, 0, 0}));
-    EXPECT_EQ(g_seen.events[1], std::make_pair(5u, Bytes{7}));
-    ASSERT_EQ(g_seen.events[2].first, 3u);
-    ASSERT_EQ(g_seen.events[2].second.size(), sizeof(vs_event_stats_report));
-    const auto *rep = reinterpret_cast<const vs_event_stats_report *>(g_seen.events[2].second.data());
+    std::lock_guard<std::mutex> l(g_mu);
+    ASSERT_EQ(g_events.size(), 3u);
+    EXPECT_EQ(g_events[0], std::make_pair(2u, Bytes{0x78, 0x56, 0x34, 0x12, 1, 0, 0, 0}));
+    EXPECT_EQ(g_events[1], std::make_pair(5u, Bytes{7}));
+    ASSERT_EQ(g_events[2].first, 3u);
+    ASSERT_EQ(g_events[2].second.size(), sizeof(vs_event_stats_report));
+    const auto *rep = reinterpret_cast<const vs_event_stats_report *>(g_events[2].second.data());
     const auto &r0 = rep->records[0];
     EXPECT_EQ((std::vector<uint32_t>{rep->value, rep->records_num, r0.id, r0.sub, r0.data_len, r0.data[1], rep->tail}),
               (std::vector<uint32_t>{9, 1, 82, 1, 2, 0xBB, 0xFFFFFFFF}));
@@ -399,28 +396,26 @@ TEST_F(HydraSimTest, SarAndNasSurviveAModemRestart)
     sim().clear_journal();
     uint32_t ids[3] = {open(MODEM_API_CLIENT_SAR), open(MODEM_API_CLIENT_NAS_0), open(MODEM_API_CLIENT_NAS_1)};
     // Per client: bind, the connect's registration, the API's registration.
-    std::vector<std::pair<uint16_t, std::map<int, std::string>>> nas, want;
-    for (const auto &r : requests(sim(), 3))
-        nas.push_back({r.msg_id, r.tlvs});
+    std::vector<Request> want;
     for (const char *sub : {"00", "01"})
         want.insert(want.end(), {{0x45, {{1, sub}}}, {0x03, {{0x13, "00"}}}, {0x03, {{0x13, "00"}}}});
-    EXPECT_EQ(nas, want);
+    EXPECT_EQ(requests(sim(), 3), want);
     for (uint32_t id : ids)
         EXPECT_EQ(modem_api_client_status(int32_t(id)), 3);
 
     ASSERT_EQ(sim().ctl({"ssr", "300"}).exit_code, 0);
     ASSERT_TRUE(wait_until([&] {
-        std::lock_guard<std::mutex> l(g_seen.mu);
-        return g_seen.statuses.size() >= 9;
+        std::lock_guard<std::mutex> l(g_mu);
+        return g_statuses.size() >= 9;
     }));
     for (uint32_t id : ids)
         EXPECT_TRUE(wait_until([id] { return modem_api_client_status(int32_t(id)) == 3; }));
     for (int type = 1; type <= 3; ++type) {
         EXPECT_TRUE(wait_until([type] { return statuses_logged(type).size() >= 6; }));
         EXPECT_EQ(statuses_logged(type), (std::vector<int>{1, 3, 4, 5, 6, 3})) << "type " << type;
-        std::lock_guard<std::mutex> l(g_seen.mu);
+        std::lock_guard<std::mutex> l(g_mu);
         std::vector<int> codes;
-        for (auto &[code, t] : g_seen.statuses)
+        for (auto &[code, t] : g_statuses)
             if (t == type)
                 codes.push_back(code);
         EXPECT_EQ(codes, (std::vector<int>{0x10002, 0x10001, 0x10002})) << "type " << type;
