@@ -75,9 +75,8 @@ std::vector<Option> options()
                  "ASDIV DATA: ant_rx_0_old = 0, ant_rx_0_new = 1, ant_rx_1_old = 2, ant_rx_1_new = 3, ant_rx_2_old = 4, "
                  "ant_rx_2_new = 5, ant_rx_3_old = 6, ant_rx_3_new = 7, ant_tx_0_old = 8, ant_tx_0_new = 9, "
                  "ant_tx_1_old = 10, ant_tx_1_new = 255\n"});
-    v.push_back({10, 135, f5g_rsrp(), k5gRsrpLine});
-    v.push_back({11, 6, f5g_rsrp(), k5gRsrpLine});
-    v.push_back({12, 7, f5g_rsrp(), k5gRsrpLine});
+    for (auto [opt, id] : {std::pair{10, 135u}, std::pair{11, 6u}, std::pair{12, 7u}})
+        v.push_back({opt, id, f5g_rsrp(), k5gRsrpLine});
     v.push_back({20, 110, Pack().u8(1).f32(-70.5f).f32(-72.25f).hex(), "ASDIV DATA: rx_agc_0: -70.50, rx_agc_1: -72.25\n"});
     v.push_back({21, 111, Pack().u8(1).f32(-75).f32(-77.5f).hex(), "ASDIV DATA: rx_prx: -75.00, rx_drx: -77.50\n"});
     v.push_back({30, 100, Pack().u8(1).u8(4).u16(513).u16(65535).u8(0).u8(200).hex(),
