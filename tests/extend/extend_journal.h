@@ -1,15 +1,18 @@
-// extend_journal.h - helpers for tests of the extend client: one kvn-sim for
-// the whole in-process test program (the client opens once per process and
-// keeps its connection), and a sim's journal read back as extend requests.
+// extend_journal.h - shared by the in-process tests of the modem layers: one
+// kvn-sim per program (clients open once per process), its journal and log.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,76 +20,127 @@
 
 namespace extend_test {
 
-// One extend request 0x0002 as the sim received it.
-struct ExtendRequest {
-    uint32_t cmd_id = 0, data_len = 0;
-    std::vector<uint8_t> data; // TLV 0x10 as sent (512 bytes when present)
-};
+using Bytes = std::vector<uint8_t>;
+using kvn_test::wait_until;
 
-inline uint32_t le32(const std::vector<uint8_t> &b, size_t off)
-{
-    uint32_t v = 0;
-    for (size_t i = 4; i-- > 0;)
-        v = v << 8 | (off + i < b.size() ? b[off + i] : 0xFF);
-    return v;
-}
-inline uint16_t le16(const std::vector<uint8_t> &b, size_t off) { return uint16_t(le32(b, off)); }
-
-// The sim shared by every test of the program. It is started before the
-// first test and KVN_SIM_SOCKET points at it before anything is sent.
+// Started before the first test; KVN_SIM_SOCKET points at it and the modules'
+// terminal traces are off unless a test turns them on.
 class SimEnvironment : public ::testing::Environment {
 public:
     void SetUp() override
     {
         sim_ = std::make_unique<kvn_test::SimHandset>();
         setenv("KVN_SIM_SOCKET", sim_->socket().c_str(), 1);
-        // The traces of the modules are not what these tests look at.
         setenv("PELMOX_SHELL_PRINT_FLAG", "0", 1);
         setenv("PELMOX_PRINT_FLAG", "0", 1);
     }
     void TearDown() override { sim_.reset(); }
-    static kvn_test::SimHandset &sim() { return *sim_; }
-
-private:
     static inline std::unique_ptr<kvn_test::SimHandset> sim_;
 };
 
-inline kvn_test::SimHandset &sim() { return SimEnvironment::sim(); }
+inline kvn_test::SimHandset &sim() { return *SimEnvironment::sim_; }
 
-// The extend requests journalled since the last clear.
-inline std::vector<ExtendRequest> extend_requests(const kvn_test::SimHandset &from = sim())
+inline Bytes unhex(const std::string &hex)
 {
-    std::vector<ExtendRequest> out;
+    Bytes b;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        b.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+    return b;
+}
+
+inline std::string to_hex(const Bytes &b)
+{
+    std::string s;
+    for (uint8_t v : b)
+        s += {"0123456789abcdef"[v >> 4], "0123456789abcdef"[v & 15]};
+    return s;
+}
+
+// Little-endian field of a payload; bytes past its end read as 0xFF.
+inline uint32_t le32(const Bytes &b, size_t off)
+{
+    uint32_t v = 0;
+    for (size_t i = 4; i-- > 0;)
+        v = v << 8 | (off + i < b.size() ? b[off + i] : 0xFF);
+    return v;
+}
+inline uint16_t le16(const Bytes &b, size_t off) { return uint16_t(le32(b, off)); }
+
+// One QMI request as the handset received it: TLV type -> lower-case hex.
+struct Request {
+    uint16_t msg_id = 0;
+    std::map<int, std::string> tlvs;
+    bool operator==(const Request &) const = default;
+};
+
+inline std::vector<Request> requests(const kvn_test::SimHandset &from, uint32_t service)
+{
+    std::vector<Request> out;
     for (const auto &line : from.journal()) {
         auto j = nlohmann::json::parse(line);
-        if (j["service"] != 0xFFE4 || j["msg_id"] != 2)
+        if (j["service"] != service)
             continue;
-        ExtendRequest r;
-        for (const auto &tlv : j["tlvs"]) {
-            std::string hex = tlv["hex"];
-            std::vector<uint8_t> b;
-            for (size_t i = 0; i + 1 < hex.size(); i += 2)
-                b.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-            int type = tlv["type"];
-            if (type == 1)
-                r.cmd_id = le32(b, 0);
-            else if (type == 2)
-                r.data_len = le32(b, 0);
-            else if (type == 0x10)
-                r.data = b;
-        }
+        Request r{j["msg_id"].get<uint16_t>(), {}};
+        for (const auto &t : j["tlvs"])
+            r.tlvs[t["type"].get<int>()] = t["hex"].get<std::string>();
         out.push_back(r);
     }
     return out;
 }
 
-// Merges a scenario document into the running sim.
-inline void load_scenario(const std::string &json)
+// One extend request 0x0002: command (TLV 0x01), length (0x02), payload (0x10).
+struct ExtendRequest {
+    uint32_t cmd_id = 0, data_len = 0;
+    Bytes data;
+};
+
+inline std::vector<ExtendRequest> extend_requests(const kvn_test::SimHandset &from = sim())
 {
-    std::string path = sim().dir() + "/load.json";
+    std::vector<ExtendRequest> out;
+    for (auto &r : requests(from, 0xFFE4))
+        if (r.msg_id == 2)
+            out.push_back({le32(unhex(r.tlvs[1]), 0), le32(unhex(r.tlvs[2]), 0), unhex(r.tlvs[0x10])});
+    return out;
+}
+
+// Merges a scenario document into a running handset.
+inline void load(const kvn_test::SimHandset &into, const std::string &json)
+{
+    std::string path = into.dir() + "/load.json";
     std::ofstream(path) << json;
-    auto r = sim().ctl({"load", path});
+    auto r = into.ctl({"load", path});
     ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
+}
+inline void load_scenario(const std::string &json) { load(sim(), json); }
+
+// The text of a tag's lines of the handset log ("<function>: <text>").
+inline std::vector<std::string> hydra_log(const kvn_test::SimHandset &from, const std::string &tag = "HYDRA")
+{
+    std::vector<std::string> out;
+    std::istringstream in(from.ctl({"logcat"}).out);
+    std::string line, key = " " + tag + ": ";
+    while (std::getline(in, line))
+        if (auto p = line.find(key); p != std::string::npos)
+            out.push_back(line.substr(p + key.size()));
+    return out;
+}
+
+inline size_t count_lines(const std::vector<std::string> &lines, const std::string &text)
+{
+    return size_t(std::count(lines.begin(), lines.end(), text));
+}
+
+// What fn printed to stdout, with the terminal traces on when traced is set.
+inline std::string captured(const std::function<void()> &fn, bool traced = false)
+{
+    setenv("PELMOX_SHELL_PRINT_FLAG", traced ? "1" : "0", 1);
+    fflush(stdout);
+    testing::internal::CaptureStdout();
+    fn();
+    fflush(stdout);
+    std::string out = testing::internal::GetCapturedStdout();
+    setenv("PELMOX_SHELL_PRINT_FLAG", "0", 1);
+    return out;
 }
 
 } // namespace extend_test

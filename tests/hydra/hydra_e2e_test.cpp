@@ -1,22 +1,38 @@
-// hydra_e2e_test.cpp - kvn run as a process against a kvn-sim: group 9 with
-// every option on both subscriptions and every way a statistic can be
-// refused, the statistics service absent, and the SAR DSI query of group 5,
-// compared on the whole output and on what went over the wire.
+// hydra_e2e_test.cpp - kvn run as a process against a kvn-sim: group 9 and the
+// SAR DSI query, compared on the whole output and on what went over the wire.
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "../extend/extend_journal.h"
 #include "../shell/help_text.h"
-#include "hydra_sim.h"
 
-using namespace hydra_test;
+using namespace extend_test;
 using kvn_test::ProcessOptions;
 using kvn_test::SimHandset;
 
 namespace {
 
-/* ---- statistic records and their lines ---- */
+// Little-endian bytes of a statistic record, written as hex.
+class Pack {
+public:
+    Pack &u8(uint8_t v) { return raw(v); }
+    Pack &u16(uint16_t v) { return raw(v); }
+    Pack &u32(uint32_t v) { return raw(v); }
+    Pack &f32(float v) { return raw(v); }
+    std::string hex() const { return to_hex(b_); }
+
+private:
+    template <typename T> Pack &raw(T v)
+    {
+        auto *p = reinterpret_cast<const uint8_t *>(&v);
+        b_.insert(b_.end(), p, p + sizeof(v));
+        return *this;
+    }
+    Bytes b_;
+};
 
 std::string f4g()
 {
@@ -59,22 +75,13 @@ std::vector<Option> options()
                  "ASDIV DATA: ant_rx_0_old = 0, ant_rx_0_new = 1, ant_rx_1_old = 2, ant_rx_1_new = 3, ant_rx_2_old = 4, "
                  "ant_rx_2_new = 5, ant_rx_3_old = 6, ant_rx_3_new = 7, ant_tx_0_old = 8, ant_tx_0_new = 9, "
                  "ant_tx_1_old = 10, ant_tx_1_new = 255\n"});
-    v.push_back({10, 135, f5g_rsrp(), k5gRsrpLine});
-    v.push_back({11, 6, f5g_rsrp(), k5gRsrpLine});
-    v.push_back({12, 7, f5g_rsrp(), k5gRsrpLine});
+    for (auto [opt, id] : {std::pair{10, 135u}, std::pair{11, 6u}, std::pair{12, 7u}})
+        v.push_back({opt, id, f5g_rsrp(), k5gRsrpLine});
     v.push_back({20, 110, Pack().u8(1).f32(-70.5f).f32(-72.25f).hex(), "ASDIV DATA: rx_agc_0: -70.50, rx_agc_1: -72.25\n"});
     v.push_back({21, 111, Pack().u8(1).f32(-75).f32(-77.5f).hex(), "ASDIV DATA: rx_prx: -75.00, rx_drx: -77.50\n"});
     v.push_back({30, 100, Pack().u8(1).u8(4).u16(513).u16(65535).u8(0).u8(200).hex(),
                  "ANT INFO: ant_num: 4, ant_path: 513, sig_path: 65535, old_config: 0, new_config: 200\n"});
     return v;
-}
-
-std::string le_hex(uint32_t v, int bytes)
-{
-    Pack p;
-    for (int i = 0; i < bytes; ++i)
-        p.u8(uint8_t(v >> (8 * i)));
-    return p.hex();
 }
 
 std::string start_line(const std::string &opt, const std::string &sub, int id = 0)
@@ -101,29 +108,24 @@ TEST(Group9, EveryOptionOnBothSubscriptions)
     for (const auto &o : options())
         stats += (stats.empty() ? "\"" : ", \"") + std::to_string(o.id) + "\": \"" + o.data + "\"";
     load(sim, R"({"vs_stats": {"0": {)" + stats + R"(}, "1": {)" + stats + "}}}");
-    const std::map<int, std::string> feature{{1, "02000000"}, {2, "01"}, {0x10, "01"}};
+    const Request feature{0x0003, {{1, "02000000"}, {2, "01"}, {0x10, "01"}}};
     for (const auto &o : options()) {
         for (int sub : {0, 1}) {
+            SCOPED_TRACE(testing::Message() << "option " << o.opt << " sub " << sub);
             sim.clear_journal();
             auto r = sim.kvn({"9", std::to_string(o.opt), std::to_string(sub)});
-            int asked = o.opt == 30 ? 0 : sub;
+            uint16_t asked = o.opt == 30 ? 0 : uint16_t(sub);
             EXPECT_EQ(r.out, start_line(std::to_string(o.opt), std::to_string(sub)) +
-                                 success(asked, o.id, o.data.size() / 2) + o.line)
-                << "option " << o.opt << " sub " << sub;
-            auto reqs = requests(sim, 0xE4);
-            ASSERT_EQ(reqs.size(), 2u);
-            EXPECT_EQ(reqs[0].msg_id, 0x0003);
-            EXPECT_EQ(reqs[0].tlvs, feature);
-            const std::map<int, std::string> stat{{1, le_hex(asked, 2)}, {2, "0100"}, {3, "01" + le_hex(o.id, 4)}};
-            EXPECT_EQ(reqs[1].msg_id, 0x0207);
-            EXPECT_EQ(reqs[1].tlvs, stat) << "option " << o.opt << " sub " << sub;
+                                 success(asked, o.id, o.data.size() / 2) + o.line);
+            const Request stat{0x0207, {{1, Pack().u16(asked).hex()}, {2, "0100"}, {3, "01" + Pack().u32(o.id).hex()}}};
+            EXPECT_EQ(requests(sim, 0xE4), (std::vector<Request>{feature, stat}));
         }
     }
 }
 
-// Statistics the tool refuses or cannot read to the end, modem refusals, and
-// arguments refused before the request: the output after the start line.
-TEST(Group9, RefusedStatistics)
+// Statistics refused or cut short, arguments refused before the request, a
+// refused feature switch, usage, and last the statistics service absent.
+TEST(Group9, RefusalsUsageAndAbsentService)
 {
     SimHandset sim;
     ASSERT_TRUE(sim.started());
@@ -131,99 +133,78 @@ TEST(Group9, RefusedStatistics)
         return R"({"sub": )" + std::to_string(sub) + R"(, "id": )" + std::to_string(id) + R"(, "data": ")" + hex + "\"}";
     };
     auto records = [](const std::string &list) { return R"({"records": [)" + list + "]}"; };
-    std::string short4g = f4g().substr(0, 2 * 74);
     const struct {
-        const char *what;
+        std::string opt, sub;
         std::string value; // vs_stats value of the asked id on subscription 0
-        std::vector<std::string> args;
-        std::vector<std::string> fault; // kvn-sim fault arguments, if any
-        std::string out;
+        std::string out;   // after the start line
     } cases[] = {
-        {"12-byte 5G RSSI", "\"" + Pack().u32(1).f32(1).f32(2).hex() + "\"", {"9", "7", "0"}, {},
+        {"7", "0", "\"" + Pack().u32(1).f32(1).f32(2).hex() + "\"",
          success(0, 94, 12) + "g_hydra_data_left(0) is not enough for rssi2, id(0x5e)\n"},
-        {"74-byte 4G record", "\"" + short4g + "\"", {"9", "0", "0"}, {},
+        {"0", "0", "\"" + f4g().substr(0, 2 * 74) + "\"",
          success(0, 82, 74) + "g_hydra_data_left(3) is not enough for snr_rx3, id(0x52)\n"},
-        {"1-byte antenna information", "\"01\"", {"9", "30", "0"}, {},
-         success(0, 100, 1) + "g_hydra_data_left(0) is not enough for ant_number, id(0x64)\n"},
-        {"empty data", records(rec(0, 82, "")), {"9", "0", "0"}, {},
+        {"30", "0", "\"01\"", success(0, 100, 1) + "g_hydra_data_left(0) is not enough for ant_number, id(0x64)\n"},
+        {"0", "0", records(rec(0, 82, "")),
          "Fail to get data, data_len(0) is invalid, should be in (0, 700], number = 1, sub = 0, ret id_num = 1, "
          "id = 82\n"},
-        {"701 bytes", records(rec(0, 82, std::string(1402, '1'))), {"9", "0", "0"}, {},
+        {"0", "0", records(rec(0, 82, std::string(1402, '1'))),
          "Fail to get data fail, number = 1, ret = 1, sub = 0, id = 82\n"},
-        {"another id", records(rec(0, 83, "01")), {"9", "0", "0"}, {},
+        {"0", "0", records(rec(0, 83, "01")),
          "Fail to get data, ret_id(83) is invalid, number = 1, sub = 0, ret id_num = 1, id = 82\n"},
-        {"another subscription", records(rec(1, 82, "01")), {"9", "0", "0"}, {},
+        {"0", "0", records(rec(1, 82, "01")),
          "Fail to get data, ret_sub(1) is invalid, number = 1, sub = 0, ret id_num = 1, id = 82\n"},
-        {"two records", records(rec(0, 82, "01") + "," + rec(0, 82, "02")), {"9", "0", "0"}, {},
+        {"0", "0", records(rec(0, 82, "01") + "," + rec(0, 82, "02")),
          "Fail to get data, id num error, number = 1, sub = 0, ret id_num = 2, id = 82\n"},
-        {"no record", records(""), {"9", "0", "0"}, {},
-         "Fail to get data, empty, number = 1, sub = 0, ret id_num = 0, id = 82\n"},
-        {"modem not ready", "\"" + f4g() + "\"", {"9", "0", "0"}, {"fault", "vs", "0x0207", "qmi-error=52"},
-         "Fail to get data fail, number = 1, ret = 8, sub = 0, id = 82\n"},
-        {"subscription 2", "\"01\"", {"9", "0", "2"}, {}, "modem_api_get_stats_parameter, sub(2) is invalid\n"},
-        {"subscription -1", "\"01\"", {"9", "0", "-1"}, {}, "modem_api_get_stats_parameter, sub(-1) is invalid\n"},
-        {"option 13", "\"01\"", {"9", "13", "1"}, {}, "pelmox_test_qmi_modem_stats_hdl: Unknown opt(13), sub(1)\n"},
+        {"0", "0", records(""), "Fail to get data, empty, number = 1, sub = 0, ret id_num = 0, id = 82\n"},
+        {"0", "2", "\"01\"", "modem_api_get_stats_parameter, sub(2) is invalid\n"},
+        {"0", "-1", "\"01\"", "modem_api_get_stats_parameter, sub(-1) is invalid\n"},
+        {"13", "1", "\"01\"", "pelmox_test_qmi_modem_stats_hdl: Unknown opt(13), sub(1)\n"},
     };
     for (const auto &c : cases) {
-        const char *id = c.args[1] == "7" ? "94" : c.args[1] == "30" ? "100" : "82";
+        SCOPED_TRACE(c.value.substr(0, 60));
+        const char *id = c.opt == "7" ? "94" : c.opt == "30" ? "100" : "82";
         load(sim, R"({"vs_stats": {"0": {")" + std::string(id) + "\": " + c.value + "}}}");
-        if (!c.fault.empty()) {
-            ASSERT_EQ(sim.ctl(c.fault).exit_code, 0);
-        }
         sim.clear_journal();
-        auto r = sim.kvn(c.args);
-        EXPECT_EQ(r.out, start_line(c.args[1], c.args[2]) + c.out) << c.what;
+        EXPECT_EQ(sim.kvn({"9", c.opt, c.sub}).out, start_line(c.opt, c.sub) + c.out);
         // The feature switch always goes out; the statistics request only when
         // the subscription and option pass.
-        size_t want = c.args[2] == "0" && c.args[1] != "13" ? 2 : 1;
-        EXPECT_EQ(requests(sim, 0xE4).size(), want) << c.what;
+        EXPECT_EQ(requests(sim, 0xE4).size(), c.sub == "0" && c.opt != "13" ? 2u : 1u);
     }
     // The client was freed after the unknown option as after every run.
     auto log = hydra_log(sim);
     ASSERT_FALSE(log.empty());
     EXPECT_EQ(log.back(), "modem_api_operational_status_cb: client type 0, client id 0, operational_status 0");
-}
 
-// A refused feature switch is reported and the run goes on; too few
-// arguments print the note under the shell flag, and the help always.
-TEST(Group9, FeatureRefusalAndUsage)
-{
-    SimHandset sim;
-    ASSERT_TRUE(sim.started());
+    // A refused feature switch is reported and the run goes on.
     load(sim, R"({"vs_stats": {"1": {"94": ")" + Pack().u32(1).f32(1).f32(2).f32(3).f32(4).hex() + "\"}}}");
     ASSERT_EQ(sim.ctl({"fault", "vs", "3", "qmi-error=94"}).exit_code, 0);
-    auto r = sim.kvn({"9", "7", "1"});
-    EXPECT_EQ(r.out, "modem_api_set_hydra_feature_status, start fail, result = 4\n" + start_line("7", "1") +
-                         success(1, 94, 20) +
-                         "ASDIV DATA: rssi_rx0: 1.00, rssi_rx1: 2.00, rssi_rx2: 3.00, rssi_rx3: 4.00\n");
-
+    EXPECT_EQ(sim.kvn({"9", "7", "1"}).out, "modem_api_set_hydra_feature_status, start fail, result = 4\n" +
+                                                start_line("7", "1") + success(1, 94, 20) +
+                                                "ASDIV DATA: rssi_rx0: 1.00, rssi_rx1: 2.00, rssi_rx2: 3.00, "
+                                                "rssi_rx3: 4.00\n");
+    // Too few arguments print the note under the shell flag, and the help always.
     const std::string help = help_text::for_group(9);
     EXPECT_EQ(sim.kvn({"9", "0"}).out, "\nnote: Too few parameters, Pls refer to the following cmd:\n" + help);
     ProcessOptions quiet;
     quiet.env["PELMOX_SHELL_PRINT_FLAG"] = "0";
     EXPECT_EQ(sim.kvn({"9"}, quiet).out, help);
-}
 
-// With the statistics service absent the client is tried 10 times a second
-// apart, reported failed, and the request is refused for want of a client.
-TEST(Group9, StatisticsServiceAbsent)
-{
-    SimHandset sim;
-    ASSERT_TRUE(sim.started());
+    // With the service absent the client is tried 10 times a second apart and
+    // reported failed, and the request is refused for want of a client.
     ASSERT_EQ(sim.ctl({"service", "vs", "down"}).exit_code, 0);
-    auto r = sim.kvn({"9", "0", "0"});
-    EXPECT_EQ(r.out, "modem_api_set_hydra_feature_status, start fail, result = 7\n" + start_line("0", "0", -1) +
-                         "hydra qmi is not yet inited\n");
-    auto log = hydra_log(sim);
+    const size_t before = hydra_log(sim).size();
+    EXPECT_EQ(sim.kvn({"9", "0", "0"}).out, "modem_api_set_hydra_feature_status, start fail, result = 7\n" +
+                                                start_line("0", "0", -1) + "hydra qmi is not yet inited\n");
+    std::vector<std::string> tries, want, after = hydra_log(sim);
+    for (const auto &l : std::vector<std::string>(after.begin() + std::ptrdiff_t(before), after.end()))
+        if (l.find("Trying") != std::string::npos || l.find("returned failure") != std::string::npos ||
+            l.find("operational_status 2") != std::string::npos)
+            tries.push_back(l);
     for (int i = 0; i < 10; ++i)
-        EXPECT_EQ(count_lines(log, "vs_client_init_client_handles: Trying qmi_client_init_instance() try # " +
-                                       std::to_string(i) + " port[65535]"),
-                  1u)
-            << i;
-    EXPECT_EQ(count_lines(log, "vs_client_init_client_handles: Trying qmi_client_init_instance() try # 10 port[65535]"),
-              0u);
-    EXPECT_EQ(count_lines(log, "vs_client_init_client_handles: qmi_client_init_instance returned failure(-3)"), 1u);
-    EXPECT_EQ(count_lines(log, "modem_api_operational_status_cb: client type 0, client id 0, operational_status 2"), 1u);
+        want.push_back("vs_client_init_client_handles: Trying qmi_client_init_instance() try # " + std::to_string(i) +
+                       " port[65535]");
+    want.push_back("vs_client_init_client_handles: qmi_client_init_instance returned failure(-3)");
+    want.push_back("modem_api_operational_status_cb: client type 0, client id 0, operational_status 2");
+    EXPECT_EQ(tries, want);
     // Levels 2, 3 and 4 reach the log as INFO, DEBUG and ERROR.
     const std::string logcat = sim.ctl({"logcat"}).out;
     for (const char *line : {" I HYDRA: vs_client_init_client_handles: Trying qmi_client_init_instance() try # 9",
@@ -248,34 +229,23 @@ TEST(SarDsi, QueryAsTheShellFlagSays)
     EXPECT_EQ(sim.kvn({"5", "5"}, quiet).out, "");
     EXPECT_TRUE(sim.journal().empty());
 
-    const std::string entry = "RIL[pelmox_get_sar_dsi:N]: function entry ------------->\n";
-    const std::string exit = "RIL[pelmox_get_sar_dsi:N]: function exit <-------------\n";
-    const struct {
-        const char *scenario;
-        bool down;
-        std::string out;
-    } cases[] = {
-        {R"({"sar_dsi": 7})", false, entry + "RIL[pelmox_get_sar_dsi:N]: dsi vailid = 1 , dsi value = 7\n" + exit +
-                                         "SAR DSI: 7\n"},
-        {R"({"sar_dsi": null})", false, entry + "RIL[pelmox_get_sar_dsi:N]: dsi vailid = 0 , dsi value = 0\n" + exit +
-                                            "SAR DSI: 0\n"},
-        {R"({"sar_dsi": 0})", true, entry +
-                                        "RIL[pelmox_get_sar_dsi:N]: qmi_client_init_instance failed, "
-                                        "qmi_client_error = -3\nSAR DSI: -1\n"},
+    const std::string head = "RIL[pelmox_get_sar_dsi:N]: ", entry = head + "function entry ------------->\n";
+    const std::string exit = head + "function exit <-------------\n";
+    const std::tuple<const char *, bool, std::string> cases[] = { // scenario, service down, output
+        {R"({"sar_dsi": 7})", false, entry + head + "dsi vailid = 1 , dsi value = 7\n" + exit + "SAR DSI: 7\n"},
+        {R"({"sar_dsi": null})", false, entry + head + "dsi vailid = 0 , dsi value = 0\n" + exit + "SAR DSI: 0\n"},
+        {R"({"sar_dsi": 0})", true,
+         entry + head + "qmi_client_init_instance failed, qmi_client_error = -3\nSAR DSI: -1\n"},
     };
-    for (const auto &c : cases) {
-        load(sim, c.scenario);
-        ASSERT_EQ(sim.ctl({"service", "sar", c.down ? "down" : "up"}).exit_code, 0);
+    for (const auto &[scenario, down, out] : cases) {
+        load(sim, scenario);
+        ASSERT_EQ(sim.ctl({"service", "sar", down ? "down" : "up"}).exit_code, 0);
         sim.clear_journal();
         ProcessOptions logged;
         logged.env["PELMOX_PRINT_FLAG"] = "1";
-        EXPECT_EQ(kvn_test::mask_trace_lines(sim.kvn({"5", "5"}, logged).out), c.out) << c.scenario;
-        auto sar = requests(sim, 0x11);
-        ASSERT_EQ(sar.size(), c.down ? 0u : 1u) << c.scenario;
-        if (!c.down) {
-            EXPECT_EQ(sar[0].msg_id, 2);
-            EXPECT_TRUE(sar[0].tlvs.empty());
-        }
+        EXPECT_EQ(kvn_test::mask_trace_lines(sim.kvn({"5", "5"}, logged).out), out) << scenario;
+        const std::vector<Request> query{{2, {}}};
+        EXPECT_EQ(requests(sim, 0x11), down ? std::vector<Request>() : query) << scenario;
     }
     auto log = hydra_log(sim, "pelmox");
     ASSERT_FALSE(log.empty());

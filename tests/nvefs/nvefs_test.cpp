@@ -1,11 +1,11 @@
 // nvefs_test.cpp - the NV and EFS access functions in-process against one
-// kvn-sim, with buffers larger than the command line allows: argument checks
-// and their order, chunked EFS transfers as the journal shows them, reads cut
-// by the capacity, and the modem's and the transport's failures.
+// kvn-sim, with buffers larger than the command line allows.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "../extend/extend_journal.h"
@@ -25,9 +25,9 @@ struct NvefsTest : ::testing::Test {
     }
 };
 
-std::vector<uint8_t> pattern(size_t n, uint32_t seed)
+Bytes pattern(size_t n, uint32_t seed)
 {
-    std::vector<uint8_t> v(n);
+    Bytes v(n);
     for (size_t i = 0; i < n; ++i)
         v[i] = uint8_t((i * 131 + seed) ^ (i >> 8));
     return v;
@@ -40,11 +40,7 @@ TEST_F(NvefsTest, ArgumentChecksComeInTheirOrderAndSendNothing)
     uint32_t len = 10;
     const char p71[] = "/aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
     ASSERT_EQ(strlen(p71), 71u);
-    struct Case {
-        const char *name;
-        int got;
-        int want;
-    } cases[] = {
+    const std::tuple<const char *, int, int> cases[] = { // what, result, the code it must be
         {"nv read sub 2", pelmox_nv_read(2, 7233, nullptr, nullptr), -104},
         {"nv read id 7233", pelmox_nv_read(1, 7233, nullptr, nullptr), -109},
         {"nv read null buf", pelmox_nv_read(1, 7232, nullptr, nullptr), -107},
@@ -72,8 +68,8 @@ TEST_F(NvefsTest, ArgumentChecksComeInTheirOrderAndSendNothing)
         {"efs delete path 71", pelmox_efs_delete(0, p71, 71), -106},
         {"efs delete sub", pelmox_efs_delete(3, "/a", 2), -104},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(c.got, c.want) << c.name;
+    for (const auto &[what, got, want] : cases)
+        EXPECT_EQ(got, want) << what;
     EXPECT_TRUE(extend_requests().empty());
 
     // The boundaries themselves reach the modem: nv_id 7232 and a 71-byte
@@ -90,25 +86,23 @@ TEST_F(NvefsTest, NvWriteReadDeleteRoundTripWithPayloadLayout)
     ASSERT_EQ(pelmox_nv_write_ex(1, 4321, item.data(), 424), 0);
     auto reqs = extend_requests();
     ASSERT_EQ(reqs.size(), 1u);
-    EXPECT_EQ(reqs[0].cmd_id, 2u);
-    EXPECT_EQ(reqs[0].data_len, 512u);
     const auto &p = reqs[0].data;
-    EXPECT_EQ(std::vector<uint32_t>({p[0], p[1], le16(p, 2), le32(p, 76)}), (std::vector<uint32_t>{2, 1, 4321, 424}));
-    EXPECT_EQ(std::vector<uint8_t>(p.begin() + 88, p.end()), item);
+    EXPECT_EQ((std::vector<uint32_t>{reqs[0].cmd_id, reqs[0].data_len, p[0], p[1], le16(p, 2), le32(p, 76)}),
+              (std::vector<uint32_t>{2, 512, 2, 1, 4321, 424}));
+    EXPECT_EQ(Bytes(p.begin() + 88, p.end()), item);
 
     // A capacity larger than the item is lowered to it; a smaller one gets
     // the first bytes and keeps its value.
-    std::vector<uint8_t> buf(1000, 0);
-    uint32_t len = 1000;
-    ASSERT_EQ(pelmox_nv_read(1, 4321, buf.data(), &len), 0);
-    ASSERT_EQ(len, 424u);
-    EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + 424), item);
-    len = 7;
-    std::vector<uint8_t> small(8, 0xEE);
-    ASSERT_EQ(pelmox_nv_read(1, 4321, small.data(), &len), 0);
-    EXPECT_EQ(len, 7u);
-    EXPECT_EQ(std::vector<uint8_t>(small.begin(), small.begin() + 7), std::vector<uint8_t>(item.begin(), item.begin() + 7));
-    EXPECT_EQ(small[7], 0xEE);
+    for (uint32_t cap : {1000u, 7u}) {
+        Bytes buf(cap + 1, 0xEE), want(item.begin(), item.begin() + std::min(cap, 424u));
+        uint32_t len = cap;
+        ASSERT_EQ(pelmox_nv_read(1, 4321, buf.data(), &len), 0);
+        EXPECT_EQ(len, want.size());
+        want.resize(cap + 1, 0xEE);
+        EXPECT_EQ(buf, want) << cap;
+    }
+    Bytes buf(10);
+    uint32_t len;
 
     // The other subscription is another item.
     len = 10;
@@ -129,7 +123,7 @@ TEST_F(NvefsTest, EfsWriteOf415BytesGoesAs414AndOne)
     const auto &a = reqs[0].data, &b = reqs[1].data;
     // op, path length, total, chunk, position; the path is not terminated
     // within its count and the rest of its field is zero.
-    auto fields = [](const std::vector<uint8_t> &d) {
+    auto fields = [](const Bytes &d) {
         return std::vector<uint32_t>{d[0], d[4], le32(d, 76), le32(d, 80), le32(d, 84)};
     };
     EXPECT_EQ(fields(a), (std::vector<uint32_t>{5, 9, 415, 414, 0}));
@@ -137,15 +131,19 @@ TEST_F(NvefsTest, EfsWriteOf415BytesGoesAs414AndOne)
     EXPECT_EQ(std::string(a.begin() + 5, a.begin() + 15), std::string("/t/four15") + '\0');
     EXPECT_EQ(le16(a, 2), 0xFF) << "first chunk opens a transfer";
     EXPECT_NE(le16(b, 2), 0xFF) << "second chunk carries the modem's instance";
-    EXPECT_EQ(std::vector<uint8_t>(a.begin() + 88, a.begin() + 502), std::vector<uint8_t>(data.begin(), data.begin() + 414));
-    EXPECT_EQ(b[88], data[414]);
-    EXPECT_EQ(b[89], 0);
+    EXPECT_EQ(Bytes(a.begin() + 88, a.begin() + 502), Bytes(data.begin(), data.begin() + 414));
+    EXPECT_EQ(Bytes(b.begin() + 88, b.begin() + 90), (Bytes{data[414], 0}));
 }
 
-TEST_F(NvefsTest, EfsLargestFileIn248ChunksReadsBackIdentical)
+// The largest file goes out in 248 chunks, each where the last one ended. A
+// read with a byte of room beyond the file gets it whole; otherwise it stops
+// with -108 on the chunk that does not fit, keeping those that did. An empty
+// file answers a chunk of no bytes and copies nothing; a refused chunk ends
+// the read as a failed send does (-103).
+TEST_F(NvefsTest, EfsLargestFileAndReadsCutByTheCapacity)
 {
-    auto data = pattern(102410, 1);
-    ASSERT_EQ(pelmox_efs_write(1, "/big/file.bin", 13, data.data(), 102410), 0);
+    auto big = pattern(102410, 1);
+    ASSERT_EQ(pelmox_efs_write(1, "/big/file.bin", 13, big.data(), 102410), 0);
     auto reqs = extend_requests();
     ASSERT_EQ(reqs.size(), 248u);
     uint32_t pos = 0;
@@ -154,60 +152,35 @@ TEST_F(NvefsTest, EfsLargestFileIn248ChunksReadsBackIdentical)
         pos += le32(r.data, 80);
     }
     EXPECT_EQ(pos, 102410u);
-    sim().clear_journal();
-
-    // One byte of room beyond the file: a capacity equal to the file stops
-    // on the last chunk.
-    std::vector<uint8_t> back(102411, 0);
-    uint32_t len = 102411;
-    ASSERT_EQ(pelmox_efs_read(1, "/big/file.bin", 13, back.data(), &len), 0);
-    ASSERT_EQ(len, 102410u);
-    back.resize(len);
-    EXPECT_EQ(back, data);
-    EXPECT_EQ(extend_requests().size(), 242u) << "424-byte read chunks";
-
-    len = 102410;
-    std::vector<uint8_t> exact(102410, 0);
-    EXPECT_EQ(pelmox_efs_read(1, "/big/file.bin", 13, exact.data(), &len), -108);
-    EXPECT_EQ(len, 241u * 424u) << "the chunks that fit";
-}
-
-// With 100-byte chunks, a 365-byte capacity takes three chunks of a 400-byte
-// file and stops on the fourth.
-TEST_F(NvefsTest, EfsReadIntoASmallerCapacityStopsAfterTheChunksThatFit)
-{
-    auto data = pattern(400, 5);
-    ASSERT_EQ(pelmox_efs_write(0, "/small/chunks", 13, data.data(), 400), 0);
-    load_scenario(R"({"efs_read_chunk": 100})");
-    sim().clear_journal();
-    std::vector<uint8_t> buf(365, 0xEE);
-    uint32_t len = 365;
-    EXPECT_EQ(pelmox_efs_read(0, "/small/chunks", 13, buf.data(), &len), -108);
-    EXPECT_EQ(len, 300u);
-    EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + 300), std::vector<uint8_t>(data.begin(), data.begin() + 300));
-    EXPECT_EQ(buf[300], 0xEE);
-    auto reqs = extend_requests();
-    ASSERT_EQ(reqs.size(), 4u);
-    for (size_t i = 0; i < reqs.size(); ++i)
-        EXPECT_EQ(le32(reqs[i].data, 84), 100u * i) << "read " << i;
-    load_scenario(R"({"efs_read_chunk": 424})");
-}
-
-// An empty file answers a chunk of no bytes: the read stops at once with
-// -108, copying nothing. A chunk the modem refuses ends the read as a
-// failed send does (-103).
-TEST_F(NvefsTest, EfsReadOfAnEmptyFileOrARefusedChunk)
-{
-    load_scenario(R"({"efs": {"0": {"/empty": ""}}})");
-    std::vector<uint8_t> buf(64, 0xEE);
-    uint32_t len = 64;
-    EXPECT_EQ(pelmox_efs_read(0, "/empty", 6, buf.data(), &len), -108);
-    EXPECT_EQ(len, 64u);
-    EXPECT_EQ(buf, std::vector<uint8_t>(64, 0xEE));
-
-    ASSERT_EQ(sim().ctl({"fault", "extend", "2", "qmi-error=7"}).exit_code, 0);
-    EXPECT_EQ(pelmox_efs_read(0, "/empty", 6, buf.data(), &len), -103);
-    EXPECT_EQ(len, 64u);
+    load_scenario(R"({"efs": {"1": {"/empty": ""}}})");
+    const struct {
+        const char *path;
+        const Bytes *file; // what the kept bytes are; nullptr: none kept
+        uint32_t cap;
+        const char *fault;
+        int rc;
+        uint32_t len, reads;
+    } cases[] = {
+        {"/big/file.bin", &big, 102411, nullptr, 0, 102410, 242}, // 424-byte read chunks
+        {"/big/file.bin", &big, 102410, nullptr, -108, 241 * 424, 242},
+        {"/empty", nullptr, 64, nullptr, -108, 64, 1},
+        {"/empty", nullptr, 64, "qmi-error=7", -103, 64, 1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.path << " " << c.cap << " " << (c.fault ? c.fault : ""));
+        if (c.fault) {
+            ASSERT_EQ(sim().ctl({"fault", "extend", "2", c.fault}).exit_code, 0);
+        }
+        sim().clear_journal();
+        Bytes buf(c.cap, 0xEE), want(buf);
+        if (c.file)
+            std::copy_n(c.file->begin(), c.len, want.begin());
+        uint32_t len = c.cap;
+        EXPECT_EQ(pelmox_efs_read(1, c.path, uint32_t(strlen(c.path)), buf.data(), &len), c.rc);
+        EXPECT_EQ(len, c.len);
+        EXPECT_EQ(buf, want);
+        EXPECT_EQ(extend_requests().size(), c.reads);
+    }
 }
 
 TEST_F(NvefsTest, TransportFailureIsMapped)
@@ -228,16 +201,14 @@ TEST_F(NvefsTest, TransportFailureIsMapped)
 TEST_F(NvefsTest, ReadReplyClaimingFiveHundredBytesGivesFourHundredTwentyFour)
 {
     auto item = pattern(424, 5);
-    std::string hex = "01000000" "f4010000" "0000000000000000" "00000000";
-    for (uint8_t b : item)
-        hex += "0123456789abcdef"[b >> 4], hex += "0123456789abcdef"[b & 15];
+    std::string hex = "01000000f4010000000000000000000000000000" + to_hex(item);
     load_scenario(R"({"extend_replies": {"2": {"result": 0, "data": ")" + hex + R"("}}})");
-    std::vector<uint8_t> buf(1000, 0xEE);
+    Bytes buf(1000, 0xEE);
     uint32_t len = 1000;
     ASSERT_EQ(pelmox_nv_read(0, 1, buf.data(), &len), 0);
     EXPECT_EQ(len, 424u);
-    EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + 424), item);
-    EXPECT_EQ(buf[424], 0xEE);
+    item.resize(1000, 0xEE);
+    EXPECT_EQ(buf, item);
 }
 
 } // namespace

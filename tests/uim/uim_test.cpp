@@ -1,43 +1,28 @@
-// uim_test.cpp - the SIM layer in-process: the EID check digit as the
-// factory line computes it (letters counted as c - '0'), the failure counter
-// and recovery rule of the UIM client against one kvn-sim with faults, and
-// the card-command dump against a block length that claims more than arrived.
+// uim_test.cpp - the SIM layer in-process: the EID check digit, the card-command
+// dump, and the UIM client's recovery rule and channels against one kvn-sim.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "../extend/extend_journal.h"
 #include "pelmox_uim.h"
 
 using namespace extend_test;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 
 namespace {
 
 ::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new SimEnvironment);
 
-// Runs fn with the terminal traces on and returns what it printed.
-template <typename F> std::string traced(F fn)
-{
-    setenv("PELMOX_SHELL_PRINT_FLAG", "1", 1);
-    CaptureStdout();
-    fn();
-    std::string out = GetCapturedStdout();
-    setenv("PELMOX_SHELL_PRINT_FLAG", "0", 1);
-    return out;
-}
-
+// The factory line's check digit counts letters as c - '0'.
 TEST(UimEid, CheckDigitCountsLettersAsTheirCharacterMinusZero)
 {
-    struct Case {
-        const char *eid;
-        int valid;
-        const char *verdict; // the trace line after "check whether eid valid"
-    } cases[] = {
+    // EID, valid, the trace line after "check whether eid valid".
+    const std::tuple<const char *, int, const char *> cases[] = {
         {"89049032123451234512345678901235", 1, "eid validate pass"},
         // 'd' counts as 52: remainder 1 (as a hex digit, 13, it would be 96).
         {"890490321234512345123456789012d0", 1, "eid validate pass"},
@@ -45,14 +30,12 @@ TEST(UimEid, CheckDigitCountsLettersAsTheirCharacterMinusZero)
         {"890490321234512345123456789012d2", 0, "eid validate failed, result = 3"},
         {"89049032123451234512345678901234", 0, "eid validate failed, result = 0"},
     };
-    for (const auto &c : cases) {
+    for (const auto &[eid, valid, verdict] : cases) {
         int got = -1;
-        std::string out = traced([&] { got = is_eid_valid(c.eid); });
-        EXPECT_EQ(got, c.valid) << c.eid;
-        EXPECT_EQ(kvn_test::mask_trace_lines(out),
-                  std::string("RIL[is_eid_valid:N]: check whether eid valid\n\n") + "RIL[is_eid_valid:N]: " +
-                      c.verdict + "\n\n")
-            << c.eid;
+        std::string out = captured([&, eid = eid] { got = is_eid_valid(eid); }, true);
+        EXPECT_EQ(got, valid) << eid;
+        const std::string trace = "RIL[is_eid_valid:N]: ";
+        EXPECT_EQ(kvn_test::mask_trace_lines(out), trace + "check whether eid valid\n\n" + trace + verdict + "\n\n") << eid;
     }
 }
 
@@ -60,47 +43,39 @@ TEST(UimEid, CheckDigitCountsLettersAsTheirCharacterMinusZero)
 // reply sits at the very end of its allocation, so a read past it is caught.
 TEST(UimCardDump, StopsAtTheReceivedBytesWhateverTheBlockClaims)
 {
-    struct Case {
-        uint32_t claimed;
-        int32_t received;
-        const char *out;
-    } cases[] = {
+    const std::tuple<uint32_t, int32_t, const char *> cases[] = { // claimed, received, printed
         {4, 20, "\ndata len(12)\ndata: 27 00 00 00 04 00 00 00 01 00 00 00\n"},
         {1000, 20, "\ndata len(1008)\ndata: 27 00 00 00 E8 03 00 00 01 00 00 00\n"},
         {0xFFFFFFF8u, 16, "\ndata len(0)\ndata:\n"},
         {0xFFFFFFFFu, 14, "\ndata len(8)\ndata: 27 00 00 00 FF FF\n"},
     };
-    for (const auto &c : cases) {
-        std::vector<uint8_t> bytes = {2, 0, 0, 0, 0, 0, 0, 0, 0x27, 0, 0, 0};
-        for (int i = 0; i < 4; ++i)
-            bytes.push_back(uint8_t(c.claimed >> (8 * i)));
-        bytes.insert(bytes.end(), {1, 0, 0, 0});
-        bytes.resize(size_t(c.received));
-        std::vector<uint8_t> exact(bytes); // capacity == received
-        exact.shrink_to_fit();
-        CaptureStdout();
-        pelmox_cmn_dump_block(exact.data(), c.received);
-        EXPECT_EQ(GetCapturedStdout(), c.out) << c.claimed << "/" << c.received;
+    for (const auto &[claimed, received, out] : cases) {
+        Bytes block{2, 0, 0, 0, 0, 0, 0, 0, 0x27, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0};
+        memcpy(&block[12], &claimed, 4);
+        block.resize(size_t(received));
+        block.shrink_to_fit(); // capacity == received
+        EXPECT_EQ(captured([&, n = received] { pelmox_cmn_dump_block(block.data(), n); }), out) << claimed;
     }
 }
 
 // What one power request's traces say about the counter and the client.
 struct PowerOutcome {
-    int res;
-    int failed_cnt;
-    bool released;    // "QMI error, try recovery" ended the request
-    bool new_client;  // the guard created a client first
+    bool failed;     // the request returned an error
+    int failed_cnt;  // as the trace reports it
+    bool released;   // "QMI error, try recovery" ended the request
+    bool new_client; // the guard created a client first
+    bool operator==(const PowerOutcome &) const = default;
 };
 
 PowerOutcome power_down_slot1()
 {
     power_request req = {0, 1, 0};
     int res = 0;
-    std::string out = traced([&] { res = pelmox_uim_request_uicc_power_ex(&req); });
+    std::string out = captured([&] { res = pelmox_uim_request_uicc_power_ex(&req); }, true);
     std::smatch m;
     static const std::regex cnt(R"(uicc_power_ex res = -?\d+, failed_cnt = (\d+))");
     int failed = std::regex_search(out, m, cnt) ? std::stoi(m[1]) : -1;
-    return {res, failed, out.find("QMI error, try recovery") != std::string::npos,
+    return {res != 0, failed, out.find("QMI error, try recovery") != std::string::npos,
             out.find("try init_uim_qmi_client") != std::string::npos};
 }
 
@@ -110,35 +85,22 @@ PowerOutcome power_down_slot1()
 TEST(UimRecovery, OnlyTransportFailuresCountAndOnlyInitClears)
 {
     ASSERT_TRUE(sim().started());
-    struct Step {
-        const char *fault; // fault on the next power off, or nullptr
-        bool transport_failure;
-        int failed_cnt;
-        bool released;
-        bool new_client;
-    } steps[] = {
-        {nullptr, false, 0, false, true},        // first request creates the client
-        {"qmi-error=48", false, 0, false, false}, // a refusal is not counted
-        {"truncate", true, 1, false, false},
-        {nullptr, false, 1, false, false},        // success keeps the count
-        {"truncate", true, 2, false, false},
-        {"truncate", true, 3, true, false},       // third failure: released
-        {nullptr, false, 0, false, true},         // new client, counter cleared
-        {"drop", true, 1, true, false},           // -2 releases at once
-        {nullptr, false, 0, false, true},
+    const std::pair<const char *, PowerOutcome> steps[] = {
+        {nullptr, {false, 0, false, true}},        // first request creates the client
+        {"qmi-error=48", {false, 0, false, false}}, // a refusal is not counted
+        {"truncate", {true, 1, false, false}},
+        {nullptr, {false, 1, false, false}}, // success keeps the count
+        {"truncate", {true, 2, false, false}},
+        {"truncate", {true, 3, true, false}}, // third failure: released
+        {nullptr, {false, 0, false, true}},   // new client, counter cleared
+        {"drop", {true, 1, true, false}},     // -2 releases at once
+        {nullptr, {false, 0, false, true}},
     };
-    int i = 0;
-    for (const auto &s : steps) {
-        if (s.fault) {
-            auto r = sim().ctl({"fault", "uim", "0x30", s.fault});
-            ASSERT_EQ(r.exit_code, 0) << r.err;
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        if (steps[i].first) {
+            ASSERT_EQ(sim().ctl({"fault", "uim", "0x30", steps[i].first}).exit_code, 0);
         }
-        PowerOutcome o = power_down_slot1();
-        EXPECT_EQ(o.res != 0, s.transport_failure) << "step " << i << " res " << o.res;
-        EXPECT_EQ(o.failed_cnt, s.failed_cnt) << "step " << i;
-        EXPECT_EQ(o.released, s.released) << "step " << i;
-        EXPECT_EQ(o.new_client, s.new_client) << "step " << i;
-        ++i;
+        EXPECT_EQ(power_down_slot1(), steps[i].second) << "step " << i;
     }
     ASSERT_EQ(sim().ctl({"fault", "clear"}).exit_code, 0);
 }
@@ -151,38 +113,36 @@ TEST(UimChannels, RefusalsComeBackAsTheFunctionsPromise)
 {
     ASSERT_TRUE(sim().started());
     uint8_t channel = 255;
-    pelmox_uim_open_req on_physical = {2, 1};
-    EXPECT_EQ(pelmox_uim_open_channel(&on_physical, &channel), -1);
+    auto open = [&](uint8_t slot) {
+        pelmox_uim_open_req req = {slot, 1};
+        return pelmox_uim_open_channel(&req, &channel);
+    };
+    EXPECT_EQ(open(2), -1) << "physical card";
     EXPECT_EQ(channel, 255);
-    pelmox_uim_open_req no_slot = {3, 1};
-    EXPECT_EQ(pelmox_uim_open_channel(&no_slot, &channel), -1);
+    EXPECT_EQ(open(3), -1) << "no such slot";
 
     // Switch slot 2 to its eUICC, as the eSIM test does.
     ASSERT_EQ(sim().ctl({"fault", "clear"}).exit_code, 0);
     const char *argv[] = {"kvn", "5", "10", "1", "1"}; // debug_on 1: flags kept
-    CaptureStdout();
-    pelmox_cmn_esim_test(5, const_cast<char **>(argv));
-    EXPECT_NE(GetCapturedStdout().find("eID=89049032123451234512345678901235\n"), std::string::npos);
+    std::string out = captured([&] { pelmox_cmn_esim_test(5, const_cast<char **>(argv)); });
+    EXPECT_NE(out.find("eID=89049032123451234512345678901235\n"), std::string::npos);
 
     pelmox_uim_apdu_req apdu = {2, 1, 5, {0x80, 0xCA, 0x9F, 0x7F, 0x00}};
     pelmox_uim_apdu_rsp rsp = {};
     EXPECT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), -1) << "channel 1 is not open yet";
-    pelmox_uim_open_req open = {2, 1};
-    ASSERT_EQ(pelmox_uim_open_channel(&open, &channel), 0);
+    ASSERT_EQ(open(2), 0);
     EXPECT_EQ(channel, 1);
     apdu.channel_id = 2;
     EXPECT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), -1) << "channel 2 is not open";
     apdu.channel_id = 1;
     ASSERT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), 0);
-    EXPECT_EQ(rsp.rsp_len, 2);
-    EXPECT_EQ(rsp.rsp[0], 0x6D);
+    EXPECT_EQ(Bytes(rsp.rsp, rsp.rsp + rsp.rsp_len), (Bytes{0x6D, 0x00}));
 
-    pelmox_uim_close_req wrong = {2, 2};
-    std::string out = traced([&] { EXPECT_EQ(pelmox_uim_close_channel(&wrong), 0); });
-    EXPECT_EQ(out.find("pelmox_uim_close_channel successfully"), std::string::npos) << out;
-    pelmox_uim_close_req right = {2, 1};
-    out = traced([&] { EXPECT_EQ(pelmox_uim_close_channel(&right), 0); });
-    EXPECT_NE(out.find("pelmox_uim_close_channel successfully"), std::string::npos) << out;
+    for (uint8_t ch : {2, 1}) { // not open, then open
+        pelmox_uim_close_req req = {2, ch};
+        out = captured([&] { EXPECT_EQ(pelmox_uim_close_channel(&req), 0); }, true);
+        EXPECT_EQ(out.find("pelmox_uim_close_channel successfully") != std::string::npos, ch == 1) << out;
+    }
     EXPECT_EQ(pelmox_uim_send_apdu(&apdu, &rsp), -1) << "closed";
 }
 
