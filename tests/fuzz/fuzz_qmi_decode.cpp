@@ -1,7 +1,6 @@
-// fuzz_qmi_decode.cpp - libFuzzer target over the QMI decoder for every message of the UIM, SAR and NAS service
-// objects. Bytes 0-2 pick the service, the message kind and the message; the rest is the TLV area. Records are heap
-// blocks of exactly the message's size, so a write past one is caught. A message that decodes must encode again,
-// and that encoding must decode to the same record.
+// fuzz_qmi_decode.cpp - libFuzzer target over the QMI decoder for every UIM, SAR and NAS message: bytes 0-2 pick
+// service, kind and message, the rest is the TLV area, records are heap blocks of exactly the message's size. What
+// decodes must encode again, and that encoding must decode to the same record.
 #include <network_access_service_v01.h>
 #include <qmi_idl_lib.h>
 #include <specific_absorption_rate_v01.h>

@@ -1,13 +1,8 @@
-// fuzz_sim_packets.cpp - libFuzzer target over kvn-sim's request handling, in-process and without sockets. The
-// first input byte picks what the rest is:
-//   0  a packet stream cut into pieces spread over three connections (framing, CONNECT/WATCH/LIST, QMI dispatch
-//      to every service, NV/EFS command 2, properties, log, control JSON), replies taken in between;
-//   1  one NV/EFS command-2 payload, straight to its handler;
-//   2  one control request (JSON text) straight to the control handler;
-//   3  a property write "key\0value": a persistent property that was taken must read back byte for byte.
+// fuzz_sim_packets.cpp - libFuzzer target over kvn-sim's request handling without sockets. Byte 0 picks what the
+// rest is: 0 a packet stream cut into pieces over three connections (framing, CONNECT/WATCH/LIST, QMI to every
+// service, NV/EFS, properties, log, control), replies taken in between; 1 an NV/EFS command-2 payload; 2 a control
+// request (JSON); 3 a property write "key\0value", which must read back byte for byte from its file when persistent.
 // After each input the handset is put back: services up, faults cleared.
-#include <cstring>
-
 #include "control.h"
 #include "fuzz_sim.h"
 
@@ -37,12 +32,10 @@ void packets(Router &r, const uint8_t *p, size_t n)
 
 void property(const kvn_sim_fuzz::World &w, const uint8_t *p, size_t n)
 {
-    const auto *nul = static_cast<const uint8_t *>(std::memchr(p, 0, n));
-    if (!nul)
-        return;
-    const std::string key(reinterpret_cast<const char *>(p), static_cast<size_t>(nul - p));
-    const std::string value(reinterpret_cast<const char *>(nul + 1), n - key.size() - 1);
-    if (!w.h->props.set(key, value) || key.rfind("persist.", 0) != 0)
+    const std::string in(reinterpret_cast<const char *>(p), n);
+    const size_t nul = in.find('\0');
+    const std::string key = in.substr(0, nul), value = nul == std::string::npos ? "" : in.substr(nul + 1);
+    if (nul == std::string::npos || !w.h->props.set(key, value) || key.rfind("persist.", 0) != 0)
         return;
     const std::filesystem::path dir(w.dir);
     Properties again(dir / "properties.json", dir / ModemStore::kTempDir);

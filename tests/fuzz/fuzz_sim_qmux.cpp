@@ -1,7 +1,6 @@
-// fuzz_sim_qmux.cpp - libFuzzer target over kvn-sim's QMUX terminal: the frame reader (markers, lengths, resync
-// after noise, partial frames), the CTL service (client ids, version info, sync) and the hand-over of requests to
-// every service. The reply queue must stay within its cap; after each input the modem restarts, so every client id
-// is given back.
+// fuzz_sim_qmux.cpp - libFuzzer target over kvn-sim's QMUX terminal: frame reader (resync after noise, partial
+// frames), CTL service and hand-over to every service. The reply queue must stay within its cap; after each input
+// the modem restarts, so every client id is given back.
 #include <fcntl.h>
 
 #include <vector>

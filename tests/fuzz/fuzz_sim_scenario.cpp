@@ -1,7 +1,6 @@
-// fuzz_sim_scenario.cpp - libFuzzer target over kvn-sim's scenario loader: the input is scenario text, parsed
-// strictly (size bound, syntax position, repeated keys), checked, and applied to one handset. A document the loader
-// refuses changes nothing (properties, faults, EFS tree); an input starting with '#' is stretched past the size
-// bound and must be refused for it, not parsed.
+// fuzz_sim_scenario.cpp - libFuzzer target over kvn-sim's scenario loader, applying the input to one handset: a
+// refused document changes nothing (properties, faults, EFS tree); an input starting with '#' is stretched past the
+// size bound and must be refused for it, not parsed.
 #include "fuzz_sim.h"
 #include "scenario.h"
 

@@ -1,8 +1,7 @@
-// fuzz_stats_parse.cpp - libFuzzer target over the statistics record parser and the debug-block printers. Byte 0
-// picks the unpacker's print flag (bit 0) and the id; the rest is both a record (any version: the first four bytes
-// are its version word) and a debug block. Each gets a heap copy of exactly the size the tool's callers guarantee
-// (the record plus 16 zero bytes, the block in a 500-byte payload), so a read past it is caught. The check runs
-// only when it would not make its second request, as no modem answers here.
+// fuzz_stats_parse.cpp - libFuzzer target over the statistics record parser and debug-block printers. Byte 0 picks
+// the print flag (bit 0) and the id; the rest is both a record and a debug block, each in a heap copy of exactly
+// what the tool's callers guarantee (record plus 16 zero bytes; a 500-byte payload). The check runs only when it
+// would not make its second request, as no modem answers here.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

@@ -1,6 +1,5 @@
-// stats_parse_test.cpp - the unpacker, the record parser and the debug-block printers in-process, for what the
-// command line cannot reach: every bound check with its numbers, the layouts the built-in sample does not use, the
-// not-supported count, null pointers, section lengths and hex rendering.
+// stats_parse_test.cpp - the unpacker, record parser and debug-block printers in-process, for what the command line
+// cannot reach: bound checks, windows no record reaches, layouts the built-in sample lacks, null pointers.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -25,13 +24,11 @@ std::string captured(const std::function<void()> &f)
 modem_stats_unpk_state &st() { return *modem_stats_unpk_get_state(); }
 
 // A zero payload of 2016 readable bytes, state reset, printing off.
-std::vector<uint8_t> &fresh(uint32_t id = 0)
+void fresh()
 {
-    static std::vector<uint8_t> buf;
-    buf.assign(MODEM_STATS_UNPK_READ_LIMIT + MODEM_STATS_UNPK_PAD, 0);
-    modem_stats_unpk_reset(id, buf.data(), static_cast<uint32_t>(buf.size()));
+    static const std::vector<uint8_t> buf(MODEM_STATS_UNPK_READ_LIMIT + MODEM_STATS_UNPK_PAD);
+    modem_stats_unpk_reset(0, buf.data(), static_cast<uint32_t>(buf.size()));
     st().g_unpk_print_flag = 0;
-    return buf;
 }
 
 int mid(int32_t low, int32_t high, int size) { return UNPK_MID(low, high, "f", size); }
@@ -54,7 +51,6 @@ int set_bit(int32_t len, int32_t bit)
 
 TEST(Unpk, BoundChecksPrintTheirNumbersAndFail)
 {
-    const std::string mid_high = "UNPK_MID, high(%d) should be in [1, 64] for f, id(0x0)";
     const struct {
         const char *name;
         std::function<int()> run; // on a fresh state
@@ -149,46 +145,37 @@ std::vector<uint8_t> packed(uint32_t version, int col)
     return b;
 }
 
-std::vector<uint8_t> last_record(size_t n = MODEM_STATS_SINGLE_DATA_LEN)
+std::vector<uint8_t> last_record()
 {
-    return std::vector<uint8_t>(modem_stats_parse_last()->data, modem_stats_parse_last()->data + n);
+    return std::vector<uint8_t>(modem_stats_parse_last()->data,
+                                modem_stats_parse_last()->data + MODEM_STATS_SINGLE_DATA_LEN);
 }
 
-TEST(Parse, OtherLayoutsPrintAndFillTheRecord)
+// Each layout prints its summary and fills the record. Then unknown versions count up for the process and write
+// nothing, a parse that fails midway leaves the record, and a null payload parses nothing.
+TEST(Parse, LayoutsFillTheRecordAndFailuresLeaveIt)
 {
-    const struct {
-        uint32_t version;
-        int col;
-    } cases[] = {{4, 0}, {0x30000, 1}, {0x30002, 2}};
+    const uint32_t versions[] = {4, 0x30000, 0x30002}; // the columns of kFields
     std::vector<uint8_t> want = {0,    0,    0,    0,    0xcc, 0x01, 0x0b, 0x00, 0xcd, 0xab, 0x34, 0x12, 0xef,
                                  0xcd, 0xab, 0x89, 0x67, 0x45, 0x23, 0x01, 0x2d, 0x01, 0x03, 0x00, 0x3a, 0x07,
                                  0,    0,    0x64, 0x00, 0x8a, 0x4d, 0,    0,    0x32, 0x00, 0x01, 0x00};
     want.resize(MODEM_STATS_SINGLE_DATA_LEN); // the rest stays zero
     st().g_unpk_print_flag = 0;
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.version);
-        const auto buf = packed(c.version, c.col);
+    for (int col = 0; col < 3; ++col) {
+        const uint32_t version = versions[col];
+        SCOPED_TRACE(version);
+        const auto buf = packed(version, col);
         EXPECT_EQ(captured([&] {
                       pelmox_test_modem_stats_parsing_process_do(3, buf.data(), static_cast<uint32_t>(buf.size()));
                   }),
-                  "version = " + std::to_string(c.version) +
+                  "version = " + std::to_string(version) +
                       ", mcc = 460, mnc_num 2, mnc 11, tac 305441741, cgi 81985529216486895, pci 301\n"
                       "freq_band_ind = 3, dl_earfcn = 1850, dl_bw 100, ul_earfcn 19850, ul_bw 50, "
                       "allow_access 1, scs 0\n");
         EXPECT_EQ(modem_stats_parse_last()->len, 38u);
-        std::memcpy(want.data(), &c.version, 4);
+        std::memcpy(want.data(), &version, 4);
         EXPECT_EQ(last_record(), want);
     }
-}
-
-// Unknown versions count up for the process and write nothing; a parse that fails midway leaves the previous
-// record; a null payload parses nothing.
-TEST(Parse, FailuresLeaveThePreviousRecord)
-{
-    const auto good = packed(4, 0);
-    captured([&] { pelmox_test_modem_stats_parsing_process_do(1, good.data(), static_cast<uint32_t>(good.size())); });
-    const auto before = last_record();
-
     const uint64_t base = st().g_unpk_version_not_support_num;
     uint32_t n = 0;
     for (uint32_t v : {5u, 0x2FFFFu, 0x30003u}) {
@@ -205,7 +192,7 @@ TEST(Parse, FailuresLeaveThePreviousRecord)
               "UNPK_SET_BIT, pos(28) should be[0, 28), id(0x21)\n");
     EXPECT_EQ(captured([] { pelmox_test_modem_stats_parsing_process_do(5, nullptr, 0); }),
               "MODEM_STATS_DATA_UNPK_START, payload is NULL, id(0x21)\n");
-    EXPECT_EQ(last_record(), before);
+    EXPECT_EQ(last_record(), want);
 }
 
 /* ---- debug-block printers ---- */
