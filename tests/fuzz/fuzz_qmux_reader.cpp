@@ -1,6 +1,5 @@
-// fuzz_qmux_reader.cpp - libFuzzer target over the client's QMUX reader, fed
-// what a modem sends in chunks whose size byte 0 picks: every frame out is
-// whole and consistent, the reader never keeps more than one largest frame
+// fuzz_qmux_reader.cpp - libFuzzer target over the client's QMUX reader, fed what a modem sends in chunks whose
+// size byte 0 picks: every frame out is whole and consistent, the reader never keeps more than one largest frame
 // plus a chunk, and each frame goes through the TLV lookup and the record.
 #include <algorithm>
 #include <cstdlib>

@@ -1,11 +1,7 @@
-// fuzz_stats_parse.cpp - libFuzzer target over the statistics record parser
-// and the debug-block printers. Byte 0 picks the unpacker's print flag (bit 0)
-// and the id; the rest is both a record for the parser (any version: the
-// first four bytes are its version word) and a debug block for the printers.
-// Each gets a heap copy of exactly the size the tool's callers guarantee (the
-// record plus 16 zero bytes, the block in a 500-byte payload), so a read past
-// it is caught by AddressSanitizer. The check runs only when it would not
-// make its second request, as no modem answers here.
+// fuzz_stats_parse.cpp - libFuzzer target over the statistics record parser and debug-block printers. Byte 0 picks
+// the print flag (bit 0) and the id; the rest is both a record and a debug block, each in a heap copy of exactly
+// what the tool's callers guarantee (record plus 16 zero bytes; a 500-byte payload). The check runs only when it
+// would not make its second request, as no modem answers here.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -16,27 +12,18 @@
 #include "modem_stats_unpk.h"
 #include "pelmox_test_stats_parse.h"
 
-namespace {
-
-constexpr size_t kPayload = 500;
-
-} // namespace
-
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    // The printers write a great deal; the fuzzer's own lines go to stderr.
-    if (!freopen("/dev/null", "w", stdout))
-        return 1;
-    return 0;
+    return freopen("/dev/null", "w", stdout) ? 0 : 1; // the printers write a great deal
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    constexpr size_t kPayload = 500;
     if (size < 1 || size > 4096)
         return 0;
     const uint8_t *body = data + 1;
     const size_t n = size - 1;
-
     modem_stats_unpk_get_state()->g_unpk_print_flag = data[0] & 1;
     std::unique_ptr<uint8_t[]> rec(new uint8_t[n + MODEM_STATS_UNPK_PAD]());
     if (n)
