@@ -12,6 +12,7 @@
 #include "kvn_wire.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -27,12 +28,14 @@ namespace {
 // logger cuts them.
 constexpr size_t kMaxMessage = 4068;
 
-// The process's connection for log lines.
+// The process's connection for log lines. A fork must not write on its
+// parent's connection: the child drops it (fork handlers, so that no line
+// costs a getpid call) and opens its own at its first line.
 struct LogConnection {
     std::mutex mutex;
     int fd = -1;
-    pid_t owner = 0; // the process that opened fd
     std::string path;
+    std::once_flag fork_handlers;
 
     void reset()
     {
@@ -42,32 +45,40 @@ struct LogConnection {
     }
     // Sends one packet, on the kept connection when it still takes it, else
     // on a new one.
-    bool send(const kvn_wire::Header &h, const std::vector<uint8_t> &payload)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        std::string now = kvn_wire::default_socket_path();
-        if (fd >= 0 && (owner != getpid() || path != now))
-            reset();
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            if (fd < 0) {
-                fd = kvn_wire::connect_unix(now);
-                if (fd < 0)
-                    return false;
-                // A handset that stops reading never holds up the tool: a
-                // full socket counts as closed.
-                fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-                owner = getpid();
-                path = now;
-            }
-            if (kvn_wire::write_packet(fd, h, payload))
-                return true;
-            reset(); // the handset closed it (idle, restarted): once more on a new one
-        }
-        return false;
-    }
+    bool send(const kvn_wire::Header &h, const std::vector<uint8_t> &payload);
 };
 
 LogConnection g_log;
+
+bool LogConnection::send(const kvn_wire::Header &h, const std::vector<uint8_t> &payload)
+{
+    std::call_once(fork_handlers, [] {
+        pthread_atfork([] { g_log.mutex.lock(); }, [] { g_log.mutex.unlock(); },
+                       [] {
+                           g_log.reset();
+                           g_log.mutex.unlock();
+                       });
+    });
+    std::lock_guard<std::mutex> lock(mutex);
+    std::string now = kvn_wire::default_socket_path();
+    if (fd >= 0 && path != now)
+        reset();
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (fd < 0) {
+            fd = kvn_wire::connect_unix(now);
+            if (fd < 0)
+                return false;
+            // A handset that stops reading never holds up the tool: a
+            // full socket counts as closed.
+            fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+            path = now;
+        }
+        if (kvn_wire::write_packet(fd, h, payload))
+            return true;
+        reset(); // the handset closed it (idle, restarted): once more on a new one
+    }
+    return false;
+}
 
 } // namespace
 

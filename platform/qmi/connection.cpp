@@ -15,7 +15,7 @@
 namespace kvn_qmi {
 
 namespace {
-constexpr size_t kInitialBuffer = 8192; // a few packets of the usual size
+constexpr size_t kInitialBuffer = 2048; // the usual packet; grown for larger ones
 
 using Clock = kvn_wire::MonoClock;
 

@@ -121,6 +121,19 @@ TEST_F(PropAreaTest, LogLinesShareOneConnection)
         EXPECT_EQ(3 * (16 + 7), recv(c, buf, sizeof buf, MSG_DONTWAIT));
         close(c);
     }
+    // A fork opens a connection of its own instead of writing on its parent's.
+    ASSERT_EQ(4, __android_log_print(ANDROID_LOG_INFO, "t", "line"));
+    int parent = accept(l, nullptr, nullptr);
+    pid_t pid = fork();
+    if (pid == 0)
+        _exit(__android_log_print(ANDROID_LOG_INFO, "t", "kid") == 3 ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_EQ(0, status);
+    int child = accept(l, nullptr, nullptr);
+    EXPECT_LE(0, child) << "the fork wrote on its parent's connection";
+    close(child);
+    close(parent);
     close(l);
 }
 
