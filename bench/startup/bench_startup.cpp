@@ -7,8 +7,10 @@
 // `kvn 9 0 0` and `kvn 7 1 0`, each against its own floor (bench_replay_floor:
 // a static process making the QMI requests kvn made, taken from kvn-sim's
 // journal, each run of one service on one connection, and printing the bytes
-// kvn printed), and `kvn 5 10 4 1` against qmicli reading the same card
-// status through kvn-sim's QMUX terminal. In each case the programs run in
+// kvn printed), `kvn 4 1 0 550` with nothing set in the environment (its
+// traces print) against the same kind of floor, and `kvn 5 10 4 1` against
+// qmicli reading the same card status through kvn-sim's QMUX terminal. In
+// each case the programs run in
 // rotating order, round after round, so slow phases of a shared machine hit
 // every side alike; each figure is the median of the per-round ratios with
 // its 10th and 90th percentiles, for wall time and for the child's CPU time
@@ -184,23 +186,30 @@ struct Case {
     std::string title, summary, aim;
     std::vector<Program> progs;
     bool same_output = true;
-    bool user_env = false; // only the shell flag set; else both flags pinned off
+    int env = 0; // one of the Env values below
     int rounds = 0;
 };
 
-void set_env(bool user_env)
+// Both print flags pinned off; only the shell flag set (the log flag is read
+// from its property at every trace); nothing set at all (the traces print).
+enum Env { kPinned, kShellOnly, kNothingSet };
+
+void set_env(int env)
 {
-    setenv("PELMOX_SHELL_PRINT_FLAG", "0", 1);
-    if (user_env)
-        unsetenv("PELMOX_PRINT_FLAG");
+    if (env == kNothingSet)
+        unsetenv("PELMOX_SHELL_PRINT_FLAG");
     else
+        setenv("PELMOX_SHELL_PRINT_FLAG", "0", 1);
+    if (env == kPinned)
         setenv("PELMOX_PRINT_FLAG", "0", 1);
+    else
+        unsetenv("PELMOX_PRINT_FLAG");
 }
 
 // Runs a case; false when a program fails or prints what its floor does not.
 bool run_case(Case &c)
 {
-    set_env(c.user_env);
+    set_env(c.env);
     if (c.same_output) {
         const std::string expected = output_of(c.progs[1].argv);
         for (size_t i = 0; i < c.progs.size(); ++i) {
@@ -258,7 +267,7 @@ int main()
 {
     const char *r = getenv("KVN_BENCH_ROUNDS");
     const int rounds = r ? std::max(1, atoi(r)) : 150;
-    set_env(false);
+    set_env(kPinned);
     kvn_test::SimHandset sim;
     if (!sim.started()) {
         fprintf(stderr, "kvn-sim did not start\n");
@@ -289,14 +298,14 @@ int main()
                          with_baseline({{"kvn", kvn_argv(nv), {}}, {"floor", {dir + "/bench_floor"}, {}},
                                         {"no-op", {dir + "/bench_noop"}, {}}},
                                        nv),
-                         true, user, rounds});
+                         true, user ? kShellOnly : kPinned, rounds});
     for (const std::vector<std::string> &args :
          {std::vector<std::string>{"5", "10", "4", "1"}, {"9", "0", "0"}, {"7", "1", "0"}}) {
         std::string name = "`kvn";
         for (const auto &a : args)
             name += " " + a;
         name += "`";
-        set_env(true);
+        set_env(kShellOnly);
         std::string script = sim.dir() + "/replay-" + args[0] + ".bin";
         if (!record_script(sim, kvn_argv(args), script)) {
             fprintf(stderr, "%s: cannot record its exchanges\n", name.c_str());
@@ -305,8 +314,20 @@ int main()
         cases.push_back({name + ", shell flag only", name + " against its floor, shell flag only", "at most 1.30x",
                          with_baseline({{"kvn", kvn_argv(args), {}}, {"floor", {dir + "/bench_replay_floor", script}, {}}},
                                        args),
-                         true, true, std::max(1, rounds / 3)});
+                         true, kShellOnly, std::max(1, rounds / 3)});
     }
+    // Nothing set: kvn prints its traces, and its floor prints the same bytes.
+    set_env(kNothingSet);
+    const std::string quiet_script = sim.dir() + "/replay-nothing-set.bin";
+    if (!record_script(sim, kvn_argv(nv), quiet_script)) {
+        fprintf(stderr, "`kvn 4 1 0 550`, nothing set: cannot record its exchanges\n");
+        return 1;
+    }
+    cases.push_back({"`kvn 4 1 0 550`, nothing set in the environment",
+                     "`kvn 4 1 0 550` against its floor, nothing set", "at most 1.10x",
+                     with_baseline({{"kvn", kvn_argv(nv), {}}, {"floor", {dir + "/bench_replay_floor", quiet_script}, {}}},
+                                   nv),
+                     true, kNothingSet, std::max(1, rounds / 3)});
     // qmicli on the handset's QMUX terminal, when it has one.
     const std::string status = sim.ctl({"status"}).out;
     const auto at = status.find("\npty ");
@@ -316,7 +337,7 @@ int main()
                          "`kvn 5 10 4 1` against qmicli, same card status", "at most 0.30x",
                          {{"kvn", kvn_argv({"5", "10", "4", "1"}), {}},
                           {"qmicli", {"/usr/bin/qmicli", "-d", pty, "--device-open-qmi", "--uim-get-card-status"}, {}}},
-                         false, true, std::max(1, rounds / 5)});
+                         false, kShellOnly, std::max(1, rounds / 5)});
     else
         printf("(no QMUX terminal or no qmicli: the qmicli case is not run)\n\n");
     for (auto &c : cases)
