@@ -10,9 +10,8 @@
 // kvn printed), `kvn 4 1 0 550` with nothing set in the environment (its
 // traces print) against the same kind of floor, and `kvn 5 10 4 1` against
 // qmicli reading the same card status through kvn-sim's QMUX terminal. In
-// each case the programs run in
-// rotating order, round after round, so slow phases of a shared machine hit
-// every side alike; each figure is the median of the per-round ratios with
+// each case the programs run in rotating order, round after round, so slow
+// phases of a shared machine hit every side alike; each figure is the median of the per-round ratios with
 // its 10th and 90th percentiles, for wall time and for the child's CPU time
 // (user + system).
 //
