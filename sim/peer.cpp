@@ -43,24 +43,27 @@ bool member_of(uid_t uid, gid_t gid, gid_t group)
 
 void allow_peer_group(std::optional<gid_t> gid) { g_group = gid; }
 
-bool peer_trusted(int fd, std::string *why)
+bool peer_trusted(int fd, std::string *why, pid_t *pid)
 {
+    static const uid_t self = geteuid(); // the daemon never changes user
     ucred cred{};
     socklen_t len = sizeof cred;
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
         *why = std::string("no credentials: ") + strerror(errno);
         return false;
     }
-    if (cred.uid == 0 || cred.uid == geteuid() || (g_group && member_of(cred.uid, cred.gid, *g_group)))
+    if (pid)
+        *pid = cred.pid;
+    if (cred.uid == 0 || cred.uid == self || (g_group && member_of(cred.uid, cred.gid, *g_group)))
         return true;
     *why = "uid " + std::to_string(cred.uid) + " (pid " + std::to_string(cred.pid) + ")";
     return false;
 }
 
-bool admit_peer(int fd, Handset &h)
+bool admit_peer(int fd, Handset &h, pid_t *pid)
 {
     std::string why;
-    if (peer_trusted(fd, &why))
+    if (peer_trusted(fd, &why, pid))
         return true;
     close(fd);
     h.note(kLogWarn, "connection refused: " + why + " is neither root nor the daemon's user");

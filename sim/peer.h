@@ -17,11 +17,11 @@ class Handset;
 void allow_peer_group(std::optional<gid_t> gid);
 
 // Whether the connected peer on `fd` may be served; `why` says who it is
-// when not.
-bool peer_trusted(int fd, std::string *why);
+// when not. `pid`, when given, gets the peer's process id.
+bool peer_trusted(int fd, std::string *why, pid_t *pid = nullptr);
 
 // peer_trusted for a freshly accepted connection: a refused peer's
 // descriptor is closed and the refusal noted in the handset log.
-bool admit_peer(int fd, Handset &h);
+bool admit_peer(int fd, Handset &h, pid_t *pid = nullptr);
 
 } // namespace kvn_sim

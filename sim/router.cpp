@@ -188,8 +188,9 @@ void Router::accept_clients()
     for (int i = 0; i < 64; ++i) {
         int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd >= 0) {
-            if (admit_peer(fd, h_))
-                admit(fd);
+            pid_t pid = 0;
+            if (admit_peer(fd, h_, &pid))
+                admit(fd, pid);
             continue;
         }
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
@@ -203,13 +204,10 @@ void Router::accept_clients()
     }
 }
 
-void Router::admit(int fd)
+void Router::admit(int fd, pid_t pid)
 {
     auto c = std::make_unique<Conn>();
-    ucred cred{};
-    socklen_t len = sizeof cred;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0)
-        c->pid = cred.pid;
+    c->pid = pid;
     if (c->pid > 0) {
         size_t same = 0;
         for (auto &[id, o] : conns_)

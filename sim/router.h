@@ -119,7 +119,7 @@ public:
 private:
     struct Conn;
     void accept_clients();
-    void admit(int fd);
+    void admit(int fd, pid_t pid); // pid: the peer's, from its credentials (0 when unknown)
     void read_from(Conn &c);
     // Sets the loop's interest in each descriptor to what it now needs.
     void update_interest();
