@@ -123,10 +123,11 @@ std::optional<Packet> read_packet(int fd, int timeout_ms);
 std::optional<Packet> exchange(const std::string &path, const Header &h,
                                const std::vector<uint8_t> &payload, int timeout_ms);
 
-// The monotonic clock read by a plain system call. Clients of the handset
-// run for milliseconds and read the clock a few times; the vDSO's faster read
-// would first fault in two pages, each costing more than all the calls. Its
-// time points are steady_clock's, so they serve wait_until as they are.
+// The monotonic clock, read by a plain system call for a process's first
+// reads. Clients of the handset mostly run for milliseconds and read the clock
+// a few times; the vDSO's faster read would first fault in two pages, each
+// costing more than all those calls. Its time points are steady_clock's, so
+// they serve wait_until as they are.
 struct MonoClock {
     using duration = std::chrono::steady_clock::duration;
     using rep = duration::rep;
