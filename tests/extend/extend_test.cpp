@@ -136,7 +136,9 @@ TEST_F(ExtendSimTest, ArgumentChecksAndTheFullPayload)
     };
     for (auto [data, req_len, cap, message] : cases) {
         int rc = 0;
-        std::string text = captured([&] { rc = pelmox_extend_qmi_send_sync(9, data, req_len, out.data(), &cap); });
+        std::string text = captured([&, data = data, req_len = req_len, cap = cap]() mutable {
+            rc = pelmox_extend_qmi_send_sync(9, data, req_len, out.data(), &cap);
+        });
         EXPECT_EQ(rc, -1) << message;
         EXPECT_NE(text.find(message), std::string::npos) << text;
     }
