@@ -8,8 +8,8 @@
 
 #include <pthread.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 
