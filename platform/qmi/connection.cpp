@@ -66,6 +66,7 @@ bool Connection::send(const kvn_wire::Header &h, const uint8_t *payload, size_t 
         sent = sizeof head;
     }
     sent -= sizeof head;
+    just_sent_.store(true, std::memory_order_relaxed);
     return sent == len || kvn_wire::write_all(fd_, payload + sent, len - sent);
 }
 
@@ -120,17 +121,19 @@ Channel::Got Connection::receive(kvn_wire::Packet *out, int first_ms, int rest_m
             }
         }
         make_room(need);
-        ssize_t n = ::recv(fd_, buf_.get() + end_, cap_ - end_, MSG_DONTWAIT);
-        if (n > 0) {
-            end_ += static_cast<size_t>(n);
-            continue;
+        if (!just_sent_.exchange(false, std::memory_order_relaxed)) {
+            ssize_t n = ::recv(fd_, buf_.get() + end_, cap_ - end_, MSG_DONTWAIT);
+            if (n > 0) {
+                end_ += static_cast<size_t>(n);
+                continue;
+            }
+            if (n == 0)
+                return Got::Lost;
+            if (errno == EINTR)
+                continue;
+            if (errno != EAGAIN && errno != EWOULDBLOCK)
+                return Got::Lost;
         }
-        if (n == 0)
-            return Got::Lost;
-        if (errno == EINTR)
-            continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK)
-            return Got::Lost;
         // Nothing there yet: wait for it, as long as this part of the packet may take.
         const bool started = end_ > begin_;
         auto &deadline = started ? rest_deadline : first_deadline;

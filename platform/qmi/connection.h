@@ -8,6 +8,7 @@
 #include "channel.h"
 #include "kvn_wire.h"
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -38,7 +39,8 @@ public:
 
     // Reads the next packet: waits at most first_ms (-1: no limit) for its
     // first byte, then rest_ms for the rest. Reads what is there before it
-    // waits.
+    // waits, except right after a send: the reply cannot be there yet, so it
+    // waits first rather than make a read that finds nothing.
     using Channel::receive;
     Got receive(kvn_wire::Packet *out, int first_ms, int rest_ms) override;
     bool has_packet() const override;
@@ -52,6 +54,7 @@ private:
 
     int fd_;
     std::mutex write_mu_;
+    std::atomic<bool> just_sent_{false}; // a packet went out since the last wait
     std::unique_ptr<uint8_t[]> buf_; // bytes read and not yet handed out: [begin_, end_)
     size_t cap_ = 0, begin_ = 0, end_ = 0;
 };
