@@ -320,13 +320,11 @@ const std::pair<const char *, Op> kOps[] = {
          auto sub = c.sub();
          auto p = c.path();
          auto offset = c.num_or("offset", 0, 0, ModemStore::kMaxEfsFile);
-         auto size = c.h.store.efs_size(sub, p);
-         if (!size)
-             fail(p + ": no such file");
-         auto data = c.h.store.efs_read(sub, p, offset, kControlPageBytes);
+         uint64_t size = 0;
+         auto data = c.h.store.efs_read(sub, p, offset, kControlPageBytes, &size);
          if (!data)
-             fail(p + ": cannot be read");
-         return json{{"size", *size}, {"hex", to_hex(*data)}};
+             fail(p + ": no such file");
+         return json{{"size", size}, {"hex", to_hex(*data)}};
      }},
     {"efs_put", [](Ctx &c) {
          std::optional<Bytes> data;

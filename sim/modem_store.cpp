@@ -74,6 +74,10 @@ bool ModemStore::init(std::string *err)
         nv_fd_[s] = dir(nv_dir(s), false);
         if (!nv_fd_[s])
             return fail(nv_dir(s));
+        // EFS files are read a chunk per request: their root stays open too.
+        efs_fd_[s] = dir("efs/sub" + std::to_string(s), false);
+        if (!efs_fd_[s])
+            return fail("efs/sub" + std::to_string(s));
     }
     tmp_fd_ = dir(kTempDir, true);
     if (!tmp_fd_)
@@ -183,32 +187,42 @@ std::pair<std::string, std::string> ModemStore::efs_split(unsigned sub, const st
     return {"efs/sub" + std::to_string(sub) + path.substr(0, slash), path.substr(slash + 1, end - slash)};
 }
 
-std::optional<uint64_t> ModemStore::efs_size(unsigned sub, const std::string &path) const
+UniqueFd ModemStore::efs_parent(unsigned sub, const std::string &path, std::string *name) const
 {
     if (sub >= kSubs || !efs_path_ok(path))
-        return std::nullopt;
-    auto [rel, name] = efs_split(sub, path);
-    auto d = dir(rel, false);
+        return UniqueFd();
+    size_t end = path.find_last_not_of('/');
+    size_t slash = path.rfind('/', end);
+    *name = path.substr(slash + 1, end - slash);
+    return open_dir_beneath(efs_fd_[sub].get(), std::string_view(path).substr(0, slash), false);
+}
+
+std::optional<uint64_t> ModemStore::efs_size(unsigned sub, const std::string &path) const
+{
+    std::string name;
+    auto d = efs_parent(sub, path, &name);
     struct stat st;
     if (!d || !stat_at(d.get(), name, &st) || !S_ISREG(st.st_mode))
         return std::nullopt;
     return static_cast<uint64_t>(st.st_size);
 }
 
-std::optional<Bytes> ModemStore::efs_read(unsigned sub, const std::string &path, uint64_t offset, size_t len) const
+std::optional<Bytes> ModemStore::efs_read(unsigned sub, const std::string &path, uint64_t offset, size_t len,
+                                          uint64_t *size) const
 {
-    if (sub >= kSubs || !efs_path_ok(path))
-        return std::nullopt;
-    auto [rel, name] = efs_split(sub, path);
-    auto d = dir(rel, false);
+    std::string name;
+    auto d = efs_parent(sub, path, &name);
     UniqueFd fd(d ? openat(d.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC) : -1);
     struct stat st;
     if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
         return std::nullopt;
-    Bytes out(len);
+    const auto file_size = static_cast<uint64_t>(st.st_size);
+    if (size)
+        *size = file_size;
+    Bytes out(offset < file_size ? static_cast<size_t>(std::min<uint64_t>(len, file_size - offset)) : 0);
     size_t got = 0;
-    while (got < len && offset + got < static_cast<uint64_t>(st.st_size)) {
-        ssize_t n = pread(fd.get(), out.data() + got, len - got, static_cast<off_t>(offset + got));
+    while (got < out.size()) {
+        ssize_t n = pread(fd.get(), out.data() + got, out.size() - got, static_cast<off_t>(offset + got));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)

@@ -42,8 +42,10 @@ public:
     // or ".." component, no NUL, and names something below the root.
     static bool efs_path_ok(const std::string &path, std::string *why = nullptr);
     std::optional<uint64_t> efs_size(unsigned sub, const std::string &path) const;
-    // Up to `len` bytes from `offset`; nullopt when the file is missing.
-    std::optional<Bytes> efs_read(unsigned sub, const std::string &path, uint64_t offset, size_t len) const;
+    // Up to `len` bytes from `offset` (none when `offset` is at or past the
+    // end) and the file's size in *size; nullopt when the file is missing.
+    std::optional<Bytes> efs_read(unsigned sub, const std::string &path, uint64_t offset, size_t len,
+                                  uint64_t *size = nullptr) const;
     bool efs_put(unsigned sub, const std::string &path, const Bytes &data, std::string *err);
     bool efs_rm(unsigned sub, const std::string &path);
     // Files at or below `path`, as EFS paths with their sizes, sorted.
@@ -71,10 +73,14 @@ private:
     static std::string nv_dir(unsigned sub) { return "nv/sub" + std::to_string(sub); }
     // The directory part of an EFS path (beneath the state directory) and its file name.
     static std::pair<std::string, std::string> efs_split(unsigned sub, const std::string &path);
+    // The directory holding an existing EFS path's file, opened from the
+    // subscription's EFS root down (no links), and the file's name in *name.
+    UniqueFd efs_parent(unsigned sub, const std::string &path, std::string *name) const;
 
     std::filesystem::path root_, tmp_;
     UniqueFd root_fd_, tmp_fd_;
     UniqueFd nv_fd_[kSubs]; // nv/sub0, nv/sub1, open from init() on
+    UniqueFd efs_fd_[kSubs]; // efs/sub0, efs/sub1: an EFS read of a chunk walks only the path's own directories
     // NV items as last read or written (nullopt: known absent). Every NV
     // change goes through this store, so the copy stays true; it is dropped
     // whole when it holds kNvCacheMax items.

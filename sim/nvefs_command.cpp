@@ -125,23 +125,18 @@ void NvEfsCommand::nv_delete(const Request &rq, Bytes &reply)
 
 void NvEfsCommand::efs_read(const Request &rq, Bytes &reply)
 {
-    auto size = store_.efs_size(rq.sub, rq.path);
-    if (!size) {
-        set_result(reply, kNoFile);
-        return;
-    }
-    if (rq.position > *size) {
-        log_("EFS read of " + rq.path + " at " + std::to_string(rq.position) + " past its end");
-        set_result(reply, kBadPosition);
-        return;
-    }
-    size_t want = static_cast<size_t>(std::min<uint64_t>(*size - rq.position, read_chunk_));
-    auto chunk = store_.efs_read(rq.sub, rq.path, rq.position, want);
+    uint64_t size = 0;
+    auto chunk = store_.efs_read(rq.sub, rq.path, rq.position, read_chunk_, &size);
     if (!chunk) {
         set_result(reply, kNoFile);
         return;
     }
-    put_u32(&reply[4], static_cast<uint32_t>(*size));
+    if (rq.position > size) {
+        log_("EFS read of " + rq.path + " at " + std::to_string(rq.position) + " past its end");
+        set_result(reply, kBadPosition);
+        return;
+    }
+    put_u32(&reply[4], static_cast<uint32_t>(size));
     put_u32(&reply[8], static_cast<uint32_t>(chunk->size()));
     std::copy(chunk->begin(), chunk->end(), reply.begin() + kReplyData);
 }
