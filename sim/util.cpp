@@ -190,9 +190,9 @@ std::optional<Bytes> read_file_at(int dir, const std::string &name, size_t max_s
 
 UniqueFd open_dir_beneath(int base, std::string_view rel, bool create)
 {
-    UniqueFd cur(fcntl(base, F_DUPFD_CLOEXEC, 0));
+    UniqueFd cur; // invalid while still at `base`
     size_t pos = 0;
-    while (cur && pos < rel.size()) {
+    while (pos < rel.size()) {
         size_t end = std::min(rel.find('/', pos), rel.size());
         std::string name(rel.substr(pos, end - pos));
         pos = end + 1;
@@ -202,19 +202,23 @@ UniqueFd open_dir_beneath(int base, std::string_view rel, bool create)
             errno = EINVAL;
             return UniqueFd();
         }
+        const int at = cur ? cur.get() : base;
         const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-        int fd = openat(cur.get(), name.c_str(), flags);
+        int fd = openat(at, name.c_str(), flags);
         if (fd < 0 && errno == ENOENT && create) {
-            bool made = mkdirat(cur.get(), name.c_str(), 0700) == 0;
+            bool made = mkdirat(at, name.c_str(), 0700) == 0;
             if (!made && errno != EEXIST)
                 return UniqueFd();
-            fd = openat(cur.get(), name.c_str(), flags);
+            fd = openat(at, name.c_str(), flags);
             if (made && fd >= 0)
                 fchmod(fd, 0700); // the umask may have taken owner bits away
         }
+        if (fd < 0)
+            return UniqueFd();
         cur.reset(fd);
     }
-    return cur;
+    // No component: the base itself, as a descriptor of the caller's own.
+    return cur ? std::move(cur) : UniqueFd(fcntl(base, F_DUPFD_CLOEXEC, 0));
 }
 
 UniqueFd open_private_dir(const fs::path &path, bool create, std::string *err)
