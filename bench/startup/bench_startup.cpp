@@ -42,7 +42,7 @@ extern char **environ;
 namespace {
 
 struct Cost {
-    double wall_us = 0, cpu_us = 0;
+    double wall_us = 0, cpu_us = 0, faults = 0; // faults: minor page faults of the run
 };
 
 struct Program {
@@ -79,6 +79,7 @@ bool run(const std::vector<std::string> &argv, Cost *cost, int out_fd = -1)
     const auto t1 = std::chrono::steady_clock::now();
     cost->wall_us = std::chrono::duration<double, std::micro>(t1 - t0).count();
     cost->cpu_us = double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) * 1e6 + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec);
+    cost->faults = double(ru.ru_minflt + ru.ru_majflt);
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
@@ -244,12 +245,14 @@ bool run_case(Case &c)
     }
     printf("\nMedians: ");
     for (const auto &p : c.progs) {
-        std::vector<double> w, cp;
+        std::vector<double> w, cp, pf;
         for (const auto &x : p.runs) {
             w.push_back(x.wall_us);
             cp.push_back(x.cpu_us);
+            pf.push_back(x.faults);
         }
-        printf("%s %.0f us wall, %.0f us CPU; ", p.label.c_str(), pct(w, 0.5), pct(cp, 0.5));
+        printf("%s %.0f us wall, %.0f us CPU, %.0f page faults; ", p.label.c_str(), pct(w, 0.5), pct(cp, 0.5),
+               pct(pf, 0.5));
     }
     printf("\n\n");
     // One line per figure for scripts/bench's summary table.
