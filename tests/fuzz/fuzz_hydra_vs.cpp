@@ -1,6 +1,5 @@
-// fuzz_hydra_vs.cpp - libFuzzer target over what the statistics layer reads from the modem. Byte 0 picks the path,
-// byte 1 the message or statistic: the vendor statistics decoder then the event builder (into exactly the largest
-// event's size), the builder over any record whatever its counts, or the group-9 printers over exactly the bytes.
+// fuzz_hydra_vs.cpp - libFuzzer target over what the statistics layer reads from the modem. Byte 0 picks decoder
+// then event builder, builder over any record, or group-9 printers over exactly the bytes; byte 1 the message.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

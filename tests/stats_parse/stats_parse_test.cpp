@@ -47,8 +47,6 @@ int set_bit(int32_t len, int32_t bit)
     return UNPK_SET_BIT(bit);
 }
 
-/* ---- the unpacker ---- */
-
 TEST(Unpk, BoundChecksPrintTheirNumbersAndFail)
 {
     const struct {
@@ -115,8 +113,6 @@ TEST(Unpk, LargeLowWindows)
         EXPECT_EQ(st().g_unpk_new_val, c.want);
     }
 }
-
-/* ---- the record parser ---- */
 
 // Field values and where each layout puts them (bit starts after the version).
 struct FieldVal {
@@ -194,8 +190,6 @@ TEST(Parse, LayoutsFillTheRecordAndFailuresLeaveIt)
               "MODEM_STATS_DATA_UNPK_START, payload is NULL, id(0x21)\n");
     EXPECT_EQ(last_record(), want);
 }
-
-/* ---- debug-block printers ---- */
 
 // Section lengths per version are pinned end to end by the cursor lines of group 7 sub-command 1.
 TEST(DebugBlock, NullPointers)
