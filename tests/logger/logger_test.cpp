@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <set>
@@ -16,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "../shell/stdout_of.h"
 #include "pelmox_test_mbn.h"
 #include "qcril_logger.h"
 #include "qcril_memory_management.h"
@@ -50,13 +50,7 @@ Probe probe_default("probe:default");
 using qti::ril::logger::Logger;
 using qti::ril::logger::LogLevel;
 
-template <class F> std::string captured(F &&f)
-{
-    testing::internal::CaptureStdout();
-    f();
-    std::fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+using kvn_test::stdout_of;
 
 // MBN record, allocator lock, logger state; no test sets anything up, so every logger line below also shows the
 // logger has its back end when main starts.
@@ -65,7 +59,7 @@ TEST(StartupOrder, MbnRecordThenAllocatorLockThenLogger)
     const std::vector<std::string> want = {"probe:first", "mbn_info", "probe:after-mbn", "memory",
                                            "probe:after-memory", "logger", "probe:after-logger", "probe:default"};
     EXPECT_EQ(std::vector<std::string>(g_order, g_order + g_order_count), want);
-    captured([] { EXPECT_EQ(pelmox_test_mbn_pdc_init(0), -1); }); // links the MBN unit in
+    stdout_of([] { EXPECT_EQ(pelmox_test_mbn_pdc_init(0), -1); }); // links the MBN unit in
 }
 
 // Each level's label padded to ten; printf's count returned; a message cut to its first 1023 characters.
@@ -75,13 +69,13 @@ TEST(Logger, LabelsCountsAndCut)
                             "WARN      ", "HIGH      ", "FATAL     ", "MAX       "};
     for (unsigned level = 0; level < 8; ++level) {
         int ret = 0;
-        const std::string out = captured([&] { ret = Logger::log(static_cast<LogLevel>(level), "tag", "n=%d", 42); });
+        const std::string out = stdout_of([&] { ret = Logger::log(static_cast<LogLevel>(level), "tag", "n=%d", 42); });
         EXPECT_EQ(out, std::string("[") + labels[level] + ":tag]: n=42\n");
         EXPECT_EQ(ret, static_cast<int>(out.size()));
     }
     const std::string kept = std::string(1022, 'a') + 'b';
     for (const std::string &m : {kept, kept + std::string(977, 'c')})
-        EXPECT_EQ(captured([&] { Logger::log(LogLevel::Info, "t", "%s", m.c_str()); }),
+        EXPECT_EQ(stdout_of([&] { Logger::log(LogLevel::Info, "t", "%s", m.c_str()); }),
                   "[INFO      :t]: " + kept + "\n");
 }
 
@@ -98,7 +92,7 @@ TEST(Logger, EachThreadFormatsIntoItsOwnBuffer)
     const auto message = [](int t, int i) {
         return std::to_string(t) + ":" + std::string(300, char('A' + t)) + ":" + std::to_string(i);
     };
-    std::istringstream out(captured([&] {
+    std::istringstream out(stdout_of([&] {
         std::vector<std::jthread> threads; // joined when it goes, before the capture ends
         for (int t = 0; t < 4; ++t)
             threads.emplace_back([&, t] {
@@ -130,7 +124,7 @@ TEST(Allocator, ZeroFilledBlocksAndTheFailureReport)
     qcril_free_adv(nullptr, __func__, __LINE__); // ignored; a real free of junk would trip the sanitizers
     void *block = &block;
     pid_t tid = 0;
-    const std::string out = captured([&] {
+    const std::string out = stdout_of([&] {
         std::jthread th([&] {
             pthread_setname_np(pthread_self(), "uim-req");
             tid = static_cast<pid_t>(syscall(SYS_gettid));

@@ -26,6 +26,7 @@
 #include "pelmox_utils.h"
 #include "process.h"
 #include "sim_handset.h"
+#include "stdout_of.h"
 
 namespace {
 
@@ -67,15 +68,9 @@ extern "C" int property_get(const char *key, char *value, const char *default_va
 
 namespace {
 
-const char *const k_flag_envs[] = {"PELMOX_SHELL_PRINT_FLAG", "PELMOX_PRINT_FLAG"};
+using kvn_test::stdout_of;
 
-template <class F> std::string stdout_of(F &&f)
-{
-    testing::internal::CaptureStdout();
-    f();
-    std::fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+const char *const k_flag_envs[] = {"PELMOX_SHELL_PRINT_FLAG", "PELMOX_PRINT_FLAG"};
 
 const std::string k_too_few = "\nnote: Too few parameters, Pls refer to the following cmd:\n";
 
