@@ -11,13 +11,9 @@
 #include "vs_client.h"
 #include "vs_service_v01.h"
 
-namespace {
-
 // Responses first, then the indications the event builder takes.
 const uint16_t kMsgs[] = {0x0207, 0x0003, 0x0004, 0x0203, 0x0204, 0x0601};
 const uint32_t kStats[] = {82, 103, 108, 94, 112, 113, 135, 6, 7, 110, 111, 100, 1};
-
-} // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {

@@ -6,10 +6,8 @@
 
 using namespace kvn_sim;
 
-namespace {
-
 // Pieces: one byte (connection in the low 2 bits, length in the rest), then the bytes; replies taken in between.
-void packets(Router &r, const uint8_t *p, size_t n)
+static void packets(Router &r, const uint8_t *p, size_t n)
 {
     uint64_t conns[3] = {r.open_local(), r.open_local(), r.open_local()};
     while (n >= 1) {
@@ -28,7 +26,7 @@ void packets(Router &r, const uint8_t *p, size_t n)
     }
 }
 
-void property(const kvn_sim_fuzz::World &w, const uint8_t *p, size_t n)
+static void property(const kvn_sim_fuzz::World &w, const uint8_t *p, size_t n)
 {
     const std::string in(reinterpret_cast<const char *>(p), n);
     const size_t nul = in.find('\0');
@@ -41,8 +39,6 @@ void property(const kvn_sim_fuzz::World &w, const uint8_t *p, size_t n)
     if (!again.load(&err) || again.get(key) != value)
         __builtin_trap();
 }
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -28,8 +28,6 @@
 #include "sim_handset.h"
 #include "stdout_of.h"
 
-namespace {
-
 using LogLine = std::tuple<int, std::string, std::string>; // priority, tag, text
 
 // What the fakes record and answer: a function static, as the library may log before this file's globals exist.
@@ -37,13 +35,11 @@ struct Android {
     std::vector<LogLine> log;
     std::map<std::string, std::string> props;
 };
-Android &android()
+static Android &android()
 {
     static Android a;
     return a;
 }
-
-} // namespace
 
 // Recording stand-ins linked instead of the host library's versions; trace line numbers are masked.
 extern "C" int __android_log_print(int prio, const char *tag, const char *fmt, ...)
@@ -85,12 +81,9 @@ Traces pdc_traces(int force_init)
 {
     return {{"pdc_init", "function entry ------------->"},
             {"pdc_init", "start pelmox pdc init, g_pdc_init_status = -1, force_init = " + std::to_string(force_init)},
-            {"pdc_init", "pdc init failed"},
-            {"pdc_init", "function exit <-------------"},
+            {"pdc_init", "pdc init failed"}, {"pdc_init", "function exit <-------------"},
             {"do", "pdc init failed, do nothing"}};
 }
-
-/* ---- in-process ---- */
 
 // Each test starts with no environment, no property, no override and an empty log.
 class Shell : public testing::Test {
@@ -179,8 +172,7 @@ TEST_F(Shell, PrintFlagPrecedenceAndParsing)
         {"3", "5", 0, 0, 0},            {"3", "5", 0x101, 0x101, 0x101},  {"4", "5", -1, 4, 4},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << "env " << (c.env ? c.env : "(unset)") << " property "
-                                        << (c.prop ? c.prop : "(unset)") << " global " << c.global);
+        SCOPED_TRACE("row " + std::to_string(&c - cases));
         for (const char *var : k_flag_envs)
             c.env ? setenv(var, c.env, 1) : unsetenv(var);
         using Props = std::map<std::string, std::string>;
@@ -255,31 +247,9 @@ TEST_F(Shell, Group10LogTracesFollowTheLowByteOfTheLogFlag)
     EXPECT_EQ(android().log, std::vector<LogLine>(direct.begin(), direct.end() - 1));
 }
 
-/* ---- the built kvn as a process ---- */
-
 using Args = std::vector<std::string>;
 
-// kvn with the shell print flag pinned, the log flag off and no handset (so no running one's properties leak in).
-kvn_test::ProcessResult kvn(const Args &args, const char *shell_flag)
-{
-    Args argv = kvn_test::kvn_command();
-    argv.insert(argv.end(), args.begin(), args.end());
-    kvn_test::ProcessOptions opt;
-    opt.env = {{"PELMOX_SHELL_PRINT_FLAG", shell_flag},
-               {"PELMOX_PRINT_FLAG", "0"},
-               {"KVN_SIM_SOCKET", "/nonexistent/kvn-sim.sock"}};
-    return kvn_test::run_process(argv, opt);
-}
-
-// The terminal form of the group-10 traces, line numbers masked.
 const std::string k_pdc_init = "RIL[pelmox_test_mbn_pdc_init:";
-std::string pdc_terminal()
-{
-    std::string out;
-    for (const auto &[fn, text] : pdc_traces(0))
-        out += "RIL[pelmox_test_mbn_" + fn + ":N]: " + text + "\n";
-    return out;
-}
 
 struct Case {
     Args args;
@@ -291,6 +261,9 @@ std::vector<Case> cases()
 {
     using help_text::for_group;
     std::vector<Case> out;
+    std::string pdc; // the terminal form of the group-10 traces
+    for (const auto &[fn, text] : pdc_traces(0))
+        pdc += "RIL[pelmox_test_mbn_" + fn + ":N]: " + text + "\n";
     // A missing or unknown group prints the full help.
     for (const Args &a : {Args{}, Args{"12"}, Args{"abc"}, Args{"0"}, Args{"-5"}, Args{"99", "1", "2"}})
         out.push_back({a, for_group(0), for_group(0)});
@@ -303,7 +276,7 @@ std::vector<Case> cases()
     // Group 10 does not read argument 2, and extra arguments do not matter.
     for (const Args &a :
          {Args{"10", "0", "1"}, Args{"10", "0", "2"}, Args{"10", "0", "3"}, Args{"10", "junk", "2", "extra"}})
-        out.push_back({a, pdc_terminal() + for_group(10), for_group(10)});
+        out.push_back({a, pdc + for_group(10), for_group(10)});
     // Its argument notes do not follow the shell flag.
     for (const char *mask : {"4", "0", "-2"}) {
         const std::string note = "\nnote: sub_mask(" + std::string(mask) + ") is invalid:\n" + for_group(10);
@@ -319,7 +292,12 @@ TEST(KvnDispatch, EveryCaseInBothShellFlagStates)
     for (const Case &c : cases()) {
         for (const char *flag : {"1", "0", "0x100"}) {
             SCOPED_TRACE(testing::PrintToString(c.args) + " shell flag " + flag);
-            kvn_test::ProcessResult r = kvn(c.args, flag);
+            // The log flag off and no handset, so no running one's properties leak in.
+            Args argv = kvn_test::kvn_command();
+            argv.insert(argv.end(), c.args.begin(), c.args.end());
+            const auto r = kvn_test::run_process(argv, {.env = {{"PELMOX_SHELL_PRINT_FLAG", flag},
+                                                                {"PELMOX_PRINT_FLAG", "0"},
+                                                                {"KVN_SIM_SOCKET", "/nonexistent/kvn-sim.sock"}}});
             EXPECT_EQ(std::tuple(r.timed_out, r.exit_code, kvn_test::mask_trace_lines(r.out), r.err),
                       std::tuple(false, 0, std::string(flag) == "1" ? c.on : c.off, std::string()));
             // Unmasked, the traces of one function come from increasing source lines.
