@@ -24,8 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const size_t n = size - 1;
     modem_stats_unpk_get_state()->g_unpk_print_flag = data[0] & 1;
     std::unique_ptr<uint8_t[]> rec(new uint8_t[n + MODEM_STATS_UNPK_PAD]());
-    if (n)
-        std::memcpy(rec.get(), body, n);
+    std::memcpy(rec.get(), body, n);
     pelmox_test_modem_stats_parsing_process_do(data[0], rec.get(), static_cast<uint32_t>(n + MODEM_STATS_UNPK_PAD));
     const modem_stats_single_data_common_type *last = modem_stats_parse_last();
     if (last->data && last->len != MODEM_STATS_CELL_RECORD_LEN)

@@ -79,12 +79,6 @@ TEST(Logger, LabelsCountsAndCut)
                   "[INFO      :t]: " + kept + "\n");
 }
 
-TEST(LoggerDeathTest, LevelEightOrMoreAborts)
-{
-    EXPECT_DEATH(Logger::log(static_cast<LogLevel>(8), "t", "x"), "");
-    EXPECT_DEATH(Logger::log(static_cast<LogLevel>(0xFFFFFFFFu), "t", "x"), "");
-}
-
 // Every line is one thread's message, whole and unmixed.
 TEST(Logger, EachThreadFormatsIntoItsOwnBuffer)
 {

@@ -106,9 +106,8 @@ TEST_F(Shell, ShowHelpEveryGroupAndOutOfRangeGroups)
     }
 }
 
-// pelmox_string_to_int: atoi (stops at a non-digit), or hex after a leading 0x/0X. pelmox_hex_string_to_int: every
-// character is a digit position, up to fifty (the fiftieth is the units place). In hex a non-digit, even a sign,
-// counts 0; a place past 2^31 saturates and the sum wraps.
+// pelmox_string_to_int: atoi, or hex after 0x/0X. pelmox_hex_string_to_int: each character a digit place, the
+// fiftieth the units. In hex a non-digit, even a sign, counts 0; a place past 2^31 saturates and the sum wraps.
 TEST_F(Shell, Conversions)
 {
     const std::string fifty = std::string(49, '0') + "1";
