@@ -1,5 +1,5 @@
-// logger_test.cpp - the RIL logger (labels, cut, bad level, per-thread buffers), the zero-filling allocator and its
-// failure report, and the order in which the tool's process-wide objects are built before main.
+// logger_test.cpp - the RIL logger (labels, cut, per-thread buffers), the zero-filling allocator and its failure
+// report, and the order in which the tool's process-wide objects are built before main.
 #include <gtest/gtest.h>
 
 #include <pthread.h>
