@@ -1,6 +1,5 @@
-// fuzz_hydra_vs.cpp - libFuzzer target over what the statistics layer reads from the modem. Byte 0 picks the path,
-// byte 1 the message or statistic: the vendor statistics decoder then the event builder (into exactly the largest
-// event's size), the builder over any record whatever its counts, or the group-9 printers over exactly the bytes.
+// fuzz_hydra_vs.cpp - libFuzzer target over what the statistics layer reads from the modem. Byte 0 picks decoder
+// then event builder, builder over any record, or group-9 printers over exactly the bytes; byte 1 the message.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -12,13 +11,9 @@
 #include "vs_client.h"
 #include "vs_service_v01.h"
 
-namespace {
-
 // Responses first, then the indications the event builder takes.
 const uint16_t kMsgs[] = {0x0207, 0x0003, 0x0004, 0x0203, 0x0204, 0x0601};
 const uint32_t kStats[] = {82, 103, 108, 94, 112, 113, 135, 6, 7, 110, 111, 100, 1};
-
-} // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {

@@ -1,17 +1,13 @@
-// fuzz_sim_packets.cpp - libFuzzer target over kvn-sim's request handling without sockets. Byte 0 picks what the
-// rest is: 0 a packet stream cut into pieces over three connections (framing, CONNECT/WATCH/LIST, QMI to every
-// service, NV/EFS, properties, log, control), replies taken in between; 1 an NV/EFS command-2 payload; 2 a control
-// request (JSON); 3 a property write "key\0value", which must read back byte for byte from its file when persistent.
-// After each input the handset is put back: services up, faults cleared.
+// fuzz_sim_packets.cpp - libFuzzer target over kvn-sim's request handling without sockets. Byte 0 picks the rest:
+// packets over three connections, an NV/EFS payload, a control request (JSON) or a property write "key\0value"
+// (read back byte for byte from its file when persistent). After each input services are up, faults cleared.
 #include "control.h"
 #include "fuzz_sim.h"
 
 using namespace kvn_sim;
 
-namespace {
-
-// Pieces: one byte (connection in the low 2 bits, piece length in the rest), then the bytes.
-void packets(Router &r, const uint8_t *p, size_t n)
+// Pieces: one byte (connection in the low 2 bits, length in the rest), then the bytes; replies taken in between.
+static void packets(Router &r, const uint8_t *p, size_t n)
 {
     uint64_t conns[3] = {r.open_local(), r.open_local(), r.open_local()};
     while (n >= 1) {
@@ -30,7 +26,7 @@ void packets(Router &r, const uint8_t *p, size_t n)
     }
 }
 
-void property(const kvn_sim_fuzz::World &w, const uint8_t *p, size_t n)
+static void property(const kvn_sim_fuzz::World &w, const uint8_t *p, size_t n)
 {
     const std::string in(reinterpret_cast<const char *>(p), n);
     const size_t nul = in.find('\0');
@@ -43,8 +39,6 @@ void property(const kvn_sim_fuzz::World &w, const uint8_t *p, size_t n)
     if (!again.load(&err) || again.get(key) != value)
         __builtin_trap();
 }
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -1,6 +1,5 @@
-// fuzz_sim_qmux.cpp - libFuzzer target over kvn-sim's QMUX terminal: frame reader (resync after noise, partial
-// frames), CTL service and hand-over to every service. The reply queue must stay within its cap; after each input
-// the modem restarts, so every client id is given back.
+// fuzz_sim_qmux.cpp - libFuzzer target over kvn-sim's QMUX terminal: frame reader, CTL and every service. The reply
+// queue stays within its cap; after each input the modem restarts, so every client id is given back.
 #include <fcntl.h>
 
 #include <vector>
@@ -30,8 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     port->feed({data, size});
     if (w.h->counters.qmux_queued > QmuxPort::kOutputMax)
         __builtin_trap();
-    // Zeros complete a frame left partial (no timer runs here) and are skipped as noise after it, so the next
-    // input starts afresh.
+    // Zeros complete a frame left partial (no timer runs here), then are skipped as noise: each input starts afresh.
     static const std::vector<uint8_t> zeros(QmuxPort::kMaxQmuxLength + 6);
     drain();
     port->feed(zeros);

@@ -1,6 +1,5 @@
-// shell_test.cpp - the command shell: help, number conversions, the print-flag library and the log form of the
-// group-10 traces in-process against recording fakes of the Android log and the system properties; then the built
-// kvn as a process for group dispatch and the notes, whole outputs compared byte for byte.
+// shell_test.cpp - help, conversions, the print flags and the group-10 log traces in-process against recording
+// fakes of the Android log and properties; then group dispatch and notes with the built kvn as a process.
 #include <gtest/gtest.h>
 
 #include <android/log.h>
@@ -16,6 +15,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -26,27 +26,20 @@
 #include "pelmox_utils.h"
 #include "process.h"
 #include "sim_handset.h"
+#include "stdout_of.h"
 
-namespace {
-
-struct LogLine {
-    int prio;
-    std::string tag, text;
-    bool operator==(const LogLine &) const = default;
-};
+using LogLine = std::tuple<int, std::string, std::string>; // priority, tag, text
 
 // What the fakes record and answer: a function static, as the library may log before this file's globals exist.
 struct Android {
     std::vector<LogLine> log;
     std::map<std::string, std::string> props;
 };
-Android &android()
+static Android &android()
 {
     static Android a;
     return a;
 }
-
-} // namespace
 
 // Recording stand-ins linked instead of the host library's versions; trace line numbers are masked.
 extern "C" int __android_log_print(int prio, const char *tag, const char *fmt, ...)
@@ -71,15 +64,9 @@ extern "C" int property_get(const char *key, char *value, const char *default_va
 
 namespace {
 
-const char *const k_flag_envs[] = {"PELMOX_SHELL_PRINT_FLAG", "PELMOX_PRINT_FLAG"};
+using kvn_test::stdout_of;
 
-template <class F> std::string stdout_of(F &&f)
-{
-    testing::internal::CaptureStdout();
-    f();
-    std::fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+const char *const k_flag_envs[] = {"PELMOX_SHELL_PRINT_FLAG", "PELMOX_PRINT_FLAG"};
 
 const std::string k_too_few = "\nnote: Too few parameters, Pls refer to the following cmd:\n";
 
@@ -94,19 +81,14 @@ Traces pdc_traces(int force_init)
 {
     return {{"pdc_init", "function entry ------------->"},
             {"pdc_init", "start pelmox pdc init, g_pdc_init_status = -1, force_init = " + std::to_string(force_init)},
-            {"pdc_init", "pdc init failed"},
-            {"pdc_init", "function exit <-------------"},
+            {"pdc_init", "pdc init failed"}, {"pdc_init", "function exit <-------------"},
             {"do", "pdc init failed, do nothing"}};
 }
 
-/* ---- in-process ---- */
-
-// Each test starts and ends with no environment, no property, no override and an empty log.
+// Each test starts with no environment, no property, no override and an empty log.
 class Shell : public testing::Test {
 protected:
-    void SetUp() override { reset(); }
-    void TearDown() override { reset(); }
-    static void reset()
+    void SetUp() override
     {
         for (const char *var : k_flag_envs)
             unsetenv(var);
@@ -124,8 +106,8 @@ TEST_F(Shell, ShowHelpEveryGroupAndOutOfRangeGroups)
     }
 }
 
-// pelmox_string_to_int: atoi, or hex after a leading 0x/0X. pelmox_hex_string_to_int: every character is a digit
-// position (a non-digit counts 0), up to fifty. A place past 2^31 saturates and the sum wraps.
+// pelmox_string_to_int: atoi, or hex after 0x/0X. pelmox_hex_string_to_int: each character a digit place, the
+// fiftieth the units. In hex a non-digit, even a sign, counts 0; a place past 2^31 saturates and the sum wraps.
 TEST_F(Shell, Conversions)
 {
     const std::string fifty = std::string(49, '0') + "1";
@@ -136,17 +118,13 @@ TEST_F(Shell, Conversions)
         std::string text;
         int32_t want;
     } cases[] = {
-        {dec, "0x1A", 26}, {dec, "0X1a", 26}, {dec, "26", 26},
-        {dec, "1A", 1},                   // no prefix: decimal, stops at A
-        {dec, "0xG1", 1}, {dec, "0x-1", 1},                               // a non-digit, even a sign, is a 0 digit
-        {dec, "0xFFFFFFFF", -1879048194}, {dec, "0x80000000", 2147483647}, // a saturated place, the rest wraps the sum
-        {dec, "0x7FFFFFFF", 2147483647}, {dec, "  -42", -42}, {dec, "abc", 0}, {dec, "", 0}, {dec, "0x", 0},
-        {dec, "0y12", 0}, {dec, "00x12", 0}, {dec, "0x" + fifty + "ab", 1},
-        {hex, "", 0}, {hex, "f", 15}, {hex, "Ff", 255}, {hex, "10", 16}, {hex, "1 0", 256}, {hex, "x1", 1},
-        {hex, "zz", 0}, {hex, "7fffffff", 2147483647}, {hex, "ffffffff", -1879048194},
-        {hex, "100000000", 2147483647}, {hex, "1000000000000001", INT32_MIN}, // 16^8 saturates; + 1 wraps
-        {hex, fifty, 1}, {hex, fifty + "fff", 1}, // the fiftieth character is the units place; later ones are ignored
-        {hex, std::string(50, '0') + "7", 0},
+        {dec, "0x1A", 26}, {dec, "0X1a", 26}, {dec, "26", 26}, {dec, "1A", 1}, {dec, "0xG1", 1}, {dec, "0x-1", 1},
+        {dec, "0xFFFFFFFF", -1879048194}, {dec, "0x80000000", 2147483647}, {dec, "0x7FFFFFFF", 2147483647},
+        {dec, "  -42", -42}, {dec, "abc", 0}, {dec, "", 0}, {dec, "0x", 0}, {dec, "0y12", 0}, {dec, "00x12", 0},
+        {dec, "0x" + fifty + "ab", 1}, {hex, "", 0}, {hex, "f", 15}, {hex, "Ff", 255}, {hex, "10", 16},
+        {hex, "1 0", 256}, {hex, "x1", 1}, {hex, "zz", 0}, {hex, "7fffffff", 2147483647},
+        {hex, "ffffffff", -1879048194}, {hex, "100000000", 2147483647}, {hex, "1000000000000001", INT32_MIN},
+        {hex, fifty, 1}, {hex, fifty + "fff", 1}, {hex, std::string(50, '0') + "7", 0},
     };
     for (const auto &c : cases)
         EXPECT_EQ(c.conv(c.text.c_str()), c.want) << (c.conv == dec ? "dec \"" : "hex \"") << c.text << '"';
@@ -158,15 +136,13 @@ TEST_F(Shell, NotesFollowTheShellFlag)
 {
     char a0[] = "kvn", a1[] = "4", a2[] = "1";
     char *argv[] = {a0, a1, a2, nullptr};
-    const std::string null_note = "\ninput is null\n";
     const struct {
         std::function<int()> call;
         std::string note, always;
     } cases[] = {
-        {[] { return pelmox_string_to_int(nullptr); }, null_note, ""},
-        {[] { return pelmox_hex_string_to_int(nullptr); }, null_note, ""},
-        {[&] { return pelmox_test_cmn_do(3, argv); },
-         first_parameter_note(5), help_text::for_group(5)},
+        {[] { return pelmox_string_to_int(nullptr); }, "\ninput is null\n", ""},
+        {[] { return pelmox_hex_string_to_int(nullptr); }, "\ninput is null\n", ""},
+        {[&] { return pelmox_test_cmn_do(3, argv); }, first_parameter_note(5), help_text::for_group(5)},
     };
     for (int flag : {1, 0x100, 0, 2}) {
         for (const auto &c : cases) {
@@ -195,15 +171,13 @@ TEST_F(Shell, PrintFlagPrecedenceAndParsing)
         {"3", "5", 0, 0, 0},            {"3", "5", 0x101, 0x101, 0x101},  {"4", "5", -1, 4, 4},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << "env " << (c.env ? c.env : "(unset)") << " property "
-                                        << (c.prop ? c.prop : "(unset)") << " global " << c.global);
+        SCOPED_TRACE("row " + std::to_string(&c - cases));
         for (const char *var : k_flag_envs)
             c.env ? setenv(var, c.env, 1) : unsetenv(var);
-        android().props.clear();
-        if (c.prop) {
-            android().props["persist.vendor.pelmox.shell_print_flag"] = c.prop;
-            android().props["persist.vendor.pelmox.print_flag"] = c.prop;
-        }
+        using Props = std::map<std::string, std::string>;
+        android().props = c.prop ? Props{{"persist.vendor.pelmox.shell_print_flag", c.prop},
+                                         {"persist.vendor.pelmox.print_flag", c.prop}}
+                                 : Props{};
         g_pelmox_shell_print_flag = g_pelmox_print_flag = c.global;
         EXPECT_EQ(pelmox_utils_get_shell_print_flag(), c.shell);
         EXPECT_EQ(pelmox_utils_get_print_flag(), c.log);
@@ -261,45 +235,20 @@ TEST_F(Shell, Group10LogTracesFollowTheLowByteOfTheLogFlag)
             int rc = -1;
             const std::string out =
                 stdout_of([&] { rc = pelmox_test_mbn_do(static_cast<int>(c.args.size()), argv.data()); });
-            EXPECT_EQ(rc, 0);
-            EXPECT_EQ(kvn_test::mask_trace_lines(out), c.out);
-            EXPECT_EQ(android().log, c.runs ? logged(pdc_traces(0), (flag & 0xFF) == 1) : std::vector<LogLine>{});
+            EXPECT_EQ(std::tuple(rc, kvn_test::mask_trace_lines(out), android().log),
+                      std::tuple(0, c.out, logged(c.runs ? pdc_traces(0) : Traces{}, (flag & 0xFF) == 1)));
         }
     }
-    // Called directly, pdc init always fails and reports its argument.
-    android().log.clear();
+    android().log.clear(); // called directly, pdc init always fails and reports its argument
     g_pelmox_print_flag = 1;
     EXPECT_EQ(pelmox_test_mbn_pdc_init(200), -1);
-    Traces direct = pdc_traces(200);
-    direct.pop_back();
-    EXPECT_EQ(android().log, logged(direct, true));
+    const auto direct = logged(pdc_traces(200), true);
+    EXPECT_EQ(android().log, std::vector<LogLine>(direct.begin(), direct.end() - 1));
 }
-
-/* ---- the built kvn as a process ---- */
 
 using Args = std::vector<std::string>;
 
-// kvn with the shell print flag pinned, the log flag off and no handset (so no running one's properties leak in).
-kvn_test::ProcessResult kvn(const Args &args, const char *shell_flag)
-{
-    Args argv = kvn_test::kvn_command();
-    argv.insert(argv.end(), args.begin(), args.end());
-    kvn_test::ProcessOptions opt;
-    opt.env = {{"PELMOX_SHELL_PRINT_FLAG", shell_flag},
-               {"PELMOX_PRINT_FLAG", "0"},
-               {"KVN_SIM_SOCKET", "/nonexistent/kvn-sim.sock"}};
-    return kvn_test::run_process(argv, opt);
-}
-
-// The terminal form of the group-10 traces, line numbers masked.
 const std::string k_pdc_init = "RIL[pelmox_test_mbn_pdc_init:";
-std::string pdc_terminal()
-{
-    std::string out;
-    for (const auto &[fn, text] : pdc_traces(0))
-        out += "RIL[pelmox_test_mbn_" + fn + ":N]: " + text + "\n";
-    return out;
-}
 
 struct Case {
     Args args;
@@ -311,6 +260,9 @@ std::vector<Case> cases()
 {
     using help_text::for_group;
     std::vector<Case> out;
+    std::string pdc; // the terminal form of the group-10 traces
+    for (const auto &[fn, text] : pdc_traces(0))
+        pdc += "RIL[pelmox_test_mbn_" + fn + ":N]: " + text + "\n";
     // A missing or unknown group prints the full help.
     for (const Args &a : {Args{}, Args{"12"}, Args{"abc"}, Args{"0"}, Args{"-5"}, Args{"99", "1", "2"}})
         out.push_back({a, for_group(0), for_group(0)});
@@ -323,7 +275,7 @@ std::vector<Case> cases()
     // Group 10 does not read argument 2, and extra arguments do not matter.
     for (const Args &a :
          {Args{"10", "0", "1"}, Args{"10", "0", "2"}, Args{"10", "0", "3"}, Args{"10", "junk", "2", "extra"}})
-        out.push_back({a, pdc_terminal() + for_group(10), for_group(10)});
+        out.push_back({a, pdc + for_group(10), for_group(10)});
     // Its argument notes do not follow the shell flag.
     for (const char *mask : {"4", "0", "-2"}) {
         const std::string note = "\nnote: sub_mask(" + std::string(mask) + ") is invalid:\n" + for_group(10);
@@ -339,11 +291,14 @@ TEST(KvnDispatch, EveryCaseInBothShellFlagStates)
     for (const Case &c : cases()) {
         for (const char *flag : {"1", "0", "0x100"}) {
             SCOPED_TRACE(testing::PrintToString(c.args) + " shell flag " + flag);
-            kvn_test::ProcessResult r = kvn(c.args, flag);
-            EXPECT_FALSE(r.timed_out);
-            EXPECT_EQ(r.exit_code, 0);
-            EXPECT_EQ(kvn_test::mask_trace_lines(r.out), std::string(flag) == "1" ? c.on : c.off);
-            EXPECT_EQ(r.err, "");
+            // The log flag off and no handset, so no running one's properties leak in.
+            Args argv = kvn_test::kvn_command();
+            argv.insert(argv.end(), c.args.begin(), c.args.end());
+            const auto r = kvn_test::run_process(argv, {.env = {{"PELMOX_SHELL_PRINT_FLAG", flag},
+                                                                {"PELMOX_PRINT_FLAG", "0"},
+                                                                {"KVN_SIM_SOCKET", "/nonexistent/kvn-sim.sock"}}});
+            EXPECT_EQ(std::tuple(r.timed_out, r.exit_code, kvn_test::mask_trace_lines(r.out), r.err),
+                      std::tuple(false, 0, std::string(flag) == "1" ? c.on : c.off, std::string()));
             // Unmasked, the traces of one function come from increasing source lines.
             std::istringstream lines(r.out);
             int last = 0;

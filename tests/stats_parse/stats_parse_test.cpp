@@ -1,5 +1,5 @@
-// stats_parse_test.cpp - the unpacker, record parser and debug-block printers in-process, for what the command line
-// cannot reach: bound checks, windows no record reaches, layouts the built-in sample lacks, null pointers.
+// stats_parse_test.cpp - the unpacker and record parser in-process, for what the command line cannot reach: the
+// bound checks on the modem's bytes and the layouts the built-in sample lacks.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,19 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "../shell/stdout_of.h"
 #include "modem_stats_parse.h"
 #include "modem_stats_unpk.h"
 #include "pelmox_test_stats_parse.h"
 
 namespace {
 
-std::string captured(const std::function<void()> &f)
-{
-    testing::internal::CaptureStdout();
-    f();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+using kvn_test::stdout_of;
 
 modem_stats_unpk_state &st() { return *modem_stats_unpk_get_state(); }
 
@@ -30,8 +25,6 @@ void fresh()
     modem_stats_unpk_reset(0, buf.data(), static_cast<uint32_t>(buf.size()));
     st().g_unpk_print_flag = 0;
 }
-
-int mid(int32_t low, int32_t high, int size) { return UNPK_MID(low, high, "f", size); }
 
 int read_at(int32_t base, int32_t cnt)
 {
@@ -46,8 +39,6 @@ int set_bit(int32_t len, int32_t bit)
     st().g_unpk_data_len = len;
     return UNPK_SET_BIT(bit);
 }
-
-/* ---- the unpacker ---- */
 
 TEST(Unpk, BoundChecksPrintTheirNumbersAndFail)
 {
@@ -68,16 +59,6 @@ TEST(Unpk, BoundChecksPrintTheirNumbersAndFail)
          "UNPK_SET_BIT, pos(-2) should be[0, 2000), id(0x0)"},
         {"set bit at data_len", [] { return set_bit(10, 80); }, "UNPK_SET_BIT, pos(10) should be[0, 10), id(0x0)"},
         {"set bit below data_len", [] { return set_bit(10, 79); }, ""},
-        {"low 1 high 65", [] { return mid(1, 65, 8); }, "UNPK_MID, high(65) should be in [1, 64] for f, id(0x0)"},
-        {"low 2 high 65", [] { return mid(2, 65, 8); }, ""},
-        {"low 0", [] { return mid(0, 8, 8); }, "UNPK_MID, low(0) should be in [1, 128] for f, id(0x0)"},
-        {"low 129", [] { return mid(129, 130, 8); }, "UNPK_MID, low(129) should be in [1, 128] for f, id(0x0)"},
-        {"high 129", [] { return mid(2, 129, 8); }, "UNPK_MID, high(129) should be in [1, 128] for f, id(0x0)"},
-        {"low above high", [] { return mid(5, 4, 8); }, "UNPK_MID, low(5) should <= high(4) for f, id(0x0)"},
-        {"low 66", [] { return mid(66, 70, 8); }, "UNPK_HIGH, bit_num(63) should be in [64, 128] for f, id(0x0)"},
-        {"low 65", [] { return mid(65, 70, 8); }, ""},
-        {"17 bits into 16", [] { return mid(1, 17, 2); }, "UNPK_LOW, bit_num(17) should be in [1, 16] for f, id(0x0)"},
-        {"16 bits into 16", [] { return mid(1, 16, 2); }, ""},
         {"at: set bit fails first", [] { uint16_t v; st().g_unpk_data_len = 1; return UNPK_AT("pci", 8, 16, &v, 2); },
          "UNPK_SET_BIT, pos(1) should be[0, 1), id(0x0)"},
         {"at: tmp2 load fails", [] { uint16_t v; BASE_WITH_BIT(1992 * 8); return UNPK_AT("pci", 0, 16, &v, 2); },
@@ -87,36 +68,10 @@ TEST(Unpk, BoundChecksPrintTheirNumbersAndFail)
         SCOPED_TRACE(c.name);
         fresh();
         int rc = 0;
-        EXPECT_EQ(captured([&] { rc = c.run(); }), c.out);
+        EXPECT_EQ(stdout_of([&] { rc = c.run(); }), c.out);
         EXPECT_EQ(rc, c.out.empty() ? 0 : -1);
     }
 }
-
-// Windows that no record reaches: computed without undefined behaviour, the upper word moved by a double product
-// (53-bit rounding, 2^64 saturating), and low 65 leaving tmp1 unshifted.
-TEST(Unpk, LargeLowWindows)
-{
-    const struct {
-        int32_t low, high;
-        uint64_t tmp1, tmp2, want;
-    } cases[] = {
-        {2, 65, 0x2, 0x1, 0x8000000000000001ull},
-        {65, 128, 0x1, (1ull << 53) + 1, (1ull << 53) | 1},
-        {65, 128, 0x0, UINT64_MAX, UINT64_MAX},
-        {60, 123, 0x0, (1ull << 59) - 1, UINT64_MAX}, // 59 ones round up to 2^59: the product reaches 2^64
-        {9, 72, 0xAB00, 0xCD, 0xCD000000000000ABull},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.low);
-        fresh();
-        st().g_unpk_tmp1 = c.tmp1;
-        st().g_unpk_tmp2 = c.tmp2;
-        ASSERT_EQ(mid(c.low, c.high, 8), 0);
-        EXPECT_EQ(st().g_unpk_new_val, c.want);
-    }
-}
-
-/* ---- the record parser ---- */
 
 // Field values and where each layout puts them (bit starts after the version).
 struct FieldVal {
@@ -165,9 +120,7 @@ TEST(Parse, LayoutsFillTheRecordAndFailuresLeaveIt)
         const uint32_t version = versions[col];
         SCOPED_TRACE(version);
         const auto buf = packed(version, col);
-        EXPECT_EQ(captured([&] {
-                      pelmox_test_modem_stats_parsing_process_do(3, buf.data(), static_cast<uint32_t>(buf.size()));
-                  }),
+        EXPECT_EQ(stdout_of([&] { pelmox_test_modem_stats_parsing_process_do(3, buf.data(), 80); }),
                   "version = " + std::to_string(version) +
                       ", mcc = 460, mnc_num 2, mnc 11, tac 305441741, cgi 81985529216486895, pci 301\n"
                       "freq_band_ind = 3, dl_earfcn = 1850, dl_bw 100, ul_earfcn 19850, ul_bw 50, "
@@ -180,7 +133,7 @@ TEST(Parse, LayoutsFillTheRecordAndFailuresLeaveIt)
     uint32_t n = 0;
     for (uint32_t v : {5u, 0x2FFFFu, 0x30003u}) {
         const auto buf = packed(v, 0);
-        EXPECT_EQ(captured([&] { pelmox_test_modem_stats_parsing_process_do(9, buf.data(), 80); }),
+        EXPECT_EQ(stdout_of([&] { pelmox_test_modem_stats_parsing_process_do(9, buf.data(), 80); }),
                   "VERSION_NOT_SUPPORT, version(" + std::to_string(v) + "), not_support_num(" +
                       std::to_string(base + ++n) + "), name(modem_stats_parse_xxxx_diag_xxxx), id(0x9)\n");
     }
@@ -188,27 +141,11 @@ TEST(Parse, LayoutsFillTheRecordAndFailuresLeaveIt)
     const auto buf = packed(4, 0);
     modem_stats_unpk_reset(0x21, buf.data(), static_cast<uint32_t>(buf.size()));
     st().g_unpk_data_len = 28;
-    EXPECT_EQ(captured([] { modem_stats_parse_xxxx_diag_xxxx(0, nullptr, nullptr); }),
+    EXPECT_EQ(stdout_of([] { modem_stats_parse_xxxx_diag_xxxx(0, nullptr, nullptr); }),
               "UNPK_SET_BIT, pos(28) should be[0, 28), id(0x21)\n");
-    EXPECT_EQ(captured([] { pelmox_test_modem_stats_parsing_process_do(5, nullptr, 0); }),
+    EXPECT_EQ(stdout_of([] { pelmox_test_modem_stats_parsing_process_do(5, nullptr, 0); }),
               "MODEM_STATS_DATA_UNPK_START, payload is NULL, id(0x21)\n");
     EXPECT_EQ(last_record(), want);
-}
-
-/* ---- debug-block printers ---- */
-
-// Section lengths per version are pinned end to end by the cursor lines of group 7 sub-command 1.
-TEST(DebugBlock, NullPointers)
-{
-    std::vector<uint32_t> lens;
-    EXPECT_EQ(captured([&] {
-                  lens = {pelmox_modem_stats_main_info_unpk(nullptr, 4), pelmox_modem_stats_diag_info_unpk(nullptr, 4),
-                          pelmox_modem_stats_cm_info_unpk(nullptr), pelmox_modem_stats_uim_info_unpk(nullptr)};
-                  pelmox_modem_stats_support_status_check(nullptr);
-              }),
-              "ptr is null\nptr is null\nptr is null\nptr is null\n"
-              "pelmox_modem_stats_support_status_check, ptr is null\n");
-    EXPECT_EQ(lens, std::vector<uint32_t>(4, 0));
 }
 
 } // namespace
