@@ -437,7 +437,8 @@ TEST(HydraMemTrace, PropertyDecidesAndBlocksAreCounted)
                 modem_api_free_client(int32_t(id));
                 modem_api_release();
                 size_t noted = count_lines(hydra_log(sim()), "hydra_mem_init: HYDRA_MEM_TRACE_PROP not exist");
-                fprintf(stderr, "init %u counts %d %d %d noted %zu\n", rc, open, fetched, hydra_mem_trace_count(), noted);
+                int left = hydra_mem_trace_count();
+                fprintf(stderr, "init %u counts %d %d %d noted %zu\n", rc, open, fetched, left, noted);
                 SimEnvironment::sim_.reset(); // its handset holds this process's stderr open
                 _exit(0);
             },

@@ -24,7 +24,8 @@ TEST(UimEid, CheckDigitCountsLettersAsTheirCharacterMinusZero)
     for (const auto &[eid, valid, verdict] : cases) {
         int got = -1;
         std::string out = kvn_test::mask_trace_lines(captured([&, eid = eid] { got = is_eid_valid(eid); }, true));
-        EXPECT_EQ(std::pair(got, out), std::pair(valid, trace + "check whether eid valid\n\n" + trace + verdict + "\n\n"));
+        EXPECT_EQ(std::pair(got, out), std::pair(valid, trace + "check whether eid valid\n\n" + trace + verdict + "\n\n"))
+            << eid;
     }
 }
 
