@@ -358,7 +358,7 @@ TEST_F(HydraSimTest, SarAndNasSurviveAModemRestart)
 }
 
 // A second down event while suspended only registers the up callback again; an up event other than "count
-// increased" changes nothing; the service coming back reconnects.
+// increased" changes nothing; the service coming back reconnects, and the next outage arms a new notifier.
 TEST_F(HydraSimTest, TwoDownEventsArmOneNotifier)
 {
     uint32_t id = open(MODEM_API_CLIENT_SAR);
@@ -367,7 +367,8 @@ TEST_F(HydraSimTest, TwoDownEventsArmOneNotifier)
     ASSERT_TRUE(wait_until([&] { return count_lines(fresh_log(), armed) == 1; }));
     sar_client_service_down_event(nullptr, QMI_SERVICE_ERR, nullptr);
     ASSERT_TRUE(wait_until([&] { return count_lines(fresh_log(), armed) == 2; }));
-    EXPECT_EQ(count_lines(fresh_log(), "sar_client_release_qmi_client_thread: qmi_client_notifier_init return 0"), 1u);
+    const std::string notifier = "sar_client_release_qmi_client_thread: qmi_client_notifier_init return 0";
+    EXPECT_EQ(count_lines(fresh_log(), notifier), 1u);
     EXPECT_EQ(modem_api_client_status(int32_t(id)), 5);
     // A second SAR client is refused while the first is suspended.
     uint32_t other = 77;
@@ -383,6 +384,10 @@ TEST_F(HydraSimTest, TwoDownEventsArmOneNotifier)
     ASSERT_EQ(sim().ctl({"service", "sar", "up"}).exit_code, 0);
     EXPECT_TRUE(wait_until([id] { return modem_api_client_status(int32_t(id)) == 3; }));
     EXPECT_EQ(count_lines(fresh_log(), resumed), 1u);
+    ASSERT_EQ(sim().ctl({"service", "sar", "down"}).exit_code, 0);
+    EXPECT_TRUE(wait_until([&] { return count_lines(fresh_log(), notifier) == 2; }));
+    ASSERT_EQ(sim().ctl({"service", "sar", "up"}).exit_code, 0);
+    EXPECT_TRUE(wait_until([id] { return modem_api_client_status(int32_t(id)) == 3; }));
 }
 
 // Logged and dropped: indications the SAR and NAS objects do not know, vendor 0x0005, and any without a callback.
