@@ -1,5 +1,4 @@
-// extend_journal.h - shared by the in-process tests of the modem layers: one
-// kvn-sim per program (clients open once per process), its journal and log.
+// extend_journal.h - the modem layers' tests: one kvn-sim per program, its journal and log, their includes.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,12 +7,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "sim_handset.h"
@@ -23,8 +24,7 @@ namespace extend_test {
 using Bytes = std::vector<uint8_t>;
 using kvn_test::wait_until;
 
-// Started before the first test; KVN_SIM_SOCKET points at it and the modules'
-// terminal traces are off unless a test turns them on.
+// Started before the first test (clients open once per process); terminal traces off unless a test asks.
 class SimEnvironment : public ::testing::Environment {
 public:
     void SetUp() override
@@ -66,6 +66,14 @@ inline uint32_t le32(const Bytes &b, size_t off)
 }
 inline uint16_t le16(const Bytes &b, size_t off) { return uint16_t(le32(b, off)); }
 
+// The values' bytes one after another (the hosts are little-endian).
+template <typename... T> Bytes le_bytes(T... v)
+{
+    Bytes b;
+    (b.insert(b.end(), reinterpret_cast<const uint8_t *>(&v), reinterpret_cast<const uint8_t *>(&v) + sizeof(v)), ...);
+    return b;
+}
+
 // One QMI request as the handset received it: TLV type -> lower-case hex.
 struct Request {
     uint16_t msg_id = 0;
@@ -88,10 +96,11 @@ inline std::vector<Request> requests(const kvn_test::SimHandset &from, uint32_t 
     return out;
 }
 
-// One extend request 0x0002: command (TLV 0x01), length (0x02), payload (0x10).
+// An extend request 0x0002: command (TLV 0x01), length (0x02), payload (0x10).
 struct ExtendRequest {
     uint32_t cmd_id = 0, data_len = 0;
     Bytes data;
+    bool operator==(const ExtendRequest &) const = default;
 };
 
 inline std::vector<ExtendRequest> extend_requests(const kvn_test::SimHandset &from = sim())
@@ -111,7 +120,6 @@ inline void load(const kvn_test::SimHandset &into, const std::string &json)
     auto r = into.ctl({"load", path});
     ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
 }
-inline void load_scenario(const std::string &json) { load(sim(), json); }
 
 // The text of a tag's lines of the handset log ("<function>: <text>").
 inline std::vector<std::string> hydra_log(const kvn_test::SimHandset &from, const std::string &tag = "HYDRA")

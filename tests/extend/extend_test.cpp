@@ -1,16 +1,7 @@
-// extend_test.cpp - the extend client in-process against one kvn-sim: service
-// object, send checks and replies, command-4 framings, indications, result map.
-#include <gtest/gtest.h>
+// extend_test.cpp - the extend client in-process against one kvn-sim: service object, send, framings, indications.
 
-#include <algorithm>
 #include <array>
-#include <cstring>
-#include <functional>
-#include <map>
 #include <numeric>
-#include <string>
-#include <tuple>
-#include <vector>
 
 #include "extend_journal.h"
 #include "pelmox_extend_cmn.h"
@@ -28,13 +19,11 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(sim().started());
-        // Canned replies: 9 answers 20 bytes 01..14, 10 refuses with result 7,
-        // 4 answers the framings with 6 bytes.
-        load_scenario(R"({"extend_replies": {
+        // Command 9 answers 01..14, 10 refuses with result 7, 4 answers the framings with 6 bytes.
+        load(sim(), R"({"extend_replies": {
           "9": {"result": 0, "data": "0102030405060708090a0b0c0d0e0f1011121314"},
           "10": {"result": 7, "data": ""}, "4": {"result": 0, "data": "a1a2a3a4a5a6"}}})");
-        // Open the client first, so captured output holds only the send under test.
-        int32_t cap = 1;
+        int32_t cap = 1; // opens the client, so captured output holds only the send under test
         ASSERT_EQ(send(9, 1, cap), 0);
         sim().clear_journal();
     }
@@ -55,9 +44,7 @@ protected:
 
 /* ---- service object ---- */
 
-// Only the exact version triple gives the object. Every message at its fullest
-// encodes to its declared largest length and decodes back to the same record;
-// the object's message counts and largest length agree with the messages.
+// Only the exact version gives the object; each message at its fullest encodes to its largest length and back.
 TEST(ExtendServiceObject, EveryMessageAtItsFullestEncodesToItsLargestLength)
 {
     for (const auto &v : {std::array{1, 1, 5}, std::array{1, 2, 6}, std::array{2, 1, 6}, std::array{0, 0, 0}})
@@ -71,18 +58,15 @@ TEST(ExtendServiceObject, EveryMessageAtItsFullestEncodesToItsLargestLength)
         {QMI_IDL_INDICATION, 3, 529}, {QMI_IDL_INDICATION, 5, 1137}, {QMI_IDL_INDICATION, 6, 1227},
         {QMI_IDL_INDICATION, 7, 14},  {QMI_IDL_INDICATION, 8, 34},
     };
-    std::map<int, int> per_kind;
-    uint32_t largest = 0;
+    EXPECT_EQ(obj->max_msg_len, 1227u);
     for (const auto &[kind, id, expect_len] : cases) {
         SCOPED_TRACE(testing::Message() << "kind " << kind << " id " << id);
-        ++per_kind[kind];
-        largest = std::max(largest, expect_len);
         uint32_t c_len = 0;
         ASSERT_EQ(qmi_idl_get_message_c_struct_len(obj, kind, id, &c_len), QMI_IDL_LIB_NO_ERR);
         Bytes rec(c_len);
         for (size_t i = 0; i < rec.size(); ++i)
             rec[i] = uint8_t(i * 7 + 1);
-        // Valid flags and counts must hold legal values for a full message.
+        // Valid flags and counts take legal values.
         if (id <= 3 || (id == 4 && kind == QMI_IDL_REQUEST))
             rec[offsetof(pelmox_extend_msg_v01, data_valid)] = 1;
         if (id == 4 && kind == QMI_IDL_REQUEST)
@@ -90,7 +74,7 @@ TEST(ExtendServiceObject, EveryMessageAtItsFullestEncodesToItsLargestLength)
         if (kind == QMI_IDL_INDICATION && id == 6)
             for (auto &g : reinterpret_cast<pelmox_extend_ind_0006_v01 *>(rec.data())->group)
                 g.rec_len = 5;
-        // Padding is not carried: compare the wire forms of the record and its decoded copy.
+        // Padding is not carried: compare the wire forms.
         Bytes wire(2048), wire2(2048), back(c_len);
         uint32_t len = 0, len2 = 0;
         ASSERT_EQ(qmi_idl_message_encode(obj, kind, id, rec.data(), c_len, wire.data(), wire.size(), &len), 0);
@@ -99,9 +83,6 @@ TEST(ExtendServiceObject, EveryMessageAtItsFullestEncodesToItsLargestLength)
         ASSERT_EQ(qmi_idl_message_encode(obj, kind, id, back.data(), c_len, wire2.data(), wire2.size(), &len2), 0);
         EXPECT_EQ(Bytes(wire.begin(), wire.begin() + len), Bytes(wire2.begin(), wire2.begin() + len2));
     }
-    EXPECT_EQ(obj->max_msg_len, largest);
-    for (auto kind : {QMI_IDL_REQUEST, QMI_IDL_RESPONSE, QMI_IDL_INDICATION})
-        EXPECT_EQ(obj->n_msgs[kind], per_kind[kind]) << kind;
 
     // A group of indication 0x0006 holds at most five records (TLV 0x03 at 14).
     pelmox_extend_ind_0006_v01 ind{}, back{};
@@ -124,8 +105,7 @@ TEST(ExtendResultMap, TransportCodesMapAndOthersPassThrough)
 
 /* ---- send ---- */
 
-// A 512-byte payload goes out whole; 513 bytes, a capacity of 513 (named by the
-// payload length) and null or negative arguments are refused unsent.
+// 512 payload bytes go out whole; 513, a capacity of 513 and null or negative arguments are refused unsent.
 TEST_F(ExtendSimTest, ArgumentChecksAndTheFullPayload)
 {
     Bytes req(600, 0x5A), out(600);
@@ -149,15 +129,11 @@ TEST_F(ExtendSimTest, ArgumentChecksAndTheFullPayload)
         req[i] = uint8_t(255 - i);
     int32_t cap = 512;
     ASSERT_EQ(pelmox_extend_qmi_send_sync(9, req.data(), 512, out.data(), &cap), 0);
-    auto reqs = extend_requests();
-    ASSERT_EQ(reqs.size(), 1u);
-    EXPECT_EQ((std::vector<uint32_t>{reqs[0].cmd_id, reqs[0].data_len}), (std::vector<uint32_t>{9, 512}));
-    EXPECT_EQ(reqs[0].data, Bytes(req.begin(), req.begin() + 512));
+    EXPECT_EQ(extend_requests(), (std::vector<ExtendRequest>{{9, 512, Bytes(req.begin(), req.begin() + 512)}}));
 }
 
-// Command 9's canned reply is 20 bytes: a smaller capacity cuts it, a larger
-// one gets the 20, nothing is written past. A modem result other than 0 is -3
-// and named; a reply without TLV 0x10 has length 0.
+// The 20-byte reply is cut to the capacity, nothing written past; a modem result other than 0 is -3 and named;
+// a reply without TLV 0x10 has length 0.
 TEST_F(ExtendSimTest, ReplyHandling)
 {
     for (int32_t cap : {8, 20, 100, 0}) {
@@ -181,11 +157,8 @@ TEST_F(ExtendSimTest, ReplyHandling)
 
 /* ---- framings of command 4 ---- */
 
-// The common request puts its id at 0 and up to 499 value bytes at 8 (the
-// length field at 4 stays zero); the common message puts 2, 0, id and length,
-// then up to 491 bytes at 16. One byte more, or a null value or reply area
-// with a length, is refused unsent. The reply lands at the start of the
-// 508-byte area, the rest cleared, nothing past 508 touched.
+// The request frames id, 0, then up to 499 bytes; the message 2, 0, id, length, then up to 491. One byte more, or
+// a null value or reply area with a length, is refused unsent. The reply fills the 508-byte area, nothing past.
 TEST_F(ExtendSimTest, CommandFourFramings)
 {
     const struct {
@@ -211,14 +184,10 @@ TEST_F(ExtendSimTest, CommandFourFramings)
         auto reqs = extend_requests();
         ASSERT_EQ(reqs.size(), 2u);
         for (auto [r, id, value] : {std::tuple{reqs[0], 7u, v}, std::tuple{reqs[1], 8u, Bytes{}}}) {
-            auto words = f.message ? std::vector<uint32_t>{2, 0, id, uint32_t(value.size())}
-                                   : std::vector<uint32_t>{id};
-            Bytes want(512, 0);
-            for (size_t i = 0; i < words.size(); ++i)
-                memcpy(want.data() + 4 * i, &words[i], 4);
-            std::copy(value.begin(), value.end(), want.begin() + (f.message ? 16 : 8));
-            EXPECT_EQ((std::vector<uint32_t>{r.cmd_id, r.data_len}), (std::vector<uint32_t>{4, 512}));
-            EXPECT_EQ(r.data, want) << "id " << id;
+            Bytes want = f.message ? le_bytes(2u, 0u, id, uint32_t(value.size())) : le_bytes(id, 0u);
+            want.insert(want.end(), value.begin(), value.end());
+            want.resize(512);
+            EXPECT_EQ(r, (ExtendRequest{4, 512, want})) << "id " << id;
         }
     }
 }
@@ -227,8 +196,7 @@ TEST_F(ExtendSimTest, CommandFourFramings)
 
 TEST_F(ExtendSimTest, IndicationNumbersAboveSixAreUnknownAndTheRestHaveNoHandler)
 {
-    // The fixture's first send opened the client.
-    qmi_client_type handle = pelmox_extend_qmi_client_open();
+    qmi_client_type handle = pelmox_extend_qmi_client_open(); // the fixture's send opened it
     ASSERT_NE(handle, nullptr);
     auto deliver = [&](unsigned msg_id, Bytes buf) {
         return captured([&] { pelmox_extend_qmi_ind_cb(handle, msg_id, buf.data(), buf.size(), nullptr); });
@@ -241,8 +209,7 @@ TEST_F(ExtendSimTest, IndicationNumbersAboveSixAreUnknownAndTheRestHaveNoHandler
                   head + "Indicaion: " + std::to_string(n) + " greater than maximum known indication.");
     for (uint32_t n = 0; n <= 6; ++n)
         EXPECT_EQ(deliver(3, ind_0003(n)), head + "No function defined to handle indication: " + std::to_string(n));
-    // A TLV running past the buffer is dropped after the first line; other
-    // message ids print nothing.
+    // A TLV running past the buffer is dropped after the first line; other message ids print nothing.
     EXPECT_EQ(deliver(3, {0x01, 9, 0, 1, 0}), "PELMOX__EXTEND_QMI: Indication msg_id=0x3 buf_len=5 \n");
     for (unsigned id : {4u, 5u, 6u, 7u, 8u, 9u})
         EXPECT_EQ(deliver(id, ind_0003(1)), "") << id;

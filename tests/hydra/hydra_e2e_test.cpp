@@ -1,10 +1,4 @@
-// hydra_e2e_test.cpp - kvn run as a process against a kvn-sim: group 9 and the
-// SAR DSI query, compared on the whole output and on what went over the wire.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <tuple>
-#include <vector>
+// hydra_e2e_test.cpp - group 9 and the SAR DSI query run by kvn against a kvn-sim: whole output and wire.
 
 #include "../extend/extend_journal.h"
 #include "../shell/help_text.h"
@@ -15,39 +9,21 @@ using kvn_test::SimHandset;
 
 namespace {
 
-// Little-endian bytes of a statistic record, written as hex.
-class Pack {
-public:
-    Pack &u8(uint8_t v) { return raw(v); }
-    Pack &u16(uint16_t v) { return raw(v); }
-    Pack &u32(uint32_t v) { return raw(v); }
-    Pack &f32(float v) { return raw(v); }
-    std::string hex() const { return to_hex(b_); }
-
-private:
-    template <typename T> Pack &raw(T v)
-    {
-        auto *p = reinterpret_cast<const uint8_t *>(&v);
-        b_.insert(b_.end(), p, p + sizeof(v));
-        return *this;
-    }
-    Bytes b_;
-};
+// A statistic record's bytes as hex.
+template <typename... T> std::string pack(T... v) { return to_hex(le_bytes(v...)); }
 
 std::string f4g()
 {
-    Pack p;
-    p.u8(1).u8(2).u32(39150).u16(65535).u8(1).u16(32769);
+    std::string hex = pack(uint8_t(1), uint8_t(2), 39150u, uint16_t(65535), uint8_t(1), uint16_t(32769));
     for (int rx = 0; rx < 4; ++rx)
-        p.f32(-90.5f - rx).f32(-10.25f).f32(-60.75f - rx).f32(3.5f + rx);
-    return p.u8(0xEE).hex(); // a byte past the layout, ignored
+        hex += pack(-90.5f - float(rx), -10.25f, -60.75f - float(rx), 3.5f + float(rx));
+    return hex + "ee"; // a byte past the layout, ignored
 }
 const char k4gLine[] =
     "ASDIV DATA: earfcn: 39150, pci: 65535, rx_valid: 32769, rsrp_rx0: -90.50, rsrq_rx0: -10.25, rssi_rx0: -60.75, "
     "snr_rx0: 3.50, rsrp_rx1: -91.50, rsrq_rx1: -10.25, rssi_rx1: -61.75, snr_rx1: 4.50, rsrp_rx2: -92.50, "
     "rsrq_rx2: -10.25, rssi_rx2: -62.75, snr_rx2: 5.50, rsrp_rx3: -93.50, rsrq_rx3: -10.25, rssi_rx3: -63.75, "
     "snr_rx3: 6.50\n";
-std::string f5g_rsrp() { return Pack().u32(7).f32(-88.5f).f32(-89.25f).f32(-91).f32(-92.75f).f32(-11.5f).hex(); }
 const char k5gRsrpLine[] = "ASDIV DATA: rsrp_rx0: -88.50, rsrp_rx1: -89.25, rsrp_rx2: -91.00, rsrp_rx3: -92.75, rsrq: -11.50\n";
 
 struct Option {
@@ -63,23 +39,19 @@ std::vector<Option> options()
     const uint32_t ids4g[] = {82, 103, 104, 105, 106, 107, 108};
     for (int o = 0; o < 7; ++o)
         v.push_back({o, ids4g[o], f4g(), k4gLine});
-    v.push_back({7, 94, Pack().u32(7).f32(-60.25f).f32(-61.5f).f32(-63.75f).f32(-64).hex(),
+    v.push_back({7, 94, pack(7u, -60.25f, -61.5f, -63.75f, -64.f),
                  "ASDIV DATA: rssi_rx0: -60.25, rssi_rx1: -61.50, rssi_rx2: -63.75, rssi_rx3: -64.00\n"});
-    v.push_back({8, 112, Pack().u32(7).f32(18.5f).f32(17.25f).f32(-1).f32(0.25f).hex(),
+    v.push_back({8, 112, pack(7u, 18.5f, 17.25f, -1.f, 0.25f),
                  "ASDIV DATA: snr_rx0: 18.50, snr_rx1: 17.25, snr_rx2: -1.00, snr_rx3: 0.25\n"});
-    Pack ant;
-    ant.u32(7);
-    for (uint8_t i = 0; i < 11; ++i)
-        ant.u8(i);
-    v.push_back({9, 113, ant.u8(255).hex(),
+    v.push_back({9, 113, pack(7u) + "000102030405060708090aff",
                  "ASDIV DATA: ant_rx_0_old = 0, ant_rx_0_new = 1, ant_rx_1_old = 2, ant_rx_1_new = 3, ant_rx_2_old = 4, "
                  "ant_rx_2_new = 5, ant_rx_3_old = 6, ant_rx_3_new = 7, ant_tx_0_old = 8, ant_tx_0_new = 9, "
                  "ant_tx_1_old = 10, ant_tx_1_new = 255\n"});
     for (auto [opt, id] : {std::pair{10, 135u}, std::pair{11, 6u}, std::pair{12, 7u}})
-        v.push_back({opt, id, f5g_rsrp(), k5gRsrpLine});
-    v.push_back({20, 110, Pack().u8(1).f32(-70.5f).f32(-72.25f).hex(), "ASDIV DATA: rx_agc_0: -70.50, rx_agc_1: -72.25\n"});
-    v.push_back({21, 111, Pack().u8(1).f32(-75).f32(-77.5f).hex(), "ASDIV DATA: rx_prx: -75.00, rx_drx: -77.50\n"});
-    v.push_back({30, 100, Pack().u8(1).u8(4).u16(513).u16(65535).u8(0).u8(200).hex(),
+        v.push_back({opt, id, pack(7u, -88.5f, -89.25f, -91.f, -92.75f, -11.5f), k5gRsrpLine});
+    v.push_back({20, 110, pack(uint8_t(1), -70.5f, -72.25f), "ASDIV DATA: rx_agc_0: -70.50, rx_agc_1: -72.25\n"});
+    v.push_back({21, 111, pack(uint8_t(1), -75.f, -77.5f), "ASDIV DATA: rx_prx: -75.00, rx_drx: -77.50\n"});
+    v.push_back({30, 100, pack(uint8_t(1), uint8_t(4), uint16_t(513), uint16_t(65535), uint8_t(0), uint8_t(200)),
                  "ANT INFO: ant_num: 4, ant_path: 513, sig_path: 65535, old_config: 0, new_config: 200\n"});
     return v;
 }
@@ -97,9 +69,7 @@ std::string success(int sub, uint32_t id, size_t len)
 
 /* ---- group 9 ---- */
 
-// Every option on both subscriptions: the whole output, the feature switch
-// (TLV 0x01 = 2, 0x02 = 1, 0x10 = 1) and one statistics request with request
-// number 1; option 30 asks subscription 0 whatever was given.
+// Every option on both subscriptions: whole output, feature switch, one request (option 30 always asks sub 0).
 TEST(Group9, EveryOptionOnBothSubscriptions)
 {
     SimHandset sim;
@@ -117,14 +87,13 @@ TEST(Group9, EveryOptionOnBothSubscriptions)
             uint16_t asked = o.opt == 30 ? 0 : uint16_t(sub);
             EXPECT_EQ(r.out, start_line(std::to_string(o.opt), std::to_string(sub)) +
                                  success(asked, o.id, o.data.size() / 2) + o.line);
-            const Request stat{0x0207, {{1, Pack().u16(asked).hex()}, {2, "0100"}, {3, "01" + Pack().u32(o.id).hex()}}};
+            const Request stat{0x0207, {{1, pack(asked)}, {2, "0100"}, {3, "01" + pack(o.id)}}};
             EXPECT_EQ(requests(sim, 0xE4), (std::vector<Request>{feature, stat}));
         }
     }
 }
 
-// Statistics refused or cut short, arguments refused before the request, a
-// refused feature switch, usage, and last the statistics service absent.
+// Statistics refused or cut short, arguments refused, a refused feature switch, usage, then the service absent.
 TEST(Group9, RefusalsUsageAndAbsentService)
 {
     SimHandset sim;
@@ -138,7 +107,7 @@ TEST(Group9, RefusalsUsageAndAbsentService)
         std::string value; // vs_stats value of the asked id on subscription 0
         std::string out;   // after the start line
     } cases[] = {
-        {"7", "0", "\"" + Pack().u32(1).f32(1).f32(2).hex() + "\"",
+        {"7", "0", "\"" + pack(1u, 1.f, 2.f) + "\"",
          success(0, 94, 12) + "g_hydra_data_left(0) is not enough for rssi2, id(0x5e)\n"},
         {"0", "0", "\"" + f4g().substr(0, 2 * 74) + "\"",
          success(0, 82, 74) + "g_hydra_data_left(3) is not enough for snr_rx3, id(0x52)\n"},
@@ -165,8 +134,7 @@ TEST(Group9, RefusalsUsageAndAbsentService)
         load(sim, R"({"vs_stats": {"0": {")" + std::string(id) + "\": " + c.value + "}}}");
         sim.clear_journal();
         EXPECT_EQ(sim.kvn({"9", c.opt, c.sub}).out, start_line(c.opt, c.sub) + c.out);
-        // The feature switch always goes out; the statistics request only when
-        // the subscription and option pass.
+        // The feature switch always goes out, the statistics request only when sub and option pass.
         EXPECT_EQ(requests(sim, 0xE4).size(), c.sub == "0" && c.opt != "13" ? 2u : 1u);
     }
     // The client was freed after the unknown option as after every run.
@@ -175,7 +143,7 @@ TEST(Group9, RefusalsUsageAndAbsentService)
     EXPECT_EQ(log.back(), "modem_api_operational_status_cb: client type 0, client id 0, operational_status 0");
 
     // A refused feature switch is reported and the run goes on.
-    load(sim, R"({"vs_stats": {"1": {"94": ")" + Pack().u32(1).f32(1).f32(2).f32(3).f32(4).hex() + "\"}}}");
+    load(sim, R"({"vs_stats": {"1": {"94": ")" + pack(1u, 1.f, 2.f, 3.f, 4.f) + "\"}}}");
     ASSERT_EQ(sim.ctl({"fault", "vs", "3", "qmi-error=94"}).exit_code, 0);
     EXPECT_EQ(sim.kvn({"9", "7", "1"}).out, "modem_api_set_hydra_feature_status, start fail, result = 4\n" +
                                                 start_line("7", "1") + success(1, 94, 20) +
@@ -188,8 +156,7 @@ TEST(Group9, RefusalsUsageAndAbsentService)
     quiet.env["PELMOX_SHELL_PRINT_FLAG"] = "0";
     EXPECT_EQ(sim.kvn({"9"}, quiet).out, help);
 
-    // With the service absent the client is tried 10 times a second apart and
-    // reported failed, and the request is refused for want of a client.
+    // Service absent: the client is tried 10 times, reported failed, and the request refused for want of it.
     ASSERT_EQ(sim.ctl({"service", "vs", "down"}).exit_code, 0);
     const size_t before = hydra_log(sim).size();
     EXPECT_EQ(sim.kvn({"9", "0", "0"}).out, "modem_api_set_hydra_feature_status, start fail, result = 7\n" +
@@ -215,10 +182,8 @@ TEST(Group9, RefusalsUsageAndAbsentService)
 
 /* ---- SAR DSI (group 5, sub-command 5) ---- */
 
-// With the shell flag off nothing is sent or printed; on, the query traces in
-// the vendor QMI style (to the log as well when the log flag is 1) and
-// prints the value, also when the modem leaves the state out; with the SAR
-// service absent it prints -1 without an exit trace.
+// Shell flag off: nothing sent or printed. On: traces (logged too under the log flag) and the value, 0 when the
+// modem leaves it out; with the SAR service absent -1 and no exit trace.
 TEST(SarDsi, QueryAsTheShellFlagSays)
 {
     SimHandset sim;

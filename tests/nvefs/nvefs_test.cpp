@@ -1,12 +1,4 @@
-// nvefs_test.cpp - the NV and EFS access functions in-process against one
-// kvn-sim, with buffers larger than the command line allows.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
-#include <string>
-#include <tuple>
-#include <vector>
+// nvefs_test.cpp - NV and EFS access in-process against one kvn-sim, with buffers larger than the command line allows.
 
 #include "../extend/extend_journal.h"
 #include "pelmox_extend_nvefs.h"
@@ -72,8 +64,7 @@ TEST_F(NvefsTest, ArgumentChecksComeInTheirOrderAndSendNothing)
         EXPECT_EQ(got, want) << what;
     EXPECT_TRUE(extend_requests().empty());
 
-    // The boundaries themselves reach the modem: nv_id 7232 and a 71-byte
-    // read path (neither exists there).
+    // The boundaries reach the modem (which has neither): nv_id 7232 and a 71-byte read path.
     EXPECT_EQ(pelmox_nv_read(0, 7232, buf, &len), 5);
     len = 10;
     EXPECT_LT(pelmox_efs_read(0, p71, 71, buf, &len), 0);
@@ -91,8 +82,7 @@ TEST_F(NvefsTest, NvWriteReadDeleteRoundTripWithPayloadLayout)
               (std::vector<uint32_t>{2, 512, 2, 1, 4321, 424}));
     EXPECT_EQ(Bytes(p.begin() + 88, p.end()), item);
 
-    // A capacity larger than the item is lowered to it; a smaller one gets
-    // the first bytes and keeps its value.
+    // A capacity larger than the item is lowered to it; a smaller one gets the first bytes and keeps its value.
     for (uint32_t cap : {1000u, 7u}) {
         Bytes buf(cap + 1, 0xEE), want(item.begin(), item.begin() + std::min(cap, 424u));
         uint32_t len = cap;
@@ -102,12 +92,8 @@ TEST_F(NvefsTest, NvWriteReadDeleteRoundTripWithPayloadLayout)
         EXPECT_EQ(buf, want) << cap;
     }
     Bytes buf(10);
-    uint32_t len;
-
-    // The other subscription is another item.
-    len = 10;
-    EXPECT_EQ(pelmox_nv_read(0, 4321, buf.data(), &len), 5);
-
+    uint32_t len = 10;
+    EXPECT_EQ(pelmox_nv_read(0, 4321, buf.data(), &len), 5) << "the other subscription is another item";
     ASSERT_EQ(pelmox_nv_delete(1, 4321), 0);
     len = 10;
     EXPECT_EQ(pelmox_nv_read(1, 4321, buf.data(), &len), 5) << "the modem's result comes back unchanged";
@@ -121,8 +107,7 @@ TEST_F(NvefsTest, EfsWriteOf415BytesGoesAs414AndOne)
     auto reqs = extend_requests();
     ASSERT_EQ(reqs.size(), 2u);
     const auto &a = reqs[0].data, &b = reqs[1].data;
-    // op, path length, total, chunk, position; the path is not terminated
-    // within its count and the rest of its field is zero.
+    // op, path length, total, chunk, position; the path is unterminated within its count, the rest zero.
     auto fields = [](const Bytes &d) {
         return std::vector<uint32_t>{d[0], d[4], le32(d, 76), le32(d, 80), le32(d, 84)};
     };
@@ -135,11 +120,8 @@ TEST_F(NvefsTest, EfsWriteOf415BytesGoesAs414AndOne)
     EXPECT_EQ(Bytes(b.begin() + 88, b.begin() + 90), (Bytes{data[414], 0}));
 }
 
-// The largest file goes out in 248 chunks, each where the last one ended. A
-// read with a byte of room beyond the file gets it whole; otherwise it stops
-// with -108 on the chunk that does not fit, keeping those that did. An empty
-// file answers a chunk of no bytes and copies nothing; a refused chunk ends
-// the read as a failed send does (-103).
+// The largest file goes out in 248 chunks, each where the last ended. A read needs a byte of room beyond the file,
+// else -108 on the chunk that does not fit, keeping those that did; a refused chunk ends it as a failed send (-103).
 TEST_F(NvefsTest, EfsLargestFileAndReadsCutByTheCapacity)
 {
     auto big = pattern(102410, 1);
@@ -152,7 +134,7 @@ TEST_F(NvefsTest, EfsLargestFileAndReadsCutByTheCapacity)
         pos += le32(r.data, 80);
     }
     EXPECT_EQ(pos, 102410u);
-    load_scenario(R"({"efs": {"1": {"/empty": ""}}})");
+    load(sim(), R"({"efs": {"1": {"/empty": ""}}})");
     const struct {
         const char *path;
         const Bytes *file; // what the kept bytes are; nullptr: none kept
@@ -195,14 +177,13 @@ TEST_F(NvefsTest, TransportFailureIsMapped)
     EXPECT_EQ(extend_requests().size(), 2u) << "the write stops at its first failed chunk";
 }
 
-// A read reply claiming more item bytes (500) than a reply carries gives the
-// 424 it carries and reads nothing past it. Last in the program: the canned
-// reply stays for the shared handset's life.
+// A read reply claiming 500 item bytes gives the 424 a reply carries, reading nothing past them. Last in the
+// program: the canned reply stays for the shared handset's life.
 TEST_F(NvefsTest, ReadReplyClaimingFiveHundredBytesGivesFourHundredTwentyFour)
 {
     auto item = pattern(424, 5);
     std::string hex = "01000000f4010000000000000000000000000000" + to_hex(item);
-    load_scenario(R"({"extend_replies": {"2": {"result": 0, "data": ")" + hex + R"("}}})");
+    load(sim(), R"({"extend_replies": {"2": {"result": 0, "data": ")" + hex + R"("}}})");
     Bytes buf(1000, 0xEE);
     uint32_t len = 1000;
     ASSERT_EQ(pelmox_nv_read(0, 1, buf.data(), &len), 0);

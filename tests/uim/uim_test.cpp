@@ -1,13 +1,6 @@
-// uim_test.cpp - the SIM layer in-process: the EID check digit, the card-command
-// dump, and the UIM client's recovery rule and channels against one kvn-sim.
-#include <gtest/gtest.h>
+// uim_test.cpp - the SIM layer in-process: EID check digit, card-command dump, recovery and channels on a kvn-sim.
 
-#include <cstdlib>
-#include <cstring>
 #include <regex>
-#include <string>
-#include <tuple>
-#include <vector>
 
 #include "../extend/extend_journal.h"
 #include "pelmox_uim.h"
@@ -18,29 +11,25 @@ namespace {
 
 ::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new SimEnvironment);
 
-// The factory line's check digit counts letters as c - '0'.
+// The factory line's check digit counts letters as c - '0' ('d' is 52, not 13).
 TEST(UimEid, CheckDigitCountsLettersAsTheirCharacterMinusZero)
 {
-    // EID, valid, the trace line after "check whether eid valid".
-    const std::tuple<const char *, int, const char *> cases[] = {
+    const std::tuple<const char *, int, const char *> cases[] = { // EID, valid, verdict line
         {"89049032123451234512345678901235", 1, "eid validate pass"},
-        // 'd' counts as 52: remainder 1 (as a hex digit, 13, it would be 96).
-        {"890490321234512345123456789012d0", 1, "eid validate pass"},
-        // Valid if 'd' were 13; as 52 the remainder is 3.
-        {"890490321234512345123456789012d2", 0, "eid validate failed, result = 3"},
+        {"890490321234512345123456789012d0", 1, "eid validate pass"},              // would fail were 'd' 13
+        {"890490321234512345123456789012d2", 0, "eid validate failed, result = 3"}, // would pass were 'd' 13
         {"89049032123451234512345678901234", 0, "eid validate failed, result = 0"},
     };
+    const std::string trace = "RIL[is_eid_valid:N]: ";
     for (const auto &[eid, valid, verdict] : cases) {
         int got = -1;
-        std::string out = captured([&, eid = eid] { got = is_eid_valid(eid); }, true);
-        EXPECT_EQ(got, valid) << eid;
-        const std::string trace = "RIL[is_eid_valid:N]: ";
-        EXPECT_EQ(kvn_test::mask_trace_lines(out), trace + "check whether eid valid\n\n" + trace + verdict + "\n\n") << eid;
+        std::string out = kvn_test::mask_trace_lines(captured([&, eid = eid] { got = is_eid_valid(eid); }, true));
+        EXPECT_EQ(std::pair(got, out), std::pair(valid, trace + "check whether eid valid\n\n" + trace + verdict + "\n\n"))
+            << eid;
     }
 }
 
-// The dump prints the claimed length but never reads past what arrived: the
-// reply sits at the very end of its allocation, so a read past it is caught.
+// The dump prints the claimed length but reads only what arrived (the block ends its allocation, for ASan).
 TEST(UimCardDump, StopsAtTheReceivedBytesWhateverTheBlockClaims)
 {
     const std::tuple<uint32_t, int32_t, const char *> cases[] = { // claimed, received, printed
@@ -79,9 +68,8 @@ PowerOutcome power_down_slot1()
             out.find("try init_uim_qmi_client") != std::string::npos};
 }
 
-// Only transport failures count; a success does not clear the counter; the
-// third failure releases the client; only the next successful init clears
-// it. A failed QMI result (the card's refusal) never counts.
+// Only transport failures count (not the card's refusals), the third releases the client, and only the next
+// successful init clears the counter.
 TEST(UimRecovery, OnlyTransportFailuresCountAndOnlyInitClears)
 {
     ASSERT_TRUE(sim().started());
@@ -105,10 +93,8 @@ TEST(UimRecovery, OnlyTransportFailuresCountAndOnlyInitClears)
     ASSERT_EQ(sim().ctl({"fault", "clear"}).exit_code, 0);
 }
 
-// The card's refusals as the request functions report them: the open and
-// the APDU fail with -1, a rejected close still returns 0 without its
-// success line. The default handset's slot 2 runs on its physical card
-// until a power cycle moves it to the eUICC.
+// The card's refusals: open and APDU fail with -1, a rejected close returns 0 without its success line. Slot 2
+// runs on its physical card until a power cycle moves it to the eUICC.
 TEST(UimChannels, RefusalsComeBackAsTheFunctionsPromise)
 {
     ASSERT_TRUE(sim().started());
@@ -121,9 +107,8 @@ TEST(UimChannels, RefusalsComeBackAsTheFunctionsPromise)
     EXPECT_EQ(channel, 255);
     EXPECT_EQ(open(3), -1) << "no such slot";
 
-    // Switch slot 2 to its eUICC, as the eSIM test does.
     ASSERT_EQ(sim().ctl({"fault", "clear"}).exit_code, 0);
-    const char *argv[] = {"kvn", "5", "10", "1", "1"}; // debug_on 1: flags kept
+    const char *argv[] = {"kvn", "5", "10", "1", "1"}; // the eSIM test moves slot 2 to its eUICC
     std::string out = captured([&] { pelmox_cmn_esim_test(5, const_cast<char **>(argv)); });
     EXPECT_NE(out.find("eID=89049032123451234512345678901235\n"), std::string::npos);
 
