@@ -34,14 +34,11 @@ const std::string kEidTlvs = "020400000000001011001089000102030405060708090a0b0c
 std::string hex(const Bytes &b)
 {
     std::string s;
-    for (uint8_t c : b) {
-        s += "0123456789abcdef"[c >> 4];
-        s += "0123456789abcdef"[c & 15];
-    }
+    for (uint8_t c : b)
+        s += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
     return s;
 }
 
-// A handset of the test's own, which the library finds through KVN_SIM_SOCKET.
 struct Handset {
     kvn_test::SimHandset sim{kScenario};
     Handset() { setenv("KVN_SIM_SOCKET", sim.socket().c_str(), 1); }
@@ -77,8 +74,7 @@ qmi_client_type open_uim(qmi_client_ind_cb ind_cb = nullptr, void *ind_data = nu
 int get_eid(qmi_client_type h, uim_get_eid_resp_msg_v01 *resp, unsigned timeout_ms = 2000,
             uim_slot_enum_v01 slot = UIM_SLOT_2_V01)
 {
-    uim_get_eid_req_msg_v01 req{};
-    req.slot = slot;
+    uim_get_eid_req_msg_v01 req{slot};
     std::memset(resp, 0xCC, sizeof(*resp));
     return qmi_client_send_msg_sync(h, kGetEid, &req, sizeof(req), resp, sizeof(*resp), timeout_ms);
 }
@@ -154,7 +150,6 @@ TEST_F(Uim, TimeoutLateReplyRoundTripAndCodecErrors)
     EXPECT_TRUE(answer_fits(resp, 1));
     EXPECT_NE(hs.sim.journal().back().find(R"("tlvs":[{"type":1,"hex":"01"}])"), std::string::npos);
 
-    // Codec errors on either side are passed through as they are.
     ASSERT_TRUE(hs.ctl({"fault", "uim", "0x65", "truncate"}));
     EXPECT_EQ(QMI_IDL_LIB_MESSAGE_DATA_ERROR, get_eid(h, &resp));
     uim_open_logical_channel_req_msg_v01 req{};
@@ -217,11 +212,10 @@ TEST(Client, ServiceKilledMidCallFailsTheCallAndReportsOnce)
         }
         uim_get_eid_resp_msg_v01 resp;
         EXPECT_EQ(QMI_SERVICE_ERR, get_eid(h, &resp, 10000));
-        if (announced) {
+        if (announced)
             killer.join();
-        } else {
+        else
             ASSERT_EQ(QMI_NO_ERR, qmi_client_register_error_cb(h, on_error, &errs));
-        }
         ASSERT_TRUE(wait_until([&] { return errs.count(QMI_SERVICE_ERR) >= 1; }));
         std::this_thread::sleep_for(50ms); // room for a wrong second report
         const auto all = errs.all();
@@ -265,9 +259,8 @@ TEST_F(Uim, ServiceList)
 }
 
 // A service coming up wakes a notifier (signal, event 0 once, on the library's thread) and a waiting init.
-TEST(Notifier, ServiceUpAfterTheClientWaits)
+TEST_F(Uim, NotifierAndAWaitingClientSeeTheServiceComeUp)
 {
-    Handset hs;
     ASSERT_TRUE(hs.ctl({"service", "uim", "down"}));
     qmi_client_os_params os{}; // zero-filled, as callers hand it over
     qmi_client_type n = nullptr;
