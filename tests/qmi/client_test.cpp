@@ -152,9 +152,7 @@ TEST_F(Uim, TimeoutLateReplyRoundTripAndCodecErrors)
 
     ASSERT_TRUE(hs.ctl({"fault", "uim", "0x65", "truncate"}));
     EXPECT_EQ(QMI_IDL_LIB_MESSAGE_DATA_ERROR, get_eid(h, &resp));
-    uim_open_logical_channel_req_msg_v01 req{};
-    req.aid_valid = 1;
-    req.aid_len = 40; // above the AID maximum: refused before anything is sent
+    uim_open_logical_channel_req_msg_v01 req{.aid_valid = 1, .aid_len = 40}; // above the maximum: never sent
     uim_open_logical_channel_resp_msg_v01 oresp;
     EXPECT_EQ(QMI_IDL_LIB_ARRAY_TOO_BIG, qmi_client_send_msg_sync(h, QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01, &req,
                                                                   sizeof(req), &oresp, sizeof(oresp), 1000));
@@ -275,9 +273,7 @@ TEST_F(Uim, NotifierAndAWaitingClientSeeTheServiceComeUp)
     EXPECT_EQ(0, os.timed_out);
     ASSERT_TRUE(wait_until([&] { return log.count(0) == 1; }));
     EXPECT_NE(std::this_thread::get_id(), log.all()[0].thread);
-    qmi_client_type h = client.get();
-    ASSERT_NE(nullptr, h);
-    qmi_client_release(h);
+    qmi_client_release(client.get()); // open_uim checks that the wait ended with a handle
     // A notifier registered while the service is up is told once, at once.
     qmi_client_os_params os2{};
     qmi_client_type n2 = nullptr;

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <numeric>
@@ -45,7 +44,6 @@ struct Vector {
     const char *wire;
     std::function<void(void *)> fill;
 };
-void PrintTo(const Vector &c, std::ostream *os) { *os << c.name; }
 
 template <class T, class F>
 Vector vec(const char *name, qmi_idl_service_object_type (*svc)(), qmi_idl_type_of_message_type kind, uint16_t id,
@@ -252,7 +250,6 @@ struct Bad {
     const char *wire;
     const char *same_as = nullptr; // accepted input that must decode to the same record as this one
 };
-void PrintTo(const Bad &c, std::ostream *os) { *os << c.name; }
 
 class MalformedInput : public ::testing::TestWithParam<Bad> {};
 

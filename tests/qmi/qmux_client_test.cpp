@@ -264,7 +264,6 @@ TEST(Qmux, ServiceListOneExchangeNotAcrossAWaitOrRestart)
     qmi_idl_service_object wide = *svc;
     wide.service_id = 0xFFE4;
     EXPECT_EQ(QMI_SERVICE_ERR, qmi_client_get_service_list(&wide, nullptr, nullptr, &n));
-    h = nullptr;
     EXPECT_EQ(QMI_SERVICE_ERR, qmi_client_init_instance(&wide, QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr, &os, 0, &h));
 }
 
