@@ -1,14 +1,9 @@
 // libqmi's qmicli, an independent implementation of the published QMI layouts, against kvn-sim's QMUX terminal.
-#include <gtest/gtest.h>
-
-
 #include "qmux_client.h"
 
 namespace {
 
-// Card status, power off/on, slot status (the eUICC's EID) and SAR as qmicli reads them; what qmicli sets kvn
-// reads back. The services CTL lists follow the handset: the vendor service 0xE4 is listed, the extend service
-// (0xFFE4, two bytes) cannot be, a service taken down is gone, and a client for it is refused.
+// qmicli reads the handset's state, kvn what qmicli set; CTL lists 0xE4, not 0xFFE4 (2 bytes) nor a service taken down.
 TEST(Qmicli, AgreesWithTheHandsetAndWithKvn)
 {
     if (!interop::have_qmicli())
@@ -45,8 +40,7 @@ TEST(Qmicli, AgreesWithTheHandsetAndWithKvn)
     EXPECT_NE(r.err.find("InvalidServiceType"), std::string::npos) << r.err;
 }
 
-// The TLVs (with any malformed rest) of each journalled request of service/msg_id as the journal has them, one
-// line per request.
+// The journalled TLVs of each request of service/msg_id, a line each.
 std::string request_tlvs(const kvn_test::SimHandset &sim, int service, int msg_id)
 {
     const std::string key = "\"service\":" + std::to_string(service) + ",\"msg_id\":" + std::to_string(msg_id) + ",";
@@ -59,8 +53,7 @@ std::string request_tlvs(const kvn_test::SimHandset &sim, int service, int msg_i
     return out;
 }
 
-// For each operation both tools perform, kvn and qmicli run against one handset and the TLVs of their requests
-// are pinned from the journal, side by side. Both act on slot 2, the slot kvn's eSIM test switches.
+// The TLVs kvn and qmicli send for each operation, side by side from the journal; both act on slot 2.
 TEST(Qmicli, RequestTlvsMatchKvnsOrDifferOnPurpose)
 {
     if (!interop::have_qmicli())
@@ -75,14 +68,12 @@ TEST(Qmicli, RequestTlvsMatchKvnsOrDifferOnPurpose)
         int service, msg_id;
         std::string kvn_tlvs, qmicli_tlvs;
     } const rows[] = {
-        // kvn asks for the extended card status (TLV 0x10 = 1) and reads the card states from its TLV 0x13;
-        // libqmi defines neither.
+        // kvn asks for the extended card status (TLV 0x10 = 1, answered in 0x13); libqmi defines neither.
         {"UIM Get Card Status", {"5", "10", "4", "1"}, "PRESENT,PRESENT\n", {"--uim-get-card-status"}, 11, 0x2F,
          R"([{"type":16,"hex":"01"}])", "[]"},
         {"UIM Power Off", {"5", "10", "1", "1"}, "eID=", {"--uim-sim-power-off=2"}, 11, 0x30, "[" + slot2 + "]",
          "[" + slot2 + "]"},
-        // Switching to the eUICC kvn powers up ignoring the slot's hot-swap switch (TLV 0x10 = 1) and names a
-        // telecom card (TLV 0x11 = 0, the card mode); qmicli sends the slot only.
+        // To the eUICC kvn ignores the hot-swap switch (0x10 = 1), names a telecom card (0x11 = 0); qmicli: slot only.
         {"UIM Power On to the eUICC", {"5", "10", "1", "1"}, "eID=", {"--uim-sim-power-on=2"}, 11, 0x31,
          "[" + slot2 + R"(,{"type":16,"hex":"01"},{"type":17,"hex":"00"}])", "[" + slot2 + "]"},
         // Back on the physical card the switch is honoured (TLV 0x10 = 0).

@@ -43,12 +43,8 @@ inline std::string hex(const std::vector<uint8_t> &b)
 {
     static const char d[] = "0123456789abcdef";
     std::string s;
-    for (uint8_t x : b) {
-        if (!s.empty())
-            s += ' ';
-        s += d[x >> 4];
-        s += d[x & 15];
-    }
+    for (uint8_t x : b)
+        s += {d[x >> 4], d[x & 15], ' '};
     return s;
 }
 
@@ -67,8 +63,7 @@ public:
         auto b = unhex(text);
         EXPECT_EQ(write(fd_, b.data(), b.size()), static_cast<ssize_t>(b.size()));
     }
-    // The next frame from the modem, as hex; "" when none comes within the guard time (which only keeps a
-    // broken modem from hanging the test).
+    // The next frame from the modem, as hex; "" when none comes in 10 s (a guard against a hung modem).
     std::string read_frame()
     {
         std::vector<uint8_t> f;
@@ -99,7 +94,6 @@ inline bool have_tool(const char *path, const char *package)
 inline bool have_qmicli() { return have_tool("/usr/bin/qmicli", "libqmi-utils"); }
 inline bool have_qmi_proxy() { return have_tool("/usr/libexec/qmi-proxy", "libqmi-proxy"); }
 
-// qmicli -d PTY --device-open-qmi ARGS...
 inline kvn_test::ProcessResult qmicli(const std::string &pty, const std::vector<std::string> &args)
 {
     std::vector<std::string> argv = {"/usr/bin/qmicli", "-d", pty, "--device-open-qmi"};

@@ -1,5 +1,4 @@
-// kvn over kvn-sim's QMUX terminal, directly and through libqmi's qmi-proxy: the same output as over the socket,
-// the terminal shared with qmicli, no client id left behind, the failure paths.
+// kvn over kvn-sim's QMUX terminal, directly and through libqmi's qmi-proxy, against kvn over the socket.
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -16,7 +15,6 @@ using Args = std::vector<std::string>;
 using kvn_test::SimHandset;
 constexpr const char *kProxy = "/usr/libexec/qmi-proxy";
 
-// kvn's environment for the device: the socket hidden.
 kvn_test::ProcessOptions over(const std::string &dev, bool proxy)
 {
     kvn_test::ProcessOptions o;
@@ -31,8 +29,7 @@ std::string masked(const kvn_test::ProcessResult &r)
     return std::regex_replace(kvn_test::masked_out(r), std::regex("qmi_client 0x[0-9a-f]+"), "qmi_client P");
 }
 
-// A qmi-proxy for the tests that want one. Tests running at once share it (only one can listen), so none stops
-// it: it exits 5 s after its last client leaves. A look (a connection) restarts that time.
+// One qmi-proxy shared by tests running at once (only one can listen): none stops it; it exits 5 s after its last user.
 void start_proxy()
 {
     for (int i = 0; i < 50; ++i) {
@@ -48,8 +45,7 @@ void start_proxy()
     }
 }
 
-// Runs on one handset, in order: the SAR query, the eSIM options that use only UIM (1 and 2 reach the EID file
-// and NV through the extend service), every statistics option.
+// Per handset, in order: the SAR query, the eSIM options using only UIM (not 1 and 2), every statistics option.
 std::vector<std::pair<std::string, std::vector<Args>>> cases()
 {
     std::vector<std::pair<std::string, std::vector<Args>>> v{{"sar", {{"5", "5"}}}, {"esim", {}}, {"stats", {}}};
@@ -109,8 +105,7 @@ TEST(QmuxProxy, KvnAndQmicliShareTheDevice)
         EXPECT_EQ(0, q.get().exit_code);
 }
 
-// Many runs leave no client id allocated: qmicli then gets the first again. 300 runs exhaust a modem's 254 ids
-// if each leaks one; a sanitizer's or an emulator's kvn starts too slowly for that many, and runs fewer.
+// 300 runs (fewer for a slow kvn) would exhaust 254 client ids if each leaked one; qmicli then gets the first.
 TEST(QmuxClientIds, ManyRunsLeaveNoneBehind)
 {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
@@ -129,8 +124,7 @@ TEST(QmuxClientIds, ManyRunsLeaveNoneBehind)
     }
 }
 
-// The device going away (kvn-sim stopped) and a modem restart while a request waits end the run on its failure
-// path at once; no socket and no device: one line on stderr naming it, and the output of a modem without services.
+// The device going away and a modem restart under a waiting request end the run on its failure path at once.
 TEST(QmuxLoss, FailurePaths)
 {
     for (bool restart : {false, true}) {
@@ -138,14 +132,14 @@ TEST(QmuxLoss, FailurePaths)
         const std::string pty = interop::pty_of(sim);
         sim.ctl({"fault", "sar", "2", "no-reply"});
         auto run = std::async(std::launch::async, [&] { return sim.kvn({"5", "5"}, over(pty, false)); });
-        ASSERT_NE(run.wait_for(std::chrono::milliseconds(500)), std::future_status::ready)
-            << "the no-reply fault did not hold the terminal's request back";
+        ASSERT_NE(run.wait_for(std::chrono::milliseconds(500)), std::future_status::ready); // held by the fault
         restart ? sim.ctl({"ssr", "100"}) : (sim.stop(), kvn_test::ProcessResult{});
         EXPECT_EQ(std::future_status::ready, run.wait_for(std::chrono::seconds(2)));
         EXPECT_NE(run.get().out.find("SAR DSI: -1\n"), std::string::npos);
     }
 }
 
+// No socket and no device: one line on stderr naming it, and the output of a modem without services.
 TEST(QmuxAbsent, OneLineNamingWhatIsMissing)
 {
     const std::string dev = "/nonexistent/cdc-wdm0";

@@ -11,8 +11,7 @@ using interop::RawQmux;
 
 std::string frame(const char *text) { return interop::hex(interop::unhex(text)); }
 
-// One exchange: bytes written, and the frame expected back ("" = none; the next step's answer then shows that
-// nothing came in between). Frames are `marker length flags service cid | QMI header | TLVs`.
+// Bytes written, frame expected back ("": none, the next reply shows it) as `marker length flags svc cid | QMI | TLVs`.
 const struct Step {
     const char *what, *request, *reply;
 } kSteps[] = {
@@ -47,7 +46,7 @@ const struct Step {
      "01 1200 80 00 00 | 01 0b 2300 0700 | 02 0400 0100 2200"},
 };
 
-TEST(Qmux, CtlClientIdsFramingAndForeignClients)
+TEST(Qmux, CtlClientIdsFramingForeignClientsAndRunningOut)
 {
     kvn_test::SimHandset sim;
     RawQmux c(interop::pty_of(sim));
@@ -69,24 +68,18 @@ TEST(Qmux, CtlClientIdsFramingAndForeignClients)
     EXPECT_EQ(1, std::count_if(j.begin(), j.end(), [](auto &l) { return l.find("\"service\":11,") != l.npos; }));
     EXPECT_NE(j.back().find(R"("service":0,"msg_id":34,"txn":12,"tlvs":[{"type":1,"hex":"11"}])"), std::string::npos)
         << j.back();
-}
 
-// Client ids run out at 254 (0xFF is the broadcast id), per service.
-TEST(Qmux, ClientIdsRunOut)
-{
-    kvn_test::SimHandset sim;
-    RawQmux c(interop::pty_of(sim));
-    ASSERT_TRUE(c.ok());
+    // Client ids run out at 254 (0xFF is the broadcast id), per service.
     std::string last;
-    for (int i = 0; i < 254; ++i) {
-        c.write_hex("01 0f00 00 00 00 | 00 01 2200 0400 | 01 0100 11");
+    for (int id = 2; id <= 254; ++id) {
+        c.write_hex("01 0f00 00 00 00 | 00 0d 2200 0400 | 01 0100 11");
         last = c.read_frame();
     }
-    EXPECT_EQ(last, frame("01 1700 80 00 00 | 01 01 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 fe"));
-    c.write_hex("01 0f00 00 00 00 | 00 02 2200 0400 | 01 0100 11");
-    EXPECT_EQ(c.read_frame(), frame("01 1200 80 00 00 | 01 02 2200 0700 | 02 0400 0100 0500"));
-    c.write_hex("01 0f00 00 00 00 | 00 03 2200 0400 | 01 0100 0b"); // another service still has all of its own
-    EXPECT_EQ(c.read_frame(), frame("01 1700 80 00 00 | 01 03 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 01"));
+    EXPECT_EQ(last, frame("01 1700 80 00 00 | 01 0d 2200 0c00 | 02 0400 0000 0000 | 01 0200 11 fe"));
+    c.write_hex("01 0f00 00 00 00 | 00 0e 2200 0400 | 01 0100 11");
+    EXPECT_EQ(c.read_frame(), frame("01 1200 80 00 00 | 01 0e 2200 0700 | 02 0400 0100 0500"));
+    c.write_hex("01 0f00 00 00 00 | 00 0f 2200 0400 | 01 0100 0b"); // another service still has its own
+    EXPECT_EQ(c.read_frame(), frame("01 1700 80 00 00 | 01 0f 2200 0c00 | 02 0400 0000 0000 | 01 0200 0b 01"));
 }
 
 } // namespace

@@ -55,24 +55,21 @@ TEST(Properties, SetGetLengthLimitsAndTheLog)
     EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
-// A handset answering a property read with 92 bytes, one more than a property holds: the default is given and
-// nothing is copied past the buffer.
+// A handset answering a property read with 92 bytes, one more than a value holds: the default, nothing past it.
 TEST(Properties, OverlongValueFromTheHandsetGivesTheDefault)
 {
     kvn_test::TempDir dir;
     const std::string path = dir.path() + "/h.sock";
     int lfd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    std::strncpy(a.sun_path, path.c_str(), sizeof(a.sun_path) - 1);
+    sockaddr_un a{AF_UNIX, {}};
+    path.copy(a.sun_path, sizeof(a.sun_path) - 1);
     ASSERT_EQ(0, bind(lfd, reinterpret_cast<sockaddr *>(&a), sizeof(a)));
     ASSERT_EQ(0, listen(lfd, 1));
     std::thread handset([lfd] {
         int fd = accept(lfd, nullptr, nullptr);
         if (fd >= 0 && kvn_wire::read_packet(fd, 3000))
             kvn_wire::write_packet(fd, {kvn_wire::Kind::PropValue}, std::vector<uint8_t>(92, 'v'));
-        if (fd >= 0)
-            close(fd);
+        close(fd); // -1 when accept failed: harmless
     });
     setenv("KVN_SIM_SOCKET", path.c_str(), 1);
     char value[PROPERTY_VALUE_MAX + 8];

@@ -1,5 +1,4 @@
-// The table-driven codec against published wire bytes, every message filled to its maximum, and malformed input
-// refused without a byte written outside the C record.
+// The codec against published wire bytes, every message at its maximum, malformed input refused inside the record.
 #include <network_access_service_v01.h>
 #include <qmi_idl_lib.h>
 #include <specific_absorption_rate_v01.h>
@@ -7,13 +6,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <numeric>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 namespace {
@@ -38,9 +35,6 @@ qmi_idl_service_object_type nas() { return nas_get_service_object_v01(); }
 constexpr auto REQ = QMI_IDL_REQUEST;
 constexpr auto RESP = QMI_IDL_RESPONSE;
 
-const uint8_t kIsdR[16] = {0xA0, 0x00, 0x00, 0x05, 0x59, 0x10, 0x10, 0xFF,
-                           0xFF, 0xFF, 0xFF, 0x89, 0x00, 0x00, 0x01, 0x00};
-
 struct Vector {
     const char *name;
     qmi_idl_service_object_type (*svc)();
@@ -50,7 +44,6 @@ struct Vector {
     const char *wire;
     std::function<void(void *)> fill;
 };
-void PrintTo(const Vector &c, std::ostream *os) { *os << c.name; }
 
 template <class T, class F>
 Vector vec(const char *name, qmi_idl_service_object_type (*svc)(), qmi_idl_type_of_message_type kind, uint16_t id,
@@ -65,9 +58,8 @@ std::vector<Vector> vectors()
     using C = uim_extended_card_info_type_v01;
     return {
         vec<uim_send_apdu_req_msg_v01>("apdu_request", uim, REQ, 0x3B,
-                                       "01 01 00 01 | 02 07 00 05 00 80 CA 9F 7F 00 | 10 01 00 01", [](auto &r) {
-                                           r = {UIM_SLOT_1_V01, 5, {0x80, 0xCA, 0x9F, 0x7F, 0x00}, 1, 1};
-                                       }),
+                                       "01 01 00 01 | 02 07 00 05 00 80 CA 9F 7F 00 | 10 01 00 01",
+                                       [](auto &r) { r = {UIM_SLOT_1_V01, 5, {0x80, 0xCA, 0x9F, 0x7F, 0x00}, 1, 1}; }),
         vec<uim_send_apdu_resp_msg_v01>("apdu_response", uim, RESP, 0x3B,
                                         "02 04 00 00 00 00 00 | 10 05 00 03 00 01 90 00",
                                         [](auto &r) { r = {.apdu_valid = 1, .apdu_len = 3, .apdu = {1, 0x90}}; }),
@@ -98,8 +90,8 @@ std::vector<Vector> vectors()
         vec<uim_open_logical_channel_req_msg_v01>(
             "open_channel_isd_r", uim, REQ, 0x42,
             "01 01 00 02 | 10 11 00 10 A0 00 00 05 59 10 10 FF FF FF FF 89 00 00 01 00 | 11 01 00 01", [](auto &r) {
-                r = {UIM_SLOT_2_V01, 1, 16, {}, 1, UIM_FILE_CONTROL_INFORMATION_FCP_V01};
-                std::memcpy(r.aid, kIsdR, 16);
+                r = {UIM_SLOT_2_V01, 1, 16, {0xA0, 0, 0, 5, 0x59, 0x10, 0x10, 0xFF, 0xFF, 0xFF, 0xFF, 0x89, 0, 0, 1},
+                     1, UIM_FILE_CONTROL_INFORMATION_FCP_V01};
             }),
         vec<uim_open_logical_channel_resp_msg_v01>(
             "open_channel_response", uim, RESP, 0x42,
@@ -172,8 +164,7 @@ INSTANTIATE_TEST_SUITE_P(Messages, PublishedBytes, ::testing::ValuesIn(vectors()
 
 /* ---- every message at its maximum ---- */
 
-// Fills a record as full as its layout allows (every valid flag set, every variable array at its maximum count,
-// every integer at 1), so the encoding has the largest length the table can produce.
+// Every valid flag set, every variable array at its maximum count, every integer 1: the longest encoding.
 void fill_max(const qmi_idl_elem_info *ei, uint8_t *base)
 {
     for (const qmi_idl_elem_info *r = ei; r && r->data_type != QMI_IDL_EOTI; ++r) {
@@ -248,16 +239,17 @@ TEST(ServiceObjects, OnlyTheExactVersionTripleAndKnownMessages)
 
 /* ---- malformed input ---- */
 
+#define RES_OK "02 04 00 00 00 00 00 " // a success result TLV
+
 struct Bad {
     const char *name;
     qmi_idl_type_of_message_type kind;
     uint16_t msg_id;
     size_t c_size;
-    const char *wire;
     int want;
+    const char *wire;
     const char *same_as = nullptr; // accepted input that must decode to the same record as this one
 };
-void PrintTo(const Bad &c, std::ostream *os) { *os << c.name; }
 
 class MalformedInput : public ::testing::TestWithParam<Bad> {};
 
@@ -280,49 +272,40 @@ TEST_P(MalformedInput, RefusedInsideTheRecord)
     }
 }
 
-constexpr size_t kEidResp = sizeof(uim_get_eid_resp_msg_v01);
-constexpr size_t kApduReq = sizeof(uim_send_apdu_req_msg_v01);
+constexpr size_t kEid = sizeof(uim_get_eid_resp_msg_v01);
+constexpr size_t kApdu = sizeof(uim_send_apdu_req_msg_v01);
 constexpr size_t kStatus = sizeof(uim_get_card_status_resp_msg_v01);
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, MalformedInput,
     ::testing::Values(
-        Bad{"tlv_runs_past_end", RESP, 0x65, kEidResp, "02 04 00 00 00 00 00 10 11 00 10 01 02 03",
-            QMI_IDL_LIB_MESSAGE_DATA_ERROR},
-        Bad{"cut_inside_tlv_header", RESP, 0x65, kEidResp, "02 04 00 00 00 00 00 10 11",
-            QMI_IDL_LIB_MESSAGE_DATA_ERROR},
-        Bad{"count_above_maximum", RESP, 0x65, kEidResp,
-            "02 04 00 00 00 00 00 10 12 00 11 00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10",
-            QMI_IDL_LIB_ARRAY_TOO_BIG},
-        Bad{"count_beyond_tlv", RESP, 0x65, kEidResp, "02 04 00 00 00 00 00 10 03 00 05 01 02",
-            QMI_IDL_LIB_LENGTH_INCONSISTENCY},
-        Bad{"tlv_longer_than_field", REQ, 0x30, 4, "01 02 00 02 00", QMI_IDL_LIB_TLV_TOO_LONG},
-        Bad{"result_tlv_too_short", RESP, 0x30, 8, "02 03 00 00 00 00", QMI_IDL_LIB_LENGTH_INCONSISTENCY},
-        Bad{"missing_mandatory_apdu", REQ, 0x3B, kApduReq, "01 01 00 01 10 01 00 01", QMI_IDL_LIB_MISSING_TLV},
-        Bad{"missing_result", RESP, 0x65, kEidResp, "10 01 00 00", QMI_IDL_LIB_MISSING_TLV},
-        Bad{"duplicated_tlv", REQ, 0x30, 4, "01 01 00 01 01 01 00 02", QMI_IDL_LIB_MESSAGE_DATA_ERROR},
-        Bad{"apdu_u16_count_above_1024", REQ, 0x3B, kApduReq, "01 01 00 01 02 02 00 01 04", QMI_IDL_LIB_ARRAY_TOO_BIG},
-        // Three cards where the legacy status holds two.
-        Bad{"nested_card_count", RESP, 0x2F, kStatus, "02 04 00 00 00 00 00 10 09 00 FF FF FF FF FF FF FF FF 03",
-            QMI_IDL_LIB_ARRAY_TOO_BIG},
-        // An application whose AID runs past the end of its card.
-        Bad{"nested_aid_past_tlv", RESP, 0x2F, kStatus,
-            "02 04 00 00 00 00 00 10 14 00 FF FF FF FF FF FF FF FF 01 01 00 00 00 00 01 02 07 00 00 00 00 20 A0",
-            QMI_IDL_LIB_LENGTH_INCONSISTENCY},
-        Bad{"record_too_small", RESP, 0x65, kEidResp - 1, "02 04 00 00 00 00 00", QMI_IDL_LIB_BUFFER_TOO_SMALL},
-        // Accepted: unknown TLVs are skipped, even past the message's own
-        // largest length, and TLVs may come in any order.
-        Bad{"unknown_tlv_skipped", REQ, 0x30, 4, "7F 03 00 AA BB CC 01 01 00 02", QMI_IDL_LIB_NO_ERR, "01 01 00 02"},
-        Bad{"unknown_tlv_beyond_message_length", RESP, 0x30, 8, "02 04 00 00 00 00 00 7F 04 00 01 02 03 04",
-            QMI_IDL_LIB_NO_ERR, "02 04 00 00 00 00 00"},
-        Bad{"order_reversed", REQ, 0x3B, kApduReq,
-            "10 01 00 01 02 07 00 05 00 80 CA 9F 7F 00 7E 00 00 01 01 00 01", QMI_IDL_LIB_NO_ERR,
+        Bad{"tlv_runs_past_end", RESP, 0x65, kEid, QMI_IDL_LIB_MESSAGE_DATA_ERROR, RES_OK "10 11 00 10 01 02 03"},
+        Bad{"cut_inside_tlv_header", RESP, 0x65, kEid, QMI_IDL_LIB_MESSAGE_DATA_ERROR, RES_OK "10 11"},
+        Bad{"count_above_maximum", RESP, 0x65, kEid, QMI_IDL_LIB_ARRAY_TOO_BIG,
+            RES_OK "10 12 00 11 00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10"},
+        Bad{"count_beyond_tlv", RESP, 0x65, kEid, QMI_IDL_LIB_LENGTH_INCONSISTENCY, RES_OK "10 03 00 05 01 02"},
+        Bad{"tlv_longer_than_field", REQ, 0x30, 4, QMI_IDL_LIB_TLV_TOO_LONG, "01 02 00 02 00"},
+        Bad{"result_tlv_too_short", RESP, 0x30, 8, QMI_IDL_LIB_LENGTH_INCONSISTENCY, "02 03 00 00 00 00"},
+        Bad{"missing_mandatory_apdu", REQ, 0x3B, kApdu, QMI_IDL_LIB_MISSING_TLV, "01 01 00 01 10 01 00 01"},
+        Bad{"missing_result", RESP, 0x65, kEid, QMI_IDL_LIB_MISSING_TLV, "10 01 00 00"},
+        Bad{"duplicated_tlv", REQ, 0x30, 4, QMI_IDL_LIB_MESSAGE_DATA_ERROR, "01 01 00 01 01 01 00 02"},
+        Bad{"apdu_u16_count_above_1024", REQ, 0x3B, kApdu, QMI_IDL_LIB_ARRAY_TOO_BIG, "01 01 00 01 02 02 00 01 04"},
+        // Three cards where the legacy status holds two; then an application whose AID runs past its card.
+        Bad{"nested_card_count", RESP, 0x2F, kStatus, QMI_IDL_LIB_ARRAY_TOO_BIG,
+            RES_OK "10 09 00 FF FF FF FF FF FF FF FF 03"},
+        Bad{"nested_aid_past_tlv", RESP, 0x2F, kStatus, QMI_IDL_LIB_LENGTH_INCONSISTENCY,
+            RES_OK "10 14 00 FF FF FF FF FF FF FF FF 01 01 00 00 00 00 01 02 07 00 00 00 00 20 A0"},
+        Bad{"record_too_small", RESP, 0x65, kEid - 1, QMI_IDL_LIB_BUFFER_TOO_SMALL, RES_OK},
+        // Accepted: unknown TLVs are skipped, even past the message's largest length; TLVs come in any order.
+        Bad{"unknown_tlv_skipped", REQ, 0x30, 4, 0, "7F 03 00 AA BB CC 01 01 00 02", "01 01 00 02"},
+        Bad{"unknown_tlv_beyond_message_length", RESP, 0x30, 8, 0, RES_OK "7F 04 00 01 02 03 04", RES_OK},
+        Bad{"order_reversed", REQ, 0x3B, kApdu, 0, "10 01 00 01 02 07 00 05 00 80 CA 9F 7F 00 7E 00 00 01 01 00 01",
             "01 01 00 01 02 07 00 05 00 80 CA 9F 7F 00 10 01 00 01"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 TEST(Malformed, NothingLongerThanTheServicesLargestMessageIsRead)
 {
-    Bytes in = hex("02 04 00 00 00 00 00");
+    Bytes in = hex(RES_OK);
     const size_t fill = uim()->max_msg_len;
     in.insert(in.end(), {0x7F, uint8_t(fill), uint8_t(fill >> 8)});
     in.resize(in.size() + fill, 0);
@@ -341,14 +324,8 @@ TEST(EncodeRefusals, CountsValuesAndRoom)
         return qmi_idl_message_encode(svc, REQ, id, rec, uint32_t(rec_len), out, room, &len);
     };
 
-    uim_open_logical_channel_req_msg_v01 open{};
-    open.aid_valid = 1;
-    open.aid_len = QMI_UIM_AID_MAX_V01 + 1;
-    EXPECT_EQ(QMI_IDL_LIB_ARRAY_TOO_BIG, encode(uim(), 0x42, &open, sizeof(open), 2048));
-
     // A slot that does not fit the one wire byte is an error, not a silent cut.
-    uim_power_down_req_msg_v01 down{};
-    down.slot = static_cast<uim_slot_enum_v01>(0x102);
+    uim_power_down_req_msg_v01 down{static_cast<uim_slot_enum_v01>(0x102)};
     EXPECT_EQ(QMI_IDL_LIB_PARAMETER_ERROR, encode(uim(), 0x30, &down, sizeof(down), 2048));
 
     down.slot = UIM_SLOT_2_V01;
@@ -359,52 +336,6 @@ TEST(EncodeRefusals, CountsValuesAndRoom)
     // The SAR get-state request is a message without TLVs and without a record.
     EXPECT_EQ(QMI_IDL_LIB_NO_ERR, encode(sar(), 0x02, nullptr, 0, 2048));
     EXPECT_EQ(0u, len);
-}
-
-/* ---- widths and signs ---- */
-
-// A private layout with signed values narrower on the wire than in C, a static array and a 2-byte count, to pin
-// what no standard message here uses.
-struct Signed {
-    int32_t rssi;      // i8 on the wire
-    int16_t snr[2];    // i16 x 2, fixed
-    uint8_t list_valid;
-    uint32_t list_len; // u16 count on the wire
-    int64_t list[3];   // i32 on the wire
-};
-
-constexpr qmi_idl_elem_info kSignedEi[] = {
-    {QMI_IDL_SIGNED, QMI_IDL_NO_ARRAY, 0x01, 1, 4, 0, offsetof(Signed, rssi), nullptr},
-    {QMI_IDL_SIGNED, QMI_IDL_STATIC_ARRAY, 0x01, 2, 2, 2, offsetof(Signed, snr), nullptr},
-    {QMI_IDL_OPT_FLAG, QMI_IDL_NO_ARRAY, 0x10, 0, 1, 0, offsetof(Signed, list_valid), nullptr},
-    {QMI_IDL_DATA_LEN, QMI_IDL_NO_ARRAY, 0x10, 2, 4, 0, offsetof(Signed, list_len), nullptr},
-    {QMI_IDL_SIGNED, QMI_IDL_VAR_ARRAY, 0x10, 4, 8, 3, offsetof(Signed, list), nullptr},
-    {QMI_IDL_EOTI, 0, 0, 0, 0, 0, 0, nullptr},
-};
-constexpr qmi_idl_message_table_entry kSignedMsgs[] = {{0x0020, 64, sizeof(Signed), kSignedEi}};
-constexpr qmi_idl_service_object kSignedSvc = {
-    6, 1, 0x42, 64, {1, 0, 0}, {kSignedMsgs, nullptr, nullptr}, 0, {1, 0, 0}};
-
-TEST(Widths, SignedValuesAreSignExtendedAndRangeChecked)
-{
-    const Bytes wire = hex("01 05 00 B5 F6 FF 0A 00 | 10 0A 00 02 00 FF FF FF FF 00 00 00 80");
-    Signed s;
-    ASSERT_EQ(0, qmi_idl_message_decode(&kSignedSvc, REQ, 0x20, wire.data(), uint32_t(wire.size()), &s, sizeof(s)));
-    EXPECT_EQ(std::tuple(-75, -10, 10, 1, 2u, -1, INT32_MIN),
-              std::tuple(s.rssi, s.snr[0], s.snr[1], s.list_valid, s.list_len, s.list[0], s.list[1]));
-
-    uint8_t out[64];
-    uint32_t len = 0;
-    ASSERT_EQ(0, qmi_idl_message_encode(&kSignedSvc, REQ, 0x20, &s, sizeof(s), out, sizeof(out), &len));
-    EXPECT_EQ(wire, Bytes(out, out + len));
-
-    s.rssi = -129; // below i8
-    EXPECT_EQ(QMI_IDL_LIB_PARAMETER_ERROR,
-              qmi_idl_message_encode(&kSignedSvc, REQ, 0x20, &s, sizeof(s), out, sizeof(out), &len));
-    s.rssi = 127;
-    s.list[0] = int64_t(INT32_MAX) + 1; // above i32
-    EXPECT_EQ(QMI_IDL_LIB_PARAMETER_ERROR,
-              qmi_idl_message_encode(&kSignedSvc, REQ, 0x20, &s, sizeof(s), out, sizeof(out), &len));
 }
 
 } // namespace
