@@ -49,8 +49,7 @@ TEST_F(PropAreaTest, ReadersNeverSeeATornValue)
     EXPECT_GT(seen_b.load(), 0);
 }
 
-// Every change shows at the next read, also across a daemon replaced with an area of its own; once the area is gone the
-// value is unset again.
+// Every change shows at the next read, across a replaced area too; once the area is gone the value is unset again.
 TEST_F(PropAreaTest, NextReadSeesEveryChangeAndAReplacement)
 {
     auto first = make(area);
@@ -91,8 +90,7 @@ TEST_F(PropAreaTest, FileIsOwnerOnlyAndLinksAreNotFollowed)
     EXPECT_EQ(0u, h.dead) << "marked the linked area dead";
 }
 
-// Through a daemon: property_set returns once readers see the value, a change made another way shows at the next read,
-// and the area of a daemon that died is not trusted.
+// property_set returns once readers see the value; the area of a daemon that died is not trusted.
 TEST(PropAreaDaemon, ChangesShowAtOnceAndADeadDaemonIsNotTrusted)
 {
     kvn_test::SimHandset sim;

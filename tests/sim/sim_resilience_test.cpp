@@ -7,14 +7,6 @@ namespace {
 
 const std::string kImeiLine = "data:  08 3A 85 42 00 15 11 11 01";
 
-size_t count(const std::string &text, const std::string &what)
-{
-    size_t n = 0;
-    for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1))
-        ++n;
-    return n;
-}
-
 // A line of /proc/<pid>/<file> starting with key, "" when none.
 std::string proc_line(int pid, const char *file, const std::string &key)
 {
@@ -49,14 +41,6 @@ TEST(SimResilience, PrintFlagPropertiesTakeEffectWhenTheEnvironmentIsUnset)
         EXPECT_EQ(r.out.find("RIL[pelmox_nv_read") != std::string::npos, traces_shown) << r.out;
         EXPECT_EQ(count(sim.ctl({"logcat"}).out, "SUB[") > logged_before, traces_logged);
     }
-    // Keys up to 64 bytes are taken; a longer one is refused, and the refusal logged.
-    const std::string k65 = "persist." + std::string(57, 'k');
-    EXPECT_EQ(sim.ctl({"prop", "set", std::string(64, 'k'), "v"}).exit_code, 0);
-    EXPECT_EQ(sim.ctl({"prop", "set", k65, "v"}).exit_code, 1);
-    auto p = exchange_text(sim.socket(), Kind::PropSet, k65 + '\0' + "v");
-    ASSERT_TRUE(p);
-    EXPECT_EQ(p->hdr.status, 1);
-    EXPECT_EQ(count(sim.ctl({"logcat"}).out, "property refused: property key longer than 64 bytes"), 2u);
 }
 
 TEST(SimResilience, FilesThatAreNotRegular)
@@ -110,8 +94,7 @@ TEST(SimResilience, SocketPathIsClaimedOnceAndOnlyASocketIsReplaced)
     EXPECT_FALSE(fs::exists(sock + ".lock"));
 }
 
-// Out of descriptors, accept() fails while the listener stays readable: the daemon backs off instead of spinning, and
-// serves again once clients leave.
+// Out of descriptors (accept() fails, the listener stays readable) the daemon backs off, not spins, and recovers.
 TEST(SimResilience, DescriptorExhaustionBacksOffAndRecovers)
 {
     kvn_test::TempDir dir;
@@ -139,8 +122,7 @@ TEST(SimResilience, DescriptorExhaustionBacksOffAndRecovers)
 {
     std::vector<int> idle, deaf;
     const std::string journal = R"({"op":"journal"})";
-    Bytes ask = packet(Kind::Control, 0, Bytes(journal.begin(), journal.end()));
-    Bytes many, junk(256);
+    Bytes ask = packet(Kind::Control, 0, Bytes(journal.begin(), journal.end())), many, junk(256);
     for (int i = 0; i < 64; ++i)
         many.insert(many.end(), ask.begin(), ask.end());
     for (unsigned n = 0;; ++n) {
@@ -152,16 +134,13 @@ TEST(SimResilience, DescriptorExhaustionBacksOffAndRecovers)
         }
         if (idle.size() < 200)
             idle.push_back(kvn_wire::connect_unix(sock));
-        if (deaf.size() < 16) {
+        if (deaf.size() < 16)
             deaf.push_back(kvn_wire::connect_unix(sock));
-            fcntl(deaf.back(), F_SETFL, O_NONBLOCK);
-        }
         for (int d : deaf)
             (void)!send(d, many.data(), many.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        for (size_t i = 0; n % 50 == 49 && i < idle.size(); ++i)
-            close(idle[i]);
         if (n % 50 == 49)
-            idle.clear();
+            for (int fd : std::exchange(idle, {}))
+                close(fd);
         usleep(1000);
     }
 }
@@ -179,7 +158,6 @@ TEST(SimResilience, FloodOfGarbageIdleAndNonReadingClients)
     for (int i = 0; i < 3; ++i)
         sim.kvn({"4", "1", "0", "550"}); // a journal to ask for
     const int pid = daemon_pid(sim);
-    const size_t before = rss_kib(pid);
     pid_t flooder = fork();
     ASSERT_GE(flooder, 0);
     if (flooder == 0)
@@ -195,11 +173,8 @@ TEST(SimResilience, FloodOfGarbageIdleAndNonReadingClients)
     waitpid(flooder, nullptr, 0);
     auto st = control(sim.socket());
     ASSERT_TRUE(st.is_object());
-    std::printf("kvn-sim RSS: %zu KiB before, %zu KiB peak under flood (bound %zu KiB); refused %s, evicted %s, "
-                "backlog drops %s\n", before, peak, bound_kib, st["refused"].dump().c_str(),
-                st["evicted"].dump().c_str(), st["backlog_drops"].dump().c_str());
     EXPECT_GT(peak, 0u);
-    EXPECT_LT(peak, bound_kib);
+    EXPECT_LT(peak, bound_kib) << "KiB resident under the flood; " << st;
     EXPECT_GT(st["refused"].get<uint64_t>(), 0u) << "the flooder hit its per-process limit";
 }
 

@@ -98,22 +98,13 @@ TEST(SimSecurity, AGroupOptionOpensTheSocketToThatGroupOnly)
 {
     NEED_NOBODY(pw);
     kvn_test::TempDir dir;
-    DaemonOptions opt{dir.path() + "/st", dir.path() + "/s.sock", "", getgrgid(pw->pw_gid)->gr_name, {}};
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    pid_t pid = fork();
-    if (pid == 0)
-        _exit(run_daemon(opt, ready[1]));
-    close(ready[1]);
-    char buf[256] = {};
-    EXPECT_EQ(read(ready[0], buf, sizeof buf - 1), 3) << buf;
+    const std::string sock = dir.path() + "/s.sock", group = getgrgid(pw->pw_gid)->gr_name;
+    auto r = sim_bin({"start", "--state", dir.path() + "/st", "--socket", sock, "--group", group});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
     struct stat st {};
-    EXPECT_EQ(lstat(opt.socket.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0660u);
-    EXPECT_EQ(st.st_gid, pw->pw_gid);
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
-    close(ready[0]);
+    EXPECT_EQ(lstat(sock.c_str(), &st), 0);
+    EXPECT_EQ(std::pair(st.st_mode & 07777, st.st_gid), std::pair(0660u, pw->pw_gid));
+    EXPECT_EQ(sim_bin({"stop", "--socket", sock}).exit_code, 0);
 }
 
 // Runs fn in a child, switched to pw's user when pw is set; the child's pid.
@@ -125,8 +116,7 @@ pid_t child(const passwd *pw, const std::function<int()> &fn)
     return pid;
 }
 
-// The daemon trusts peers of root, its own user or the group the socket is opened to; a client trusts only a listener
-// of root or its own.
+// The daemon trusts root, its own user or the socket's group; a client trusts only a listener of root or its own.
 TEST(SimSecurity, PeerCredentialsAreCheckedBothWays)
 {
     NEED_NOBODY(pw);
