@@ -98,7 +98,6 @@ TEST_F(NvEfsTest, ChunkedWriteBecomesVisibleOnlyWithItsLastChunk)
     EXPECT_FALSE(h.store.efs_size(0, path));
     EXPECT_EQ(write_chunk(path, inst, 1000, 828, slice(file, 828, 1000)).result, inst);
     EXPECT_EQ(cmd.open_transfers(), 0u);
-    // Reads come in chunks of at most 424 bytes, each telling the whole size.
     EXPECT_EQ(run({4, 0, 0, path, 0, 0, 0}), (NvEfsReply{1000, 424, 0, slice(file, 0, 424)}));
     EXPECT_EQ(run({4, 0, 0, path, 0, 0, 424}), (NvEfsReply{1000, 424, 0, slice(file, 424, 848)}));
     EXPECT_EQ(run({4, 0, 0, path, 0, 0, 848}), (NvEfsReply{1000, 152, 0, slice(file, 848, 1000)}));
@@ -107,7 +106,6 @@ TEST_F(NvEfsTest, ChunkedWriteBecomesVisibleOnlyWithItsLastChunk)
     EXPECT_EQ(run({4, 0, 0, path, 0, 0, 0}).len_send, 100u) << "a scenario's smaller read chunk";
     cmd.set_read_chunk(424);
 
-    // A rewrite replaces the content whole; delete removes it.
     ASSERT_GE(write_chunk(path, 255, 5, 0, pattern(5, 1)).result, 0);
     EXPECT_EQ(run({4, 0, 0, path}), (NvEfsReply{5, 5, 0, pattern(5, 1)}));
     EXPECT_EQ(run({6, 0, 0, path}).result, 0);
@@ -210,9 +208,9 @@ json many(const std::vector<std::string> &at, size_t n, const std::function<std:
         o->operator[](row(i).first) = row(i).second;
     return doc;
 }
-auto numbered(const char *prefix)
+auto numbered(const char *prefix, const json &value = "01")
 {
-    return [prefix](size_t i) { return std::pair{prefix + std::to_string(i), json("01")}; };
+    return [prefix, value](size_t i) { return std::pair{prefix + std::to_string(i), value}; };
 }
 
 // A refused document names what is wrong and changes nothing (each carries a valid NV item); "" rows are bounds taken.
@@ -274,8 +272,7 @@ TEST(Scenario, DocumentsAreCheckedWholeBeforeAnythingChanges)
         {many({"diag_replies"}, 1001,
               [](size_t i) { return std::pair{to_hex(Bytes{uint8_t(i), uint8_t(i >> 8)}), json("01")}; }),
          "1000 diag replies"},
-        {many({"extend_replies"}, 1001, [](size_t i) { return std::pair{std::to_string(i), json{{"result", 0u}}}; }),
-         "1000 extend replies"},
+        {many({"extend_replies"}, 1001, numbered("", {{"result", 0u}})), "1000 extend replies"},
         {many({"vs_stats", "0"}, 1001, numbered("")), "1000 statistics"},
         {faults, "1000 faults"},
     };
@@ -323,8 +320,7 @@ TEST(Scenario, AppliesEveryKind)
     EXPECT_EQ(s.h.store.efs_read(0, "/a/b", 0, 10), (Bytes{1, 2, 3}));
     EXPECT_EQ(s.h.nvefs.read_chunk(), 16u);
     EXPECT_EQ(s.h.extend_replies.at(7).data, (Bytes{0xca, 0xfe}));
-    ASSERT_EQ(s.h.faults.all().size(), 1u);
-    const Fault &f = s.h.faults.all()[0];
+    const Fault &f = s.h.faults.all().at(0);
     EXPECT_EQ(std::tuple(f.service, f.msg_id, f.count, f.after), std::tuple(kServiceUim, 0x2f, 2u, 3u));
     EXPECT_EQ(s.h.props.get("y"), "2");
 }
@@ -377,9 +373,8 @@ TEST(Parsers, ImeiHexNumbersTlvsAndUtf8)
 
 /* ---- the radio services ---- */
 
-// The statistics service answers the records of each asked id it holds, in the order asked; a load replaces only the
-// pairs it names. SAR sets and reports the DSI (u32 on the wire), or leaves TLV 0x10 out when the scenario says null.
-TEST(Radio, StatisticsAndSarAnswers)
+// Statistics in the order asked (a load replaces only the pairs it names); the SAR DSI, left out when null; stats.
+TEST(Radio, StatisticsSarAndModemStatsAnswers)
 {
     Bench s;
     ASSERT_TRUE(s.load(R"({"vs_stats": {"1": {
@@ -402,6 +397,23 @@ TEST(Radio, StatisticsAndSarAnswers)
     ASSERT_TRUE(s.load(R"({"sar_dsi": null})"));
     t = s.ask(0x11, 0x0002, "");
     EXPECT_EQ(Bench::tlv_hex(t, 0x02) + Bench::tlv_hex(t, 0x10), "00000000none");
+
+    // Command 4 request types 20 and 27: defaults, then two loads merged sub-key by sub-key.
+    auto request = [&](uint8_t type) {
+        Bytes payload(512, 0);
+        payload[0] = type;
+        ExtendReply r = s.h.extend4.dispatch(payload.data(), payload.size(), 1);
+        EXPECT_EQ(r.result, 0u);
+        return r.data;
+    };
+    Bytes block = request(20);
+    ASSERT_EQ(block.size(), 8u + 221u);
+    EXPECT_EQ(Bytes(block.begin(), block.begin() + 11), (Bytes{20, 0, 0, 0, 0, 0, 0, 0, 4, 1, 0}));
+    EXPECT_EQ(request(27), (Bytes{27, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    ASSERT_TRUE(s.load(R"({"modem_stats": {"unsupported_log_ids": [45248, 4981], "debug_info_result": -5}})"));
+    ASSERT_TRUE(s.load(R"({"modem_stats": {"debug_info": "02 01", "unsupported_log_ids_result": 7}})"));
+    EXPECT_EQ(request(20), (Bytes{20, 0, 0, 0, 0xfb, 0xff, 0xff, 0xff, 2, 1}));
+    EXPECT_EQ(request(27), (Bytes{27, 0, 0, 0, 7, 0, 0, 0, 2, 0, 0xc0, 0xb0, 0x75, 0x13}));
 }
 
 // Malformed requests are refused; a malformed UIM one (an eUICC reset APDU whose length disagrees) changes nothing.
@@ -449,27 +461,6 @@ TEST(Radio, ResultsOfGoodAndMalformedRequests)
     }
     EXPECT_EQ(s.result(11, 0x3B, "01 0100 02" "10 0100 01" "02 0a00 0800" + reset), ok);
     EXPECT_EQ(s.h.uim.slot(2)->euicc->profiles, 0u);
-}
-
-// Command 4 request types 20 and 27: defaults, then two loads merged sub-key by sub-key.
-TEST(Radio, ModemStatsDefaultsAndMergedAnswers)
-{
-    Bench s;
-    auto request = [&](uint8_t type) {
-        Bytes payload(512, 0);
-        payload[0] = type;
-        ExtendReply r = s.h.extend4.dispatch(payload.data(), payload.size(), 1);
-        EXPECT_EQ(r.result, 0u);
-        return r.data;
-    };
-    Bytes block = request(20);
-    ASSERT_EQ(block.size(), 8u + 221u);
-    EXPECT_EQ(Bytes(block.begin(), block.begin() + 11), (Bytes{20, 0, 0, 0, 0, 0, 0, 0, 4, 1, 0}));
-    EXPECT_EQ(request(27), (Bytes{27, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-    ASSERT_TRUE(s.load(R"({"modem_stats": {"unsupported_log_ids": [45248, 4981], "debug_info_result": -5}})"));
-    ASSERT_TRUE(s.load(R"({"modem_stats": {"debug_info": "02 01", "unsupported_log_ids_result": 7}})"));
-    EXPECT_EQ(request(20), (Bytes{20, 0, 0, 0, 0xfb, 0xff, 0xff, 0xff, 2, 1}));
-    EXPECT_EQ(request(27), (Bytes{27, 0, 0, 0, 7, 0, 0, 0, 2, 0, 0xc0, 0xb0, 0x75, 0x13}));
 }
 
 } // namespace

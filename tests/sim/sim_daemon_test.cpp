@@ -28,7 +28,6 @@ TEST(SimDaemon, ExtendCannedRepliesStubServicesAndTheJournal)
     RawClient c(sim.socket());
     ASSERT_TRUE(c.bind(kExtend));
     EXPECT_EQ(nvefs(c, nv_read(550)), (NvEfsReply{9, 9, 0, {0x08, 0x3A, 0x85, 0x42, 0x00, 0x15, 0x11, 0x11, 0x01}}));
-    // Written over QMI, visible to the control command, and the other way round.
     ASSERT_TRUE(nvefs(c, {2, 0, 7000, "", 2, 0, 0, {0xbe, 0xef}}));
     EXPECT_EQ(sim.ctl({"nv", "get", "0", "7000"}).out, "be ef\n");
     EXPECT_EQ(sim.ctl({"nv", "set", "1", "7001", "0a0b0c"}).exit_code, 0);
@@ -54,7 +53,6 @@ TEST(SimDaemon, ExtendCannedRepliesStubServicesAndTheJournal)
     EXPECT_EQ(std::pair(f.hdr.kind, f.hdr.status), std::pair(Kind::ConnectFail, uint16_t(1)));
     EXPECT_TRUE(absent.closed_by_peer());
 
-    // The journal records requests in order.
     sim.clear_journal();
     ASSERT_TRUE(nvefs(c, nv_read(550), 0x1234));
     ASSERT_TRUE(c.request(0x55, 0x22, {0x01, 0x02, 0x00, 0xAB, 0xCD, 0x10, 0x00, 0x00}) && c.read());
@@ -150,8 +148,7 @@ TEST(SimDaemon, ServiceDownAndModemRestart)
 
     // Modem restart: everything down, back after the delay.
     RawClient uim_watch(sim.socket());
-    ASSERT_TRUE(uim_watch.send(Kind::Watch, 11));
-    ASSERT_TRUE(uim_watch.read());
+    ASSERT_TRUE(uim_watch.send(Kind::Watch, 11) && uim_watch.read());
     auto t0 = std::chrono::steady_clock::now();
     ASSERT_EQ(sim.ctl({"ssr", "600"}).exit_code, 0);
     EXPECT_EQ(watch.next_kind(), Kind::ServiceGone);
@@ -258,7 +255,7 @@ TEST(SimDaemon, BrokenClientsDoNotHurtOthers)
     EXPECT_NE(log.find("dropped"), std::string::npos) << "protocol errors are logged";
 }
 
-TEST(SimCli, StartFailuresUsageEfsFilesAndSigterm)
+TEST(SimCli, StartFailuresUsageFilesAndSigterm)
 {
     kvn_test::TempDir dir;
     std::string scen = dir.path() + "/bad.json", sock = dir.path() + "/s.sock";
@@ -275,6 +272,13 @@ TEST(SimCli, StartFailuresUsageEfsFilesAndSigterm)
     EXPECT_NE(again.err.find("already"), std::string::npos);
     EXPECT_NE(sim.ctl({"load", scen}).exit_code, 0);
     EXPECT_EQ(sim.ctl({"nv", "get", "0", "550"}).out, kImeiText) << "a refused load changes nothing";
+    const std::string fifo = dir.path() + "/fifo"; // named as a scenario or an EFS source: refused, never waited on
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (std::vector<std::string> args : {std::vector<std::string>{"load", fifo}, {"efs", "put", "0", "/f", fifo}}) {
+        auto res = sim.ctl(args);
+        EXPECT_EQ(res.exit_code, 1) << args[0];
+        EXPECT_NE(res.err.find("not a regular file"), std::string::npos) << res.err;
+    }
 
     const std::vector<std::vector<std::string>> usage = {
         {"bogus"}, {"ssr", "soon"}, {"service", "modem", "down"}, {"fault", "extend", "2", "explode"},
@@ -289,8 +293,7 @@ TEST(SimCli, StartFailuresUsageEfsFilesAndSigterm)
 
     // efs put / get / ls / rm through files, larger than one control page.
     std::string src = dir.path() + "/src.bin", content(60000, '\0');
-    for (size_t i = 0; i < content.size(); ++i)
-        content[i] = static_cast<char>(i * 31);
+    std::iota(content.begin(), content.end(), '\0'); // every byte value
     std::ofstream(src, std::ios::binary) << content;
     EXPECT_EQ(sim.ctl({"efs", "put", "1", "/data/blob", src}).exit_code, 0);
     EXPECT_EQ(sim.ctl({"efs", "get", "1", "/data/blob"}).out, content);
@@ -309,8 +312,7 @@ TEST(SimCli, StartFailuresUsageEfsFilesAndSigterm)
     EXPECT_TRUE(sim.start());
 }
 
-// A client rewrites NV items (1 + b bytes of b) and multi-chunk EFS files (500 + 3b bytes of b) while the daemon is
-// killed at random moments: after each restart every item and file is one whole pattern.
+// SIGKILLs amid rewrites of NV items (1 + b bytes of b) and chunked files (500 + 3b) leave each one whole pattern.
 bool whole_pattern(const Bytes &data, size_t base, size_t per)
 {
     return !data.empty() && data.size() == base + per * data[0] &&

@@ -35,16 +35,20 @@ TEST(QmuxPort, RepliesNobodyReadsStayBoundedAndTheSocketIsServed)
     auto rq = unhex("01 1604 00 e4 01 | 00 0100 0702 0a04 | 01 0200 0000 | 02 0200 0500 | 03 fd03 ff");
     for (uint8_t i = 1; i != 0; ++i)
         rq.insert(rq.end(), {i, 0, 0, 0});
-    int w = open(pty.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    UniqueFd fd{open(pty.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC)};
+    const int w = fd.get();
     ASSERT_GE(w, 0);
     size_t off = 0, written = 0;
-    for (int i = 0; i < 3000; ++i) {
-        ssize_t n = write(w, rq.data() + off, rq.size() - off);
-        if (n > 0)
-            off = (off + size_t(n)) % rq.size(), written += size_t(n);
-        else
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    auto feed = [&](bool to_a_whole_request) {
+        for (int i = 0; to_a_whole_request ? off != 0 : i < 3000; ++i) {
+            ssize_t n = write(w, rq.data() + off, rq.size() - off);
+            if (n > 0)
+                off = (off + size_t(n)) % rq.size(), written += size_t(n);
+            else
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    };
+    feed(false);
     EXPECT_LT(written, 1u << 20) << "the writer was not held back";
     json s = control(sim.socket());
     ASSERT_TRUE(s.is_object()) << "a socket request goes unanswered";
@@ -67,12 +71,8 @@ TEST(QmuxPort, RepliesNobodyReadsStayBoundedAndTheSocketIsServed)
         }
     };
     drain();
-    while (off != 0) { // the last request, finished now the daemon reads again
-        ssize_t n = write(w, rq.data() + off, rq.size() - off);
-        off = n > 0 ? (off + size_t(n)) % rq.size() : off;
-    }
+    feed(true); // the last request, finished now the daemon reads again
     drain();
-    close(w);
     EXPECT_EQ(control(sim.socket())["qmux_queued"], 0u);
     c.write_hex(kAllocUim);
     EXPECT_EQ(c.read_frame(), frame(kUimIs1));
@@ -103,6 +103,7 @@ TEST(QmuxPort, AWriterDyingMidFrameIndicationsAndAModemRestart)
 }
 
 // Recorded: UIM 0x7fff with TLV 1 = aa answered with TLV 0x10 = beef, then indication 0x32; then another service.
+// The record answers both ways, other requests are served as usual; malformed records are refused.
 constexpr const char *kReplay = R"({"replay": [
   {"dir":"req","service":11,"msg_id":32767,"txn":5,"tlvs":[{"type":1,"hex":"aa"}]},
   {"dir":"ind","service":11,"msg_id":49,"txn":0,"tlvs":[]},
@@ -110,7 +111,6 @@ constexpr const char *kReplay = R"({"replay": [
   {"dir":"ind","service":11,"msg_id":50,"txn":0,"tlvs":[{"type":1,"hex":"01"}]},
   {"dir":"req","service":3,"msg_id":1,"txn":6,"tlvs":[]}]})";
 
-// Recorded answers go both ways, others are served as usual; malformed records are refused.
 TEST(Replay, RecordedAnswersOnBothWaysAndStrictRecords)
 {
     SimHandset sim(kReplay);
@@ -162,16 +162,15 @@ TEST(AtTerminal, AWriterTurningEchoOnDoesNotMakeTheDaemonAnswerItself)
     ASSERT_TRUE(sim.started());
     const std::string out = sim.ctl({"status"}).out;
     const auto pos = out.find("device at: up ") + 14;
-    int fd = open(out.substr(pos, out.find('\n', pos) - pos).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const UniqueFd at{open(out.substr(pos, out.find('\n', pos) - pos).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC)};
     termios t{};
-    ASSERT_EQ(tcgetattr(fd, &t), 0) << out;
+    ASSERT_EQ(tcgetattr(at.get(), &t), 0) << out;
     t.c_lflag |= ECHO | ICANON, t.c_iflag |= ICRNL, t.c_oflag |= OPOST | ONLCR; // a terminal program's modes
-    ASSERT_EQ(tcsetattr(fd, TCSANOW, &t), 0);
+    ASSERT_EQ(tcsetattr(at.get(), TCSANOW, &t), 0);
     sim.clear_journal();
-    ASSERT_EQ(write(fd, "AT\r", 3), 3);
+    ASSERT_EQ(write(at.get(), "AT\r", 3), 3);
     std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-    close(fd);
-    EXPECT_EQ(sim.journal().size(), 1u);
+    EXPECT_EQ(sim.journal().size(), 1u) << "the echoed line came back as a request";
 }
 
 // Handle numbers and the UIM client's address differ from run to run.

@@ -1,5 +1,4 @@
-// sim_test.h - what kvn-sim's tests share: a raw client of the daemon's socket, the extend and NV/EFS records, and an
-// in-process handset with a router that is never run (control ops and in-process connections).
+// sim_test.h - kvn-sim's tests share a raw socket client, the extend and NV/EFS records, an in-process handset.
 #pragma once
 
 #include <fcntl.h>
