@@ -161,9 +161,9 @@ TEST_F(NvEfsTest, TransferMistakesAndAbandonedTransfersDropTheTransfer)
         seen.insert(r.result);
     }
     EXPECT_EQ(seen.size(), 255u);
-    EXPECT_EQ(write_chunk("/mine", 255, 10, 0, pattern(4, 1), 100).result, NvEfsCommand::kBusy) << "share used up";
     EXPECT_EQ(write_chunk("/full", 255, 10, 0, pattern(4, 1), 999).result, NvEfsCommand::kBusy) << "all in use";
-    cmd.connection_closed(100);
+    cmd.connection_closed(101);
+    EXPECT_EQ(write_chunk("/mine", 255, 10, 0, pattern(4, 1), 100).result, NvEfsCommand::kBusy) << "share used up";
     EXPECT_GE(write_chunk("/mine", 255, 10, 0, pattern(4, 1), 999).result, 0) << "freed by its connection";
 }
 
