@@ -27,7 +27,7 @@ protected:
 };
 
 // Readers racing a writer that flips between a short and a long value only ever see one of the two whole.
-TEST_F(PropAreaTest, ReadersNeverSeeATornValue)
+TEST_F(PropAreaTest, ReadersSeeEveryValueWholeAndAtTheNextRead)
 {
     auto w = make(area);
     const std::string a = "a", b(91, 'b');
@@ -47,15 +47,9 @@ TEST_F(PropAreaTest, ReadersNeverSeeATornValue)
         r.join();
     EXPECT_EQ(0, bad.load());
     EXPECT_GT(seen_b.load(), 0);
-}
-
-// Every change shows at the next read, also across a daemon replaced with an area of its own; once the area is gone the
-// value is unset again.
-TEST_F(PropAreaTest, NextReadSeesEveryChangeAndAReplacement)
-{
-    auto first = make(area);
+    // Every change shows at the next read, across a replaced area too; once the area is gone the value is unset again.
     for (const char *v : {"1", "two", ""}) {
-        first->set("p", v);
+        w->set("p", v);
         EXPECT_EQ(v, get("p"));
     }
     auto second = make(area);
@@ -65,8 +59,7 @@ TEST_F(PropAreaTest, NextReadSeesEveryChangeAndAReplacement)
     EXPECT_EQ("unset", get("p"));
 }
 
-// A reader trusts neither a link nor a file others may write. The writer makes an owner-only file and replaces a link
-// planted at its path without writing through it (here to another daemon's area, which stays alive).
+// Readers trust neither a link nor a file others may write; the writer replaces a planted link, not writing through.
 TEST_F(PropAreaTest, FileIsOwnerOnlyAndLinksAreNotFollowed)
 {
     std::string real = dir.path() + "/real.props";
@@ -91,8 +84,7 @@ TEST_F(PropAreaTest, FileIsOwnerOnlyAndLinksAreNotFollowed)
     EXPECT_EQ(0u, h.dead) << "marked the linked area dead";
 }
 
-// Through a daemon: property_set returns once readers see the value, a change made another way shows at the next read,
-// and the area of a daemon that died is not trusted.
+// property_set returns once readers see the value; the area of a daemon that died is not trusted.
 TEST(PropAreaDaemon, ChangesShowAtOnceAndADeadDaemonIsNotTrusted)
 {
     kvn_test::SimHandset sim;
@@ -111,30 +103,26 @@ TEST(PropAreaDaemon, ChangesShowAtOnceAndADeadDaemonIsNotTrusted)
 // Log lines share one connection per process, and a closed one is replaced.
 TEST_F(PropAreaTest, LogLinesShareOneConnection)
 {
-    int l = sim_test::listen_at(socket, SOCK_NONBLOCK);
+    const kvn_sim::UniqueFd listener{sim_test::listen_at(socket, SOCK_NONBLOCK)};
+    const int l = listener.get();
     for (int round = 0; round < 2; ++round) {
         for (int i = 0; i < 3; ++i)
             ASSERT_EQ(4, __android_log_print(ANDROID_LOG_INFO, "t", "line"));
-        int c = accept(l, nullptr, nullptr);
+        const kvn_sim::UniqueFd c{accept(l, nullptr, nullptr)};
         EXPECT_GT(0, accept(l, nullptr, nullptr)) << "a connection per line";
         char buf[256];
-        EXPECT_EQ(3 * (16 + 7), recv(c, buf, sizeof buf, MSG_DONTWAIT));
-        close(c);
+        EXPECT_EQ(3 * (16 + 7), recv(c.get(), buf, sizeof buf, MSG_DONTWAIT));
     }
     // A fork opens a connection of its own instead of writing on its parent's.
     ASSERT_EQ(4, __android_log_print(ANDROID_LOG_INFO, "t", "line"));
-    int parent = accept(l, nullptr, nullptr);
+    const kvn_sim::UniqueFd parent{accept(l, nullptr, nullptr)};
     pid_t pid = fork();
     if (pid == 0)
         _exit(__android_log_print(ANDROID_LOG_INFO, "t", "kid") == 3 ? 0 : 1);
     int status = -1;
     ASSERT_EQ(pid, waitpid(pid, &status, 0));
     EXPECT_EQ(0, status);
-    int child = accept(l, nullptr, nullptr);
-    EXPECT_LE(0, child) << "the fork wrote on its parent's connection";
-    close(child);
-    close(parent);
-    close(l);
+    EXPECT_TRUE(kvn_sim::UniqueFd(accept(l, nullptr, nullptr))) << "the fork wrote on its parent's connection";
 }
 
 } // namespace

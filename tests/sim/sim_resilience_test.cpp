@@ -5,16 +5,6 @@ using namespace sim_test;
 
 namespace {
 
-const std::string kImeiLine = "data:  08 3A 85 42 00 15 11 11 01";
-
-size_t count(const std::string &text, const std::string &what)
-{
-    size_t n = 0;
-    for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1))
-        ++n;
-    return n;
-}
-
 // A line of /proc/<pid>/<file> starting with key, "" when none.
 std::string proc_line(int pid, const char *file, const std::string &key)
 {
@@ -29,49 +19,6 @@ size_t rss_kib(int pid)
 {
     std::string line = proc_line(pid, "status", "VmRSS:");
     return line.empty() ? 0 : std::stoul(line.substr(6));
-}
-
-TEST(SimResilience, PrintFlagPropertiesTakeEffectWhenTheEnvironmentIsUnset)
-{
-    SimHandset sim;
-    ASSERT_TRUE(sim.started());
-    kvn_test::ProcessOptions no_flag_env; // kvn with both PELMOX_* variables unset, so the properties decide
-    no_flag_env.env["PELMOX_SHELL_PRINT_FLAG"] = no_flag_env.env["PELMOX_PRINT_FLAG"] = std::nullopt;
-    const std::tuple<const char *, const char *, bool, bool> cases[] = {
-        {"0", "0", false, false}, {"1", "0", true, false}, {"0", "1", false, true}, {"0x100", "0x101", false, true}};
-    for (const auto &[shell, log, traces_shown, traces_logged] : cases) {
-        SCOPED_TRACE(std::string("shell ") + shell + ", log " + log);
-        ASSERT_EQ(sim.ctl({"prop", "set", "persist.vendor.pelmox.shell_print_flag", shell}).exit_code, 0);
-        ASSERT_EQ(sim.ctl({"prop", "set", "persist.vendor.pelmox.print_flag", log}).exit_code, 0);
-        size_t logged_before = count(sim.ctl({"logcat"}).out, "SUB[");
-        auto r = sim.kvn({"4", "1", "0", "550"}, no_flag_env);
-        EXPECT_NE(r.out.find(kImeiLine), std::string::npos) << r.out;
-        EXPECT_EQ(r.out.find("RIL[pelmox_nv_read") != std::string::npos, traces_shown) << r.out;
-        EXPECT_EQ(count(sim.ctl({"logcat"}).out, "SUB[") > logged_before, traces_logged);
-    }
-    // Keys up to 64 bytes are taken; a longer one is refused, and the refusal logged.
-    const std::string k65 = "persist." + std::string(57, 'k');
-    EXPECT_EQ(sim.ctl({"prop", "set", std::string(64, 'k'), "v"}).exit_code, 0);
-    EXPECT_EQ(sim.ctl({"prop", "set", k65, "v"}).exit_code, 1);
-    auto p = exchange_text(sim.socket(), Kind::PropSet, k65 + '\0' + "v");
-    ASSERT_TRUE(p);
-    EXPECT_EQ(p->hdr.status, 1);
-    EXPECT_EQ(count(sim.ctl({"logcat"}).out, "property refused: property key longer than 64 bytes"), 2u);
-}
-
-TEST(SimResilience, FilesThatAreNotRegular)
-{
-    SimHandset sim;
-    ASSERT_TRUE(sim.started());
-    // A FIFO named as a scenario or an EFS source is refused at once; nothing waits for a writer.
-    const std::string fifo = sim.dir() + "/fifo";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    for (std::vector<std::string> args : {std::vector<std::string>{"load", fifo}, {"efs", "put", "0", "/f", fifo}}) {
-        auto r = sim.ctl(args);
-        EXPECT_EQ(r.exit_code, 1) << args[0];
-        EXPECT_NE(r.err.find("not a regular file"), std::string::npos) << r.err;
-    }
-    EXPECT_NE(sim.kvn({"4", "1", "0", "550"}).out.find(kImeiLine), std::string::npos);
 }
 
 TEST(SimResilience, SocketPathIsClaimedOnceAndOnlyASocketIsReplaced)
@@ -95,10 +42,8 @@ TEST(SimResilience, SocketPathIsClaimedOnceAndOnlyASocketIsReplaced)
         starters.emplace_back([&, i] { results[i] = start("new" + std::to_string(i)); });
     for (auto &t : starters)
         t.join();
-    int served = 0;
-    for (const auto &res : results)
-        served += res.exit_code == 0;
-    EXPECT_EQ(served, 1) << results[0].err << " / " << results[1].err << " / " << results[2].err;
+    EXPECT_EQ(std::count_if(results, results + 3, [](const ProcessResult &res) { return res.exit_code == 0; }), 1)
+        << results[0].err << " / " << results[1].err << " / " << results[2].err;
     auto st = control(sock);
     ASSERT_TRUE(st.is_object());
     EXPECT_EQ(sim_bin({"stop", "--socket", sock}).exit_code, 0);
@@ -110,8 +55,7 @@ TEST(SimResilience, SocketPathIsClaimedOnceAndOnlyASocketIsReplaced)
     EXPECT_FALSE(fs::exists(sock + ".lock"));
 }
 
-// Out of descriptors, accept() fails while the listener stays readable: the daemon backs off instead of spinning, and
-// serves again once clients leave.
+// Out of descriptors (accept() fails, the listener stays readable) the daemon backs off, not spins, and recovers.
 TEST(SimResilience, DescriptorExhaustionBacksOffAndRecovers)
 {
     kvn_test::TempDir dir;
@@ -119,12 +63,11 @@ TEST(SimResilience, DescriptorExhaustionBacksOffAndRecovers)
     auto r = kvn_test::run_process({"/bin/sh", "-c", "ulimit -n 40 && exec \"$0\" start --state \"$1\" --socket \"$2\"",
                                     kvn_test::kvn_sim_bin(), dir.path() + "/state", sock});
     ASSERT_EQ(r.exit_code, 0) << r.err;
-    std::vector<int> fds;
-    for (int i = 0; i < 60; ++i)
-        fds.push_back(kvn_wire::connect_unix(sock));
+    std::vector<UniqueFd> fds(60);
+    for (auto &fd : fds)
+        fd.reset(kvn_wire::connect_unix(sock));
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    for (int fd : fds)
-        close(fd);
+    fds.clear();
     json st;
     ASSERT_TRUE(kvn_test::wait_until([&] { return (st = control(sock)).is_object(); }, std::chrono::seconds(5)))
         << "serving again";
@@ -139,8 +82,7 @@ TEST(SimResilience, DescriptorExhaustionBacksOffAndRecovers)
 {
     std::vector<int> idle, deaf;
     const std::string journal = R"({"op":"journal"})";
-    Bytes ask = packet(Kind::Control, 0, Bytes(journal.begin(), journal.end()));
-    Bytes many, junk(256);
+    Bytes ask = packet(Kind::Control, 0, Bytes(journal.begin(), journal.end())), many, junk(256);
     for (int i = 0; i < 64; ++i)
         many.insert(many.end(), ask.begin(), ask.end());
     for (unsigned n = 0;; ++n) {
@@ -152,16 +94,13 @@ TEST(SimResilience, DescriptorExhaustionBacksOffAndRecovers)
         }
         if (idle.size() < 200)
             idle.push_back(kvn_wire::connect_unix(sock));
-        if (deaf.size() < 16) {
+        if (deaf.size() < 16)
             deaf.push_back(kvn_wire::connect_unix(sock));
-            fcntl(deaf.back(), F_SETFL, O_NONBLOCK);
-        }
         for (int d : deaf)
             (void)!send(d, many.data(), many.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        for (size_t i = 0; n % 50 == 49 && i < idle.size(); ++i)
-            close(idle[i]);
         if (n % 50 == 49)
-            idle.clear();
+            for (int fd : std::exchange(idle, {}))
+                close(fd);
         usleep(1000);
     }
 }
@@ -179,7 +118,6 @@ TEST(SimResilience, FloodOfGarbageIdleAndNonReadingClients)
     for (int i = 0; i < 3; ++i)
         sim.kvn({"4", "1", "0", "550"}); // a journal to ask for
     const int pid = daemon_pid(sim);
-    const size_t before = rss_kib(pid);
     pid_t flooder = fork();
     ASSERT_GE(flooder, 0);
     if (flooder == 0)
@@ -188,18 +126,15 @@ TEST(SimResilience, FloodOfGarbageIdleAndNonReadingClients)
     size_t peak = 0;
     for (int i = 0; i < 5; ++i) {
         auto r = sim.kvn({"4", "1", "0", "550"});
-        EXPECT_NE(r.out.find(kImeiLine), std::string::npos) << "run " << i << ":\n" << r.out;
+        EXPECT_NE(r.out.find("data:  08 3A 85 42 00 15 11 11 01"), std::string::npos) << "run " << i << ":\n" << r.out;
         peak = std::max(peak, rss_kib(pid));
     }
     kill(flooder, SIGKILL);
     waitpid(flooder, nullptr, 0);
     auto st = control(sim.socket());
     ASSERT_TRUE(st.is_object());
-    std::printf("kvn-sim RSS: %zu KiB before, %zu KiB peak under flood (bound %zu KiB); refused %s, evicted %s, "
-                "backlog drops %s\n", before, peak, bound_kib, st["refused"].dump().c_str(),
-                st["evicted"].dump().c_str(), st["backlog_drops"].dump().c_str());
     EXPECT_GT(peak, 0u);
-    EXPECT_LT(peak, bound_kib);
+    EXPECT_LT(peak, bound_kib) << "KiB resident under the flood; " << st;
     EXPECT_GT(st["refused"].get<uint64_t>(), 0u) << "the flooder hit its per-process limit";
 }
 

@@ -7,13 +7,13 @@
 
 using namespace sim_test;
 
-// The unprivileged user privilege tests switch to (setuid in a child).
 #define NEED_NOBODY(pw)                                                                                             \
     const passwd *pw = geteuid() == 0 ? getpwnam("nobody") : nullptr;                                              \
     if (!pw)                                                                                                        \
         GTEST_SKIP() << "needs root and a user \"nobody\" to switch to (setuid in a child)";
 
-TEST(SimSecurity, StateAndSocketAreOwnerOnlyWhateverTheUmask)
+// What kvn-sim makes is owner-only whatever the umask; a private directory found wider is narrowed, and must be ours.
+TEST(SimSecurity, StateAndSocketAreOwnerOnly)
 {
     mode_t old = umask(0);
     SimHandset sim(R"({"efs": {"0": {"/a/b": "01"}}})");
@@ -25,12 +25,7 @@ TEST(SimSecurity, StateAndSocketAreOwnerOnlyWhateverTheUmask)
     for (const char *f : {"/efs/sub0/a/b", "/nv/sub0/550", "/logcat.txt", "/kvn-sim.log"})
         EXPECT_EQ(mode_of(sim.state_dir() + f), 0600u) << f;
     EXPECT_EQ(mode_of(sim.socket()), 0600u);
-}
-
-TEST(SimSecurity, APrivateDirectoryIsNarrowedAndMustBeOurs)
-{
-    kvn_test::TempDir dir;
-    const std::string wide = dir.path() + "/wide";
+    const std::string wide = sim.dir() + "/wide";
     std::string err;
     fs::create_directory(wide);
     chmod(wide.c_str(), 0755);
@@ -98,22 +93,13 @@ TEST(SimSecurity, AGroupOptionOpensTheSocketToThatGroupOnly)
 {
     NEED_NOBODY(pw);
     kvn_test::TempDir dir;
-    DaemonOptions opt{dir.path() + "/st", dir.path() + "/s.sock", "", getgrgid(pw->pw_gid)->gr_name, {}};
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    pid_t pid = fork();
-    if (pid == 0)
-        _exit(run_daemon(opt, ready[1]));
-    close(ready[1]);
-    char buf[256] = {};
-    EXPECT_EQ(read(ready[0], buf, sizeof buf - 1), 3) << buf;
+    const std::string sock = dir.path() + "/s.sock", group = getgrgid(pw->pw_gid)->gr_name;
+    auto r = sim_bin({"start", "--state", dir.path() + "/st", "--socket", sock, "--group", group});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
     struct stat st {};
-    EXPECT_EQ(lstat(opt.socket.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0660u);
-    EXPECT_EQ(st.st_gid, pw->pw_gid);
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
-    close(ready[0]);
+    EXPECT_EQ(lstat(sock.c_str(), &st), 0);
+    EXPECT_EQ(std::pair(st.st_mode & 07777, st.st_gid), std::pair(0660u, pw->pw_gid));
+    EXPECT_EQ(sim_bin({"stop", "--socket", sock}).exit_code, 0);
 }
 
 // Runs fn in a child, switched to pw's user when pw is set; the child's pid.
@@ -125,23 +111,21 @@ pid_t child(const passwd *pw, const std::function<int()> &fn)
     return pid;
 }
 
-// The daemon trusts peers of root, its own user or the group the socket is opened to; a client trusts only a listener
-// of root or its own.
+// The daemon trusts root, its own user or the socket's group; a client trusts only a listener of root or its own.
 TEST(SimSecurity, PeerCredentialsAreCheckedBothWays)
 {
     NEED_NOBODY(pw);
     kvn_test::TempDir dir;
     chmod(dir.path().c_str(), 0777);
     const std::string path = dir.path() + "/p.sock", squat = dir.path() + "/squat.sock";
-    int lfd = listen_at(path);
+    UniqueFd lfd{listen_at(path)};
     chmod(path.c_str(), 0777);
     auto peer_of = [&](const passwd *user) {
         pid_t pid = child(user, [&] { return kvn_wire::connect_unix(path) >= 0 ? 0 : 1; });
-        int fd = accept(lfd, nullptr, nullptr);
+        UniqueFd fd{accept(lfd.get(), nullptr, nullptr)};
         waitpid(pid, nullptr, 0);
         std::string why;
-        bool ok = peer_trusted(fd, &why);
-        close(fd);
+        bool ok = peer_trusted(fd.get(), &why);
         return std::make_pair(ok, why);
     };
     EXPECT_TRUE(peer_of(nullptr).first) << "root";
@@ -151,7 +135,6 @@ TEST(SimSecurity, PeerCredentialsAreCheckedBothWays)
     allow_peer_group(pw->pw_gid);
     EXPECT_TRUE(peer_of(pw).first) << "a member of the group the socket is opened to";
     allow_peer_group(std::nullopt);
-    close(lfd);
 
     EXPECT_EQ(kvn_wire::connect_unix(squat, &why), -1);
     EXPECT_EQ(why, "nothing listens at " + squat);
@@ -166,10 +149,7 @@ TEST(SimSecurity, PeerCredentialsAreCheckedBothWays)
     });
     char b;
     ASSERT_EQ(read(ready[0], &b, 1), 1);
-    int fd = kvn_wire::connect_unix(squat, &why);
-    EXPECT_EQ(fd, -1);
-    if (fd >= 0)
-        close(fd); // lets the listener go
+    EXPECT_FALSE(UniqueFd(kvn_wire::connect_unix(squat, &why))) << "connected to a squatter";
     EXPECT_EQ(why, squat + " belongs to uid " + std::to_string(pw->pw_uid) + ", not root or you");
     waitpid(pid, nullptr, 0);
     close(ready[0]);

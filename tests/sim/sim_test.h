@@ -1,5 +1,4 @@
-// sim_test.h - what kvn-sim's tests share: a raw client of the daemon's socket, the extend and NV/EFS records, and an
-// in-process handset with a router that is never run (control ops and in-process connections).
+// sim_test.h - kvn-sim's tests share a raw socket client, the extend and NV/EFS records, an in-process handset.
 #pragma once
 
 #include <fcntl.h>
@@ -48,18 +47,13 @@ inline Bytes packet(Kind kind, uint32_t service = 0, const Bytes &payload = {})
 // The extend request record: TLV 0x01 cmd_id, TLV 0x02 data_len, TLV 0x10 with all 512 data bytes.
 inline Bytes extend_record(uint32_t cmd_id, const Bytes &data)
 {
-    Bytes out, v(4), block(512, 0);
-    auto tlv = [&](uint8_t t, const Bytes &val) {
-        out.insert(out.end(), {t, uint8_t(val.size()), uint8_t(val.size() >> 8)});
-        out.insert(out.end(), val.begin(), val.end());
-    };
-    put_u32(v.data(), cmd_id);
-    tlv(0x01, v);
-    put_u32(v.data(), static_cast<uint32_t>(data.size()));
-    tlv(0x02, v);
+    Bytes block(512, 0);
     std::copy_n(data.begin(), std::min<size_t>(data.size(), 512), block.begin());
-    tlv(0x10, block);
-    return out;
+    TlvWriter w;
+    w.add_u32(0x01, cmd_id);
+    w.add_u32(0x02, static_cast<uint32_t>(data.size()));
+    w.add(0x10, block.data(), block.size());
+    return w.take();
 }
 
 struct ExtendResponse {
@@ -88,21 +82,13 @@ inline std::optional<ExtendResponse> parse_extend(const kvn_wire::Packet &p, uin
 class RawClient {
 public:
     explicit RawClient(const std::string &socket) : fd_(kvn_wire::connect_unix(socket)) {}
-    ~RawClient()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    RawClient(const RawClient &) = delete;
-    RawClient &operator=(const RawClient &) = delete;
-
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
     bool send(Kind kind, uint32_t service, const Bytes &payload = {})
     {
-        return kvn_wire::write_packet(fd_, {kind, 0, service}, payload);
+        return kvn_wire::write_packet(fd(), {kind, 0, service}, payload);
     }
-    bool send_raw(const Bytes &bytes) { return kvn_wire::write_all(fd_, bytes.data(), bytes.size()); }
-    std::optional<kvn_wire::Packet> read(int timeout_ms = 3000) { return kvn_wire::read_packet(fd_, timeout_ms); }
+    bool send_raw(const Bytes &bytes) { return kvn_wire::write_all(fd(), bytes.data(), bytes.size()); }
+    std::optional<kvn_wire::Packet> read(int timeout_ms = 3000) { return kvn_wire::read_packet(fd(), timeout_ms); }
     // The kind of the next packet, Kind{0} when none came.
     Kind next_kind(int timeout_ms = 3000)
     {
@@ -116,7 +102,6 @@ public:
         auto p = send(Kind::Connect, service) ? read() : std::nullopt;
         return p && p->hdr.kind == Kind::ConnectOk && p->hdr.service == service;
     }
-    // Sends one QMI request (flags 0) with the TLV area.
     bool request(uint16_t msg_id, uint16_t txn, const Bytes &tlvs)
     {
         kvn_wire::QmiHeader q{kvn_wire::kQmiRequest, txn, msg_id, static_cast<uint16_t>(tlvs.size())};
@@ -131,13 +116,13 @@ public:
     // True when the peer closed the connection (within timeout_ms).
     bool closed_by_peer(int timeout_ms = 3000) const
     {
-        pollfd p{fd_, POLLIN, 0};
+        pollfd p{fd(), POLLIN, 0};
         uint8_t b;
-        return poll(&p, 1, timeout_ms) > 0 && ::read(fd_, &b, 1) == 0;
+        return poll(&p, 1, timeout_ms) > 0 && ::read(fd(), &b, 1) == 0;
     }
 
 private:
-    int fd_ = -1;
+    UniqueFd fd_;
     uint32_t service_ = 0;
 };
 
@@ -192,7 +177,6 @@ inline std::optional<NvEfsReply> nvefs(RawClient &c, const NvEfsRequest &rq, uin
     return decode_nvefs(Bytes(r->data.begin(), r->data.begin() + 444));
 }
 
-// One packet of a kind carrying text, and its answer.
 inline std::optional<kvn_wire::Packet> exchange_text(const std::string &socket, Kind kind, const std::string &text)
 {
     return kvn_wire::exchange(socket, {kind}, Bytes(text.begin(), text.end()), 5000);
@@ -218,6 +202,14 @@ inline int daemon_pid(const SimHandset &sim)
     return st.is_object() ? st["pid"].get<int>() : -1;
 }
 
+inline size_t count(const std::string &text, const std::string &what)
+{
+    size_t n = 0;
+    for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1))
+        ++n;
+    return n;
+}
+
 inline mode_t mode_of(const fs::path &p)
 {
     struct stat st {};
@@ -231,7 +223,6 @@ inline std::string slurp(const fs::path &p)
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// A listening unix socket at path.
 inline int listen_at(const std::string &path, int flags = 0)
 {
     sockaddr_un a{};
@@ -267,8 +258,18 @@ struct Bench {
         EXPECT_EQ(ok, want_ok) << req.dump().substr(0, 200) << " -> " << reply;
         return reply;
     }
-    std::string error(const json &req) { return call(req, false).value("error", ""); }
-    bool load(const std::string &text, std::string *err) { return apply_scenario(h, json::parse(text), err); }
+    void expect_refused(const json &req, const std::string &why)
+    {
+        std::string e = call(req, false).value("error", "");
+        EXPECT_NE(e.find(why), std::string::npos) << req.dump().substr(0, 200) << " -> " << e;
+    }
+    bool load(const std::string &text) // a scenario that must apply
+    {
+        std::string err;
+        bool ok = apply_scenario(h, json::parse(text), &err);
+        EXPECT_TRUE(ok) << err;
+        return ok;
+    }
     // The response TLVs of one request to a service, and its result TLV as hex ("none" when absent).
     std::vector<Tlv> ask(uint32_t service, uint16_t msg, const std::string &hex)
     {
