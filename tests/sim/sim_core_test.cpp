@@ -101,7 +101,8 @@ TEST_F(NvEfsTest, ChunkedWriteBecomesVisibleOnlyWithItsLastChunk)
     EXPECT_EQ(run({4, 0, 0, path, 0, 0, 0}), (NvEfsReply{1000, 424, 0, slice(file, 0, 424)}));
     EXPECT_EQ(run({4, 0, 0, path, 0, 0, 424}), (NvEfsReply{1000, 424, 0, slice(file, 424, 848)}));
     EXPECT_EQ(run({4, 0, 0, path, 0, 0, 848}), (NvEfsReply{1000, 152, 0, slice(file, 848, 1000)}));
-    EXPECT_LT(run({4, 0, 0, path, 0, 0, 1001}).result, 0) << "position past the end";
+    EXPECT_EQ(run({4, 0, 0, path, 0, 0, 1000}), (NvEfsReply{1000, 0, 0, {}})) << "at the end: nothing left";
+    EXPECT_EQ(run({4, 0, 0, path, 0, 0, 1001}).result, NvEfsCommand::kBadPosition) << "position past the end";
     cmd.set_read_chunk(100);
     EXPECT_EQ(run({4, 0, 0, path, 0, 0, 0}).len_send, 100u) << "a scenario's smaller read chunk";
     cmd.set_read_chunk(424);
