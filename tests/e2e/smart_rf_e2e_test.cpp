@@ -1,5 +1,4 @@
-// smart_rf_e2e_test.cpp - groups 11 (smart test) and 3 (GPIO/RF tests) against a kvn-sim that restarts, dumps,
-// syncs and keeps the test state in EFS files.
+// smart_rf_e2e_test.cpp - groups 11 (smart test) and 3 (GPIO/RF tests) against kvn-sim, its counters and EFS.
 #include <filesystem>
 
 #include "device_tests_e2e.h"
@@ -21,30 +20,24 @@ size_t dump_files(const SimHandset &sim)
 const char kGpioFile[] = "/nv/item_files/modem/pelmox/rf_ant_port_config";
 const char kTxFile[] = "/nv/item_files/modem/antenna/ant_tx_config";
 
-// Groups 11 and 3: notes follow the shell flag, name lines, "invalid par_i" and the help do not; nothing of these
-// reaches the modem. Then SSR, NV sync and a full dump on the same handset.
+// Argument checks (only the notes follow the shell flag; nothing sent), then SSR, NV sync and a default full dump.
 TEST(SmartTestE2e, ArgumentChecksSsrNvSyncAndDefaultDump)
 {
     SimHandset sim;
     const std::string invalid = "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n";
     const std::string cmd_error = "\nnote: Cmd error, should be: kvn 3 ", bad = error_note(268431370);
-    expect_flag_cases(sim, {
-                               {{"11"}, "", k_too_few, 11},
-                               {{"11", "5"}, "", k_too_few, 11},
-                               {{"11", "4", "2"}, "", "\nnote: opt(2) is invalid:\n", 11},
-                               {{"11", "6", "-1"}, "", "\nnote: opt(-1) is invalid:\n", 11},
-                               {{"11", "7"}, "invalid par_i = 7\n", "", 11},
-                               {{"11", "-1"}, "invalid par_i = -1\n", "", 11},
-                               {{"3"}, "", k_too_few, 3},
-                               {{"3", "6"}, "", invalid, 3},
-                               {{"3", "-1"}, "", invalid, 3},
-                               {{"3", "3", "1", "4"}, "pelmox_rf_tx_test_set, argc(5)\n",
-                                "\nnote: need 5 inputs, Pls refer to the following cmd:\n" + bad, 3},
-                               {{"3", "1", "x"}, "pelmox_gpio_test_get\n",
-                                cmd_error + "1 , Pls refer to the following cmd:\n" + bad, 3},
-                               {{"3", "5", "x"}, "pelmox_rf_tx_test_closed\n",
-                                cmd_error + "5 , Pls refer to the following cmd:\n" + bad, 3},
-                           });
+    expect_flag_cases(sim, {{{"11"}, "", k_too_few, 11}, {{"11", "5"}, "", k_too_few, 11},
+                            {{"11", "4", "2"}, "", "\nnote: opt(2) is invalid:\n", 11},
+                            {{"11", "6", "-1"}, "", "\nnote: opt(-1) is invalid:\n", 11},
+                            {{"11", "7"}, "invalid par_i = 7\n", "", 11},
+                            {{"11", "-1"}, "invalid par_i = -1\n", "", 11}, {{"3"}, "", k_too_few, 3},
+                            {{"3", "6"}, "", invalid, 3}, {{"3", "-1"}, "", invalid, 3},
+                            {{"3", "3", "1", "4"}, "pelmox_rf_tx_test_set, argc(5)\n",
+                             "\nnote: need 5 inputs, Pls refer to the following cmd:\n" + bad, 3},
+                            {{"3", "1", "x"}, "pelmox_gpio_test_get\n",
+                             cmd_error + "1 , Pls refer to the following cmd:\n" + bad, 3},
+                            {{"3", "5", "x"}, "pelmox_rf_tx_test_closed\n",
+                             cmd_error + "5 , Pls refer to the following cmd:\n" + bad, 3}});
     EXPECT_EQ(counters(sim), "modem restarts 0, full dumps 0, nv syncs 0");
     EXPECT_TRUE(sim.journal().empty());
 
@@ -72,12 +65,11 @@ TEST(SmartTestE2e, ArgumentChecksSsrNvSyncAndDefaultDump)
     r = sim.kvn({"11", "1"});
     for (const char *line : {"ssr wait_s = 3\n", "modem ssr start to wait 3s to init\n",
                              "modem ssr end to wait 3s to init\n"})
-        EXPECT_TRUE(contains(r.out, line)) << line;
+        EXPECT_THAT(r.out, HasSubstr(line)) << line;
     EXPECT_EQ(counters(sim), "modem restarts 2, full dumps 1, nv syncs 1");
 }
 
-// First run: the policy is saved, SSR closed, the counter written (as 1, the read of the 4-byte file failing), the
-// dump taken. Second run: nothing saved again, no counter, the dump sent at once.
+// First run: policy saved, SSR closed, the counter written as 1, the dump; second run: only the dump.
 TEST(SmartTestE2e, FullDumpFirstAndSecondRun)
 {
     SimHandset sim(R"({"properties": {"persist.radio.ssr_wait_s": "0"}})");
@@ -103,8 +95,7 @@ TEST(SmartTestE2e, FullDumpFirstAndSecondRun)
     EXPECT_EQ(dump_files(sim), 2u);
 }
 
-// SSR already closed and nothing saved: the policy is stored, no counter and no wait, the dump sent at once. A dump
-// request with SSR enabled (sent raw through group 6) only restarts the modem.
+// SSR closed and nothing saved: the policy stored, no counter, no wait. A raw dump with SSR enabled only restarts.
 TEST(SmartTestE2e, FullDumpWithPolicyClosedAndWithSsrEnabled)
 {
     SimHandset sim(R"({"properties": {"persist.vendor.ssr.restart_level": "ALL_DISABLE"}})");
@@ -125,8 +116,7 @@ TEST(SmartTestE2e, FullDumpWithPolicyClosedAndWithSsrEnabled)
     EXPECT_EQ(dump_files(sim), 1u);
 }
 
-// Each switch: its file written or deleted, the handset's log naming the file and its value, NV sync then SSR. A
-// failed delete or write stops before both.
+// Each switch: its file written or deleted, NV sync then SSR; a failed delete or write stops before both.
 TEST(SmartTestE2e, PrintSwitchesOnOffAndFailures)
 {
     SimHandset sim;
@@ -169,10 +159,8 @@ TEST(SmartTestE2e, PrintSwitchesOnOffAndFailures)
     EXPECT_EQ(counters(sim), "modem restarts 4, full dumps 0, nv syncs 4");
 }
 
-// 60 GPIO values: the count says 60, 50 values follow, the modem stores 60 bytes (the last ten zero). No value: the
-// count 0 is refused by the modem. Then set, get and close of the GPIO and RF-transmit tests in order: what each
-// prints and the state file it leaves ("absent" once closed; nullptr: not checked); the band list is strtoul in
-// base 0 (hex, octal, -1 as all ones). During a modem restart the state file cannot be read.
+// 60 GPIO values: count 60, 50 values sent, 60 bytes stored; none: count 0, refused. Then set, get and close in
+// order with the state file each leaves (path nullptr: not checked); the band list is strtoul in base 0.
 TEST(RfTestE2e, GpioAndTxSetGetClose)
 {
     SimHandset sim;
