@@ -11,7 +11,6 @@ using extend_test::le32;
 namespace {
 
 const std::string kFailLine = "pelmox_extend_qmi_send_sync fail, REQUEST_ID_EFS\n";
-const std::string kInvalid = "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n";
 const std::string kReadEntry = "RIL[pelmox_nv_read:N]: function entry ------------->\n"
                                "RIL[pelmox_nv_read:N]: pelmox_nv_read, sub_id 0, nv_id: ";
 const std::string kReadExit = "RIL[pelmox_nv_read:N]: function exit <-------------\n";
@@ -30,8 +29,9 @@ std::string scenario()
 TEST(NvefsE2e, ReadRefusalsWriteDelete)
 {
     SimHandset sim(scenario());
-    const std::string need5 = "\nnote: need 5 inputs, Pls refer to the following cmd:\n" + error_note(268431370);
-    const std::string few = "\nnote: Too few inputs, Pls refer to the following cmd:\n" + error_note(268431370);
+    const std::string refer = ", Pls refer to the following cmd:\n", help = error_note(268431370) + for_group(4);
+    const std::string need5 = "\nnote: need 5 inputs" + refer + help, few = "\nnote: Too few inputs" + refer + help;
+    const std::string invalid = "\nnote: the second parameters is invalid" + refer + for_group(4);
     const struct {
         std::vector<std::string> args;
         std::string out;
@@ -44,14 +44,10 @@ TEST(NvefsE2e, ReadRefusalsWriteDelete)
         {{"4", "1", "0", "7233"},
          kReadEntry + "7233\nRIL[pelmox_nv_read:N]: nv_id is out range(7232)\n" + kReadExit + kFailLine +
              error_note(-109) + for_group(4)},
-        {{"4", "1", "0", "550", "1"}, need5 + for_group(4)}, // a sixth argument is refused, not ignored
-        {{"4", "3", "0"}, need5 + for_group(4)},
-        {{"4", "4", "0", "/a", "x"}, need5 + for_group(4)},
-        {{"4", "2", "0", "550"}, few + for_group(4)},
-        {{"4", "5", "0", "/a"}, few + for_group(4)},
-        {{"4"}, k_too_few + for_group(4)},
-        {{"4", "7"}, kInvalid + for_group(4)},
-        {{"4", "0", "0", "1"}, kInvalid + for_group(4)},
+        {{"4", "1", "0", "550", "1"}, need5}, // a sixth argument is refused, not ignored
+        {{"4", "3", "0"}, need5}, {{"4", "4", "0", "/a", "x"}, need5},
+        {{"4", "2", "0", "550"}, few}, {{"4", "5", "0", "/a"}, few},
+        {{"4"}, k_too_few + for_group(4)}, {{"4", "7"}, invalid}, {{"4", "0", "0", "1"}, invalid},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.args.size() > 3 ? c.args[3] : c.args.back());

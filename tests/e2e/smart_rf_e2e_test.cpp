@@ -69,49 +69,51 @@ TEST(SmartTestE2e, ArgumentChecksSsrNvSyncAndDefaultDump)
     EXPECT_EQ(counters(sim), "modem restarts 2, full dumps 1, nv syncs 1");
 }
 
-// First run: policy saved, SSR closed, the counter written as 1, the dump; second run: only the dump.
-TEST(SmartTestE2e, FullDumpFirstAndSecondRun)
+// Full dumps: a first run saves the policy, closes SSR, writes the counter as 1 (the wait property 0: no wait); a
+// second run only dumps; with SSR already closed the policy is stored, no counter, no wait.
+TEST(SmartTestE2e, FullDumpRunsAndARawDumpWithSsrEnabled)
 {
-    SimHandset sim(R"({"properties": {"persist.radio.ssr_wait_s": "0"}})");
-    auto r = sim.kvn({"11", "1"});
-    for (const char *line : {"need to save ssr state",
-                             "Will trigger Full Dump, the current state: ALL_ENABLE, the default state: \n",
-                             "need to close ssr", "PROP_MODEM_SSR_UPDATE_COUNT write ret: 0, new update_cnt: 1",
-                             "ssr wait_s = 0", "modem ssr will not wait"})
-        EXPECT_NE(r.out.find(line), std::string::npos) << line;
-    EXPECT_EQ(prop(sim, "persist.vendor.ssr.restart_level"), "ALL_DISABLE");
-    EXPECT_EQ(prop(sim, "persist.vendor.ssr.restart_level_bak"), "ALL_ENABLE");
-    EXPECT_EQ(efs_hex(sim, "/nv/item_files/modem/pelmox/ssr_update_count"), "01000000");
-    EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 1, nv syncs 0");
-    EXPECT_EQ(dump_files(sim), 1u);
-
-    ASSERT_TRUE(wait_modem_up(sim));
-    r = sim.kvn({"11", "1"});
-    EXPECT_NE(r.out.find("the current state: ALL_DISABLE, the default state: ALL_ENABLE"), std::string::npos);
-    for (const char *absent : {"need to save", "need to close", "PROP_MODEM_SSR_UPDATE_COUNT", "wait_s"})
-        EXPECT_EQ(r.out.find(absent), std::string::npos) << absent;
-    EXPECT_EQ(efs_hex(sim, "/nv/item_files/modem/pelmox/ssr_update_count"), "01000000");
-    EXPECT_EQ(counters(sim), "modem restarts 2, full dumps 2, nv syncs 0");
-    EXPECT_EQ(dump_files(sim), 2u);
-}
-
-// SSR closed and nothing saved: the policy stored, no counter, no wait. A raw dump with SSR enabled only restarts.
-TEST(SmartTestE2e, FullDumpWithPolicyClosedAndWithSsrEnabled)
-{
+    SimHandset fresh(R"({"properties": {"persist.radio.ssr_wait_s": "0"}})");
     SimHandset sim(R"({"properties": {"persist.vendor.ssr.restart_level": "ALL_DISABLE"}})");
-    auto r = sim.kvn({"11", "1"});
-    EXPECT_NE(r.out.find("need to save ssr state"), std::string::npos);
-    EXPECT_EQ(r.out.find("wait_s"), std::string::npos);
-    EXPECT_EQ(prop(sim, "persist.vendor.ssr.restart_level_bak"), "ALL_DISABLE");
-    EXPECT_EQ(efs_hex(sim, "/nv/item_files/modem/pelmox/ssr_update_count"), "absent");
-    EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 1, nv syncs 0");
+    const struct {
+        const SimHandset &sim;
+        std::vector<const char *> has, lacks;
+        const char *bak, *count, *counters;
+        size_t dumps;
+    } runs[] = {
+        {fresh,
+         {"need to save ssr state", "Will trigger Full Dump, the current state: ALL_ENABLE, the default state: \n",
+          "need to close ssr", "PROP_MODEM_SSR_UPDATE_COUNT write ret: 0, new update_cnt: 1", "ssr wait_s = 0",
+          "modem ssr will not wait"},
+         {}, "ALL_ENABLE", "01000000", "modem restarts 1, full dumps 1, nv syncs 0", 1},
+        {fresh,
+         {"the current state: ALL_DISABLE, the default state: ALL_ENABLE"},
+         {"need to save", "need to close", "PROP_MODEM_SSR_UPDATE_COUNT", "wait_s"}, "ALL_ENABLE", "01000000",
+         "modem restarts 2, full dumps 2, nv syncs 0", 2},
+        {sim, {"need to save ssr state"}, {"wait_s"}, "ALL_DISABLE", "absent", "modem restarts 1, full dumps 1, nv syncs 0",
+         1},
+    };
+    for (const auto &run : runs) {
+        ASSERT_TRUE(wait_modem_up(run.sim));
+        const std::string out = run.sim.kvn({"11", "1"}).out;
+        for (const char *line : run.has)
+            EXPECT_THAT(out, HasSubstr(line));
+        for (const char *line : run.lacks)
+            EXPECT_THAT(out, Not(HasSubstr(line)));
+        EXPECT_EQ(prop(run.sim, "persist.vendor.ssr.restart_level"), "ALL_DISABLE");
+        EXPECT_EQ(prop(run.sim, "persist.vendor.ssr.restart_level_bak"), run.bak);
+        EXPECT_EQ(efs_hex(run.sim, "/nv/item_files/modem/pelmox/ssr_update_count"), run.count);
+        EXPECT_EQ(counters(run.sim), run.counters);
+        EXPECT_EQ(dump_files(run.sim), run.dumps);
+    }
 
+    // A raw dump request (group 6) with SSR enabled only restarts; the reply comes before the restart.
     ASSERT_TRUE(wait_modem_up(sim));
     ASSERT_EQ(sim.ctl({"prop", "set", "persist.vendor.ssr.restart_level", "ALL_ENABLE"}).exit_code, 0);
-    auto raw = sim.kvn({"6", "4", "2", "0", "0", "0", "0", "0", "0", "0", "99", "0", "0", "0", "4", "0", "0", "0",
-                        "0", "32", "0", "0"});
-    // The reply comes before the restart takes the service away.
-    EXPECT_NE(raw.out.find("qmi_id = 4, result = 0\n"), std::string::npos) << raw.out;
+    EXPECT_THAT(sim.kvn({"6", "4", "2", "0", "0", "0", "0", "0", "0", "0", "99", "0", "0", "0", "4", "0", "0", "0", "0",
+                         "32", "0", "0"})
+                    .out,
+                HasSubstr("qmi_id = 4, result = 0\n"));
     EXPECT_EQ(counters(sim), "modem restarts 2, full dumps 1, nv syncs 0");
     EXPECT_EQ(dump_files(sim), 1u);
 }
