@@ -148,9 +148,8 @@ TEST(DiagSendE2e, ThreePathsModesRepliesAndFaults)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.out);
         ASSERT_EQ(sim.ctl({"service", "diag", c.down ? "down" : "up"}).exit_code, 0);
-        std::vector<std::string> args = {"5", "0", "0", "0", "100"}; // no command byte
-        if (c.mode)
-            args = {"5", "0", c.mode, c.type, "1000", "0x4B", "0x12", "0", "0"};
+        auto args = c.mode ? std::vector<std::string>{"5", "0", c.mode, c.type, "1000", "0x4B", "0x12", "0", "0"}
+                           : std::vector<std::string>{"5", "0", "0", "0", "100"}; // no command byte
         EXPECT_EQ(kvn_test::mask_trace_lines(sim.kvn(args).out), entry + c.out);
         if (c.journal_mode)
             modes.push_back(std::string("4b120000 ") + c.journal_mode);
@@ -176,9 +175,8 @@ TEST(DiagSendE2e, ThreePathsModesRepliesAndFaults)
     for (const auto &c : replies) {
         std::vector<std::string> args{"5", "0", "0", "0", "1000"};
         args.insert(args.end(), c.bytes.begin(), c.bytes.end());
-        auto r = sim.kvn(args);
         const std::string len = std::to_string(c.rsp.size() / 5);
-        EXPECT_THAT(r.out, HasSubstr("\nrsp data len(" + len + ")\nrsp data:" + c.rsp + "\n"));
+        EXPECT_THAT(sim.kvn(args).out, HasSubstr("\nrsp data len(" + len + ")\nrsp data:" + c.rsp + "\n"));
     }
     EXPECT_THAT(sim.kvn({"5", "0", "1", "0", "1000", "0"}).out, HasSubstr("rsp data: 0x00"));
     EXPECT_THAT(sim.kvn({"5", "0", "1", "0", "1000", "0x7C"}).out, HasSubstr("rsp data: 0x7C"));

@@ -62,12 +62,7 @@ inline std::string masked(const ProcessResult &r)
     return std::regex_replace(masked_out(r), ptr, "P");
 }
 
-inline ProcessOptions shell_flag(const char *value)
-{
-    ProcessOptions o;
-    o.env["PELMOX_SHELL_PRINT_FLAG"] = value;
-    return o;
-}
+inline ProcessOptions shell_flag(const char *value) { return {{{"PELMOX_SHELL_PRINT_FLAG", value}}}; }
 
 // Runs kvn with no handset to talk to, the log flag 0.
 inline ProcessResult kvn_alone(const std::vector<std::string> &args, const char *shell_flag_value = "1")

@@ -53,12 +53,10 @@ TEST(SmartTestE2e, ArgumentChecksSsrNvSyncAndDefaultDump)
     EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 0, nv syncs 1");
     // On the wire: common message 31 with u32 0x1000, then 35 with no value.
     std::vector<std::string> msgs;
-    for (const auto &line : sim.journal()) {
-        auto j = nlohmann::json::parse(line);
+    for (const auto &j : journal_of(sim, "tlvs"))
         for (const auto &t : j["tlvs"])
             if (t["type"] == 0x10)
                 msgs.push_back(t["hex"].get<std::string>().substr(0, 40));
-    }
     EXPECT_EQ(msgs, (std::vector<std::string>{"02000000000000001f0000000400000000100000",
                                               "0200000000000000230000000000000000000000"}));
     // With no wait property a full dump waits the default 3 seconds first.
@@ -176,8 +174,7 @@ TEST(RfTestE2e, GpioAndTxSetGetClose)
     EXPECT_NE(r.out.find("gpio_v[49]: 50\n"), std::string::npos);
     EXPECT_EQ(r.out.find("gpio_v[50]"), std::string::npos);
     EXPECT_EQ(efs_hex(sim, kGpioFile), expect_file);
-    auto j = nlohmann::json::parse(sim.journal().back());
-    std::string payload = j["tlvs"][2]["hex"];
+    std::string payload = nlohmann::json::parse(sim.journal().back())["tlvs"][2]["hex"];
     EXPECT_EQ(payload.substr(0, 24), "00000000000000003c000000"); // type 0, 0, count 60
     EXPECT_EQ(payload.substr(24 + 49 * 8, 16), "3200000000000000");
 
@@ -185,8 +182,8 @@ TEST(RfTestE2e, GpioAndTxSetGetClose)
     r = sim.kvn({"3", "0"});
     EXPECT_EQ(tool_lines(r.out), "pelmox_gpio_test_set\npelmox_extend_qmi_send_sync fail, REQUEST_ID_COMMON\n" +
                                      error_note(-3) + for_group(3));
-    j = nlohmann::json::parse(sim.journal().back());
-    EXPECT_EQ(j["tlvs"][2]["hex"].get<std::string>().substr(0, 24), "000000000000000000000000");
+    payload = nlohmann::json::parse(sim.journal().back())["tlvs"][2]["hex"];
+    EXPECT_EQ(payload.substr(0, 24), "000000000000000000000000");
     EXPECT_EQ(efs_hex(sim, kGpioFile), expect_file);
 
     const std::string tx_set = "pelmox_rf_tx_test_set, argc(6)\n v_ant(1)\n v_sys(4)\n v_band_list(";

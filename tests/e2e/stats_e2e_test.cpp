@@ -10,10 +10,7 @@ const std::string kSummary =
     "version = 196609, mcc = 29440, mnc_num 128, mnc 704, tac 497189504, cgi 2028284490176, pci 51666\n"
     "freq_band_ind = 64, dl_earfcn = 27450241, dl_bw 1280, ul_earfcn 24836608, ul_bw 1280, allow_access 128, scs 0\n";
 const std::string kRule = "===========================================\n";
-std::string get(int type)
-{
-    return "Get the debug info of modem_stats, mask = 0x" + std::to_string(type) + "\n";
-}
+std::string get(int type) { return "Get the debug info of modem_stats, mask = 0x" + std::to_string(type) + "\n"; }
 std::string check_lines(int version, int enabled, uint64_t not_supported)
 {
     return "UNPK[size:1], version = " + std::to_string(version) +
@@ -256,9 +253,7 @@ TEST(StatsE2e, BothRequestsFail)
         SimHandset sim(scenario(c.modem_stats));
         ASSERT_EQ(sim.ctl(c.before).exit_code, 0);
         std::string out = sim.kvn({"7", "1", c.type}, shell_flag("0")).out;
-        ASSERT_GE(out.size(), c.last.size()) << out;
-        EXPECT_EQ(out.substr(out.size() - c.last.size()), c.last) << out;
-        EXPECT_EQ(out.find(c.last), out.size() - c.last.size()) << "printed twice";
+        EXPECT_EQ(out.find(c.last), out.size() - c.last.size()) << out; // once, at the end
     }
 }
 

@@ -14,8 +14,7 @@ bool once(const std::string &text, const std::string &part)
 std::vector<std::string> uim_requests(const SimHandset &sim)
 {
     std::vector<std::string> out;
-    for (const auto &line : sim.journal()) {
-        auto j = nlohmann::json::parse(line);
+    for (const auto &j : journal_of(sim, "tlvs")) {
         if (j["service"] != 11)
             continue;
         std::string s = hex_of(std::string(1, char(int(j["msg_id"])))) + ":";
