@@ -9,10 +9,9 @@ namespace {
 
 size_t dump_files(const SimHandset &sim)
 {
-    namespace fs = std::filesystem;
     size_t n = 0;
     std::error_code ec;
-    for (const auto &e : fs::directory_iterator(sim.state_dir() + "/dumps", ec))
+    for (const auto &e : std::filesystem::directory_iterator(sim.state_dir() + "/dumps", ec))
         n += e.is_regular_file() && e.file_size() > 0;
     return n;
 }

@@ -21,7 +21,6 @@ extern char **environ;
 namespace kvn_test {
 namespace {
 
-// This process's environment with opt.env's changes applied.
 std::vector<std::string> build_env(const ProcessOptions &opt)
 {
     std::vector<std::string> out;
