@@ -17,7 +17,7 @@ std::string build(const std::string &cmd, const std::string &path, size_t cap = 
     return n < 0 ? "(refused)" : std::string(line.c_str());
 }
 
-TEST(AtLine, FormsByContent)
+TEST(AtLine, FormsByContentAndTheBound)
 {
     const struct {
         const char *cmd, *line;
@@ -32,12 +32,9 @@ TEST(AtLine, FormsByContent)
     };
     for (const auto &c : cases)
         EXPECT_EQ(build(c.cmd, "/dev/smd8"), c.line) << c.cmd;
-}
 
-// A hostile 100-byte command of single quotes with the longest device path still fits the 501 bytes; one byte less
-// of room refuses the line instead of cutting inside an escape. The plain form is cut by its bounded appends.
-TEST(AtLine, EscapedLineFitsOrIsRefused)
-{
+    // 100 hostile bytes with the longest device path fit the 501 bytes; a byte less refuses rather than cutting an
+    // escape. The plain form is cut by its bounded appends.
     const std::string quotes = "$" + std::string(99, '\'');
     const std::string path = "/" + std::string(62, 'p');
     int len = 0;

@@ -1,6 +1,7 @@
 // device_tests_e2e.h - helpers shared by the end-to-end tests of the device test commands.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -21,6 +22,9 @@ using kvn_test::masked_out;
 using kvn_test::ProcessOptions;
 using kvn_test::ProcessResult;
 using kvn_test::SimHandset;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
 
 // What the command prints for its operator: the vendor transport's debug lines and the RIL traces left out.
 inline std::string tool_lines(const std::string &out)
@@ -38,7 +42,7 @@ inline std::string tool_lines(const std::string &out)
     return kept;
 }
 
-// The extend transport's debug lines of the first send of a run (client handle masked), and of each send.
+// The extend transport's debug lines of a run's first send (client handle masked), and of each send.
 inline const std::string k_open = "PELMOX_QMI_NV: qmi_client_get_service_list() returned 0 num_services = 1\n"
                                   "qmi_client_get_service_list, err = 0, num_entries = 1, num_services = 1"
                                   "qmi_client_init, err = 0, handle = H, client_handle = 0QMI client inited\n";
@@ -58,19 +62,13 @@ inline std::string masked(const ProcessResult &r)
     return std::regex_replace(masked_out(r), ptr, "P");
 }
 
-inline ProcessOptions shell_flag(const char *value)
-{
-    ProcessOptions o;
-    o.env["PELMOX_SHELL_PRINT_FLAG"] = value;
-    return o;
-}
+inline ProcessOptions shell_flag(const char *value) { return {{{"PELMOX_SHELL_PRINT_FLAG", value}}}; }
 
 // Runs kvn with no handset to talk to, the log flag 0.
 inline ProcessResult kvn_alone(const std::vector<std::string> &args, const char *shell_flag_value = "1")
 {
-    ProcessOptions opt;
+    ProcessOptions opt = shell_flag(shell_flag_value);
     opt.env["KVN_SIM_SOCKET"] = "/nonexistent/kvn-sim.sock";
-    opt.env["PELMOX_SHELL_PRINT_FLAG"] = shell_flag_value;
     opt.env["PELMOX_PRINT_FLAG"] = "0";
     auto argv = kvn_test::kvn_command();
     argv.insert(argv.end(), args.begin(), args.end());
@@ -95,7 +93,6 @@ inline void expect_flag_cases(const SimHandset &sim, const std::vector<FlagCase>
 
 inline std::string status_of(const SimHandset &sim) { return sim.ctl({"status"}).out; }
 
-// The status line of the modem action counters.
 inline std::string counters(const SimHandset &sim)
 {
     std::istringstream in(status_of(sim));
@@ -142,7 +139,6 @@ inline std::string prop(const SimHandset &sim, const std::string &key)
     return r.exit_code == 0 ? r.out.substr(0, r.out.find('\n')) : "(unset)";
 }
 
-// Loads a scenario into a running handset.
 inline void load(const SimHandset &sim, const std::string &json)
 {
     std::ofstream(sim.dir() + "/load.json") << json;

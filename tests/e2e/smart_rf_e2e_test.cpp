@@ -1,5 +1,4 @@
-// smart_rf_e2e_test.cpp - groups 11 (smart test) and 3 (GPIO/RF tests) against a kvn-sim that restarts, dumps,
-// syncs and keeps the test state in EFS files.
+// smart_rf_e2e_test.cpp - groups 11 (smart test) and 3 (GPIO/RF tests) against kvn-sim, its counters and EFS.
 #include <filesystem>
 
 #include "device_tests_e2e.h"
@@ -10,10 +9,9 @@ namespace {
 
 size_t dump_files(const SimHandset &sim)
 {
-    namespace fs = std::filesystem;
     size_t n = 0;
     std::error_code ec;
-    for (const auto &e : fs::directory_iterator(sim.state_dir() + "/dumps", ec))
+    for (const auto &e : std::filesystem::directory_iterator(sim.state_dir() + "/dumps", ec))
         n += e.is_regular_file() && e.file_size() > 0;
     return n;
 }
@@ -21,30 +19,24 @@ size_t dump_files(const SimHandset &sim)
 const char kGpioFile[] = "/nv/item_files/modem/pelmox/rf_ant_port_config";
 const char kTxFile[] = "/nv/item_files/modem/antenna/ant_tx_config";
 
-// Groups 11 and 3: notes follow the shell flag, name lines, "invalid par_i" and the help do not; nothing of these
-// reaches the modem. Then SSR, NV sync and a full dump on the same handset.
+// Argument checks (only the notes follow the shell flag; nothing sent), then SSR, NV sync and a default full dump.
 TEST(SmartTestE2e, ArgumentChecksSsrNvSyncAndDefaultDump)
 {
     SimHandset sim;
     const std::string invalid = "\nnote: the second parameters is invalid, Pls refer to the following cmd:\n";
     const std::string cmd_error = "\nnote: Cmd error, should be: kvn 3 ", bad = error_note(268431370);
-    expect_flag_cases(sim, {
-                               {{"11"}, "", k_too_few, 11},
-                               {{"11", "5"}, "", k_too_few, 11},
-                               {{"11", "4", "2"}, "", "\nnote: opt(2) is invalid:\n", 11},
-                               {{"11", "6", "-1"}, "", "\nnote: opt(-1) is invalid:\n", 11},
-                               {{"11", "7"}, "invalid par_i = 7\n", "", 11},
-                               {{"11", "-1"}, "invalid par_i = -1\n", "", 11},
-                               {{"3"}, "", k_too_few, 3},
-                               {{"3", "6"}, "", invalid, 3},
-                               {{"3", "-1"}, "", invalid, 3},
-                               {{"3", "3", "1", "4"}, "pelmox_rf_tx_test_set, argc(5)\n",
-                                "\nnote: need 5 inputs, Pls refer to the following cmd:\n" + bad, 3},
-                               {{"3", "1", "x"}, "pelmox_gpio_test_get\n",
-                                cmd_error + "1 , Pls refer to the following cmd:\n" + bad, 3},
-                               {{"3", "5", "x"}, "pelmox_rf_tx_test_closed\n",
-                                cmd_error + "5 , Pls refer to the following cmd:\n" + bad, 3},
-                           });
+    expect_flag_cases(sim, {{{"11"}, "", k_too_few, 11}, {{"11", "5"}, "", k_too_few, 11},
+                            {{"11", "4", "2"}, "", "\nnote: opt(2) is invalid:\n", 11},
+                            {{"11", "6", "-1"}, "", "\nnote: opt(-1) is invalid:\n", 11},
+                            {{"11", "7"}, "invalid par_i = 7\n", "", 11},
+                            {{"11", "-1"}, "invalid par_i = -1\n", "", 11}, {{"3"}, "", k_too_few, 3},
+                            {{"3", "6"}, "", invalid, 3}, {{"3", "-1"}, "", invalid, 3},
+                            {{"3", "3", "1", "4"}, "pelmox_rf_tx_test_set, argc(5)\n",
+                             "\nnote: need 5 inputs, Pls refer to the following cmd:\n" + bad, 3},
+                            {{"3", "1", "x"}, "pelmox_gpio_test_get\n",
+                             cmd_error + "1 , Pls refer to the following cmd:\n" + bad, 3},
+                            {{"3", "5", "x"}, "pelmox_rf_tx_test_closed\n",
+                             cmd_error + "5 , Pls refer to the following cmd:\n" + bad, 3}});
     EXPECT_EQ(counters(sim), "modem restarts 0, full dumps 0, nv syncs 0");
     EXPECT_TRUE(sim.journal().empty());
 
@@ -60,73 +52,70 @@ TEST(SmartTestE2e, ArgumentChecksSsrNvSyncAndDefaultDump)
     EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 0, nv syncs 1");
     // On the wire: common message 31 with u32 0x1000, then 35 with no value.
     std::vector<std::string> msgs;
-    for (const auto &line : sim.journal()) {
-        auto j = nlohmann::json::parse(line);
+    for (const auto &j : journal_of(sim, "tlvs"))
         for (const auto &t : j["tlvs"])
             if (t["type"] == 0x10)
                 msgs.push_back(t["hex"].get<std::string>().substr(0, 40));
-    }
     EXPECT_EQ(msgs, (std::vector<std::string>{"02000000000000001f0000000400000000100000",
                                               "0200000000000000230000000000000000000000"}));
     // With no wait property a full dump waits the default 3 seconds first.
     r = sim.kvn({"11", "1"});
     for (const char *line : {"ssr wait_s = 3\n", "modem ssr start to wait 3s to init\n",
                              "modem ssr end to wait 3s to init\n"})
-        EXPECT_TRUE(contains(r.out, line)) << line;
+        EXPECT_THAT(r.out, HasSubstr(line)) << line;
     EXPECT_EQ(counters(sim), "modem restarts 2, full dumps 1, nv syncs 1");
 }
 
-// First run: the policy is saved, SSR closed, the counter written (as 1, the read of the 4-byte file failing), the
-// dump taken. Second run: nothing saved again, no counter, the dump sent at once.
-TEST(SmartTestE2e, FullDumpFirstAndSecondRun)
+// Full dumps: a first run saves the policy, closes SSR, writes the counter as 1 (the wait property 0: no wait); a
+// second run only dumps; with SSR already closed the policy is stored, no counter, no wait.
+TEST(SmartTestE2e, FullDumpRunsAndARawDumpWithSsrEnabled)
 {
-    SimHandset sim(R"({"properties": {"persist.radio.ssr_wait_s": "0"}})");
-    auto r = sim.kvn({"11", "1"});
-    for (const char *line : {"need to save ssr state",
-                             "Will trigger Full Dump, the current state: ALL_ENABLE, the default state: \n",
-                             "need to close ssr", "PROP_MODEM_SSR_UPDATE_COUNT write ret: 0, new update_cnt: 1",
-                             "ssr wait_s = 0", "modem ssr will not wait"})
-        EXPECT_NE(r.out.find(line), std::string::npos) << line;
-    EXPECT_EQ(prop(sim, "persist.vendor.ssr.restart_level"), "ALL_DISABLE");
-    EXPECT_EQ(prop(sim, "persist.vendor.ssr.restart_level_bak"), "ALL_ENABLE");
-    EXPECT_EQ(efs_hex(sim, "/nv/item_files/modem/pelmox/ssr_update_count"), "01000000");
-    EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 1, nv syncs 0");
-    EXPECT_EQ(dump_files(sim), 1u);
-
-    ASSERT_TRUE(wait_modem_up(sim));
-    r = sim.kvn({"11", "1"});
-    EXPECT_NE(r.out.find("the current state: ALL_DISABLE, the default state: ALL_ENABLE"), std::string::npos);
-    for (const char *absent : {"need to save", "need to close", "PROP_MODEM_SSR_UPDATE_COUNT", "wait_s"})
-        EXPECT_EQ(r.out.find(absent), std::string::npos) << absent;
-    EXPECT_EQ(efs_hex(sim, "/nv/item_files/modem/pelmox/ssr_update_count"), "01000000");
-    EXPECT_EQ(counters(sim), "modem restarts 2, full dumps 2, nv syncs 0");
-    EXPECT_EQ(dump_files(sim), 2u);
-}
-
-// SSR already closed and nothing saved: the policy is stored, no counter and no wait, the dump sent at once. A dump
-// request with SSR enabled (sent raw through group 6) only restarts the modem.
-TEST(SmartTestE2e, FullDumpWithPolicyClosedAndWithSsrEnabled)
-{
+    SimHandset fresh(R"({"properties": {"persist.radio.ssr_wait_s": "0"}})");
     SimHandset sim(R"({"properties": {"persist.vendor.ssr.restart_level": "ALL_DISABLE"}})");
-    auto r = sim.kvn({"11", "1"});
-    EXPECT_NE(r.out.find("need to save ssr state"), std::string::npos);
-    EXPECT_EQ(r.out.find("wait_s"), std::string::npos);
-    EXPECT_EQ(prop(sim, "persist.vendor.ssr.restart_level_bak"), "ALL_DISABLE");
-    EXPECT_EQ(efs_hex(sim, "/nv/item_files/modem/pelmox/ssr_update_count"), "absent");
-    EXPECT_EQ(counters(sim), "modem restarts 1, full dumps 1, nv syncs 0");
+    const struct {
+        const SimHandset &sim;
+        std::vector<const char *> has, lacks;
+        const char *bak, *count, *counters;
+        size_t dumps;
+    } runs[] = {
+        {fresh,
+         {"need to save ssr state", "Will trigger Full Dump, the current state: ALL_ENABLE, the default state: \n",
+          "need to close ssr", "PROP_MODEM_SSR_UPDATE_COUNT write ret: 0, new update_cnt: 1", "ssr wait_s = 0",
+          "modem ssr will not wait"},
+         {}, "ALL_ENABLE", "01000000", "modem restarts 1, full dumps 1, nv syncs 0", 1},
+        {fresh,
+         {"the current state: ALL_DISABLE, the default state: ALL_ENABLE"},
+         {"need to save", "need to close", "PROP_MODEM_SSR_UPDATE_COUNT", "wait_s"}, "ALL_ENABLE", "01000000",
+         "modem restarts 2, full dumps 2, nv syncs 0", 2},
+        {sim, {"need to save ssr state"}, {"wait_s"}, "ALL_DISABLE", "absent", "modem restarts 1, full dumps 1, nv syncs 0",
+         1},
+    };
+    for (const auto &run : runs) {
+        ASSERT_TRUE(wait_modem_up(run.sim));
+        const std::string out = run.sim.kvn({"11", "1"}).out;
+        for (const char *line : run.has)
+            EXPECT_THAT(out, HasSubstr(line));
+        for (const char *line : run.lacks)
+            EXPECT_THAT(out, Not(HasSubstr(line)));
+        EXPECT_EQ(prop(run.sim, "persist.vendor.ssr.restart_level"), "ALL_DISABLE");
+        EXPECT_EQ(prop(run.sim, "persist.vendor.ssr.restart_level_bak"), run.bak);
+        EXPECT_EQ(efs_hex(run.sim, "/nv/item_files/modem/pelmox/ssr_update_count"), run.count);
+        EXPECT_EQ(counters(run.sim), run.counters);
+        EXPECT_EQ(dump_files(run.sim), run.dumps);
+    }
 
+    // A raw dump request (group 6) with SSR enabled only restarts; the reply comes before the restart.
     ASSERT_TRUE(wait_modem_up(sim));
     ASSERT_EQ(sim.ctl({"prop", "set", "persist.vendor.ssr.restart_level", "ALL_ENABLE"}).exit_code, 0);
-    auto raw = sim.kvn({"6", "4", "2", "0", "0", "0", "0", "0", "0", "0", "99", "0", "0", "0", "4", "0", "0", "0",
-                        "0", "32", "0", "0"});
-    // The reply comes before the restart takes the service away.
-    EXPECT_NE(raw.out.find("qmi_id = 4, result = 0\n"), std::string::npos) << raw.out;
+    EXPECT_THAT(sim.kvn({"6", "4", "2", "0", "0", "0", "0", "0", "0", "0", "99", "0", "0", "0", "4", "0", "0", "0", "0",
+                         "32", "0", "0"})
+                    .out,
+                HasSubstr("qmi_id = 4, result = 0\n"));
     EXPECT_EQ(counters(sim), "modem restarts 2, full dumps 1, nv syncs 0");
     EXPECT_EQ(dump_files(sim), 1u);
 }
 
-// Each switch: its file written or deleted, the handset's log naming the file and its value, NV sync then SSR. A
-// failed delete or write stops before both.
+// Each switch: its file written or deleted, NV sync then SSR; a failed delete or write stops before both.
 TEST(SmartTestE2e, PrintSwitchesOnOffAndFailures)
 {
     SimHandset sim;
@@ -169,10 +158,8 @@ TEST(SmartTestE2e, PrintSwitchesOnOffAndFailures)
     EXPECT_EQ(counters(sim), "modem restarts 4, full dumps 0, nv syncs 4");
 }
 
-// 60 GPIO values: the count says 60, 50 values follow, the modem stores 60 bytes (the last ten zero). No value: the
-// count 0 is refused by the modem. Then set, get and close of the GPIO and RF-transmit tests in order: what each
-// prints and the state file it leaves ("absent" once closed; nullptr: not checked); the band list is strtoul in
-// base 0 (hex, octal, -1 as all ones). During a modem restart the state file cannot be read.
+// 60 GPIO values: count 60, 50 values sent, 60 bytes stored; none: count 0, refused. Then set, get and close in
+// order with the state file each leaves (path nullptr: not checked); the band list is strtoul in base 0.
 TEST(RfTestE2e, GpioAndTxSetGetClose)
 {
     SimHandset sim;
@@ -186,8 +173,7 @@ TEST(RfTestE2e, GpioAndTxSetGetClose)
     EXPECT_NE(r.out.find("gpio_v[49]: 50\n"), std::string::npos);
     EXPECT_EQ(r.out.find("gpio_v[50]"), std::string::npos);
     EXPECT_EQ(efs_hex(sim, kGpioFile), expect_file);
-    auto j = nlohmann::json::parse(sim.journal().back());
-    std::string payload = j["tlvs"][2]["hex"];
+    std::string payload = nlohmann::json::parse(sim.journal().back())["tlvs"][2]["hex"];
     EXPECT_EQ(payload.substr(0, 24), "00000000000000003c000000"); // type 0, 0, count 60
     EXPECT_EQ(payload.substr(24 + 49 * 8, 16), "3200000000000000");
 
@@ -195,8 +181,8 @@ TEST(RfTestE2e, GpioAndTxSetGetClose)
     r = sim.kvn({"3", "0"});
     EXPECT_EQ(tool_lines(r.out), "pelmox_gpio_test_set\npelmox_extend_qmi_send_sync fail, REQUEST_ID_COMMON\n" +
                                      error_note(-3) + for_group(3));
-    j = nlohmann::json::parse(sim.journal().back());
-    EXPECT_EQ(j["tlvs"][2]["hex"].get<std::string>().substr(0, 24), "000000000000000000000000");
+    payload = nlohmann::json::parse(sim.journal().back())["tlvs"][2]["hex"];
+    EXPECT_EQ(payload.substr(0, 24), "000000000000000000000000");
     EXPECT_EQ(efs_hex(sim, kGpioFile), expect_file);
 
     const std::string tx_set = "pelmox_rf_tx_test_set, argc(6)\n v_ant(1)\n v_sys(4)\n v_band_list(";

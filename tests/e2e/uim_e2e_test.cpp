@@ -1,11 +1,4 @@
-// uim_e2e_test.cpp - the SIM card commands of group 5 against kvn-sim: the card commands over extend command 4,
-// the eSIM test (sub-command 10) with and without traces, the EID poll and file, restarts, recovery, wire bytes.
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include <string>
-#include <vector>
-
+// uim_e2e_test.cpp - group 5's SIM card commands and eSIM test (sub-command 10) against kvn-sim.
 #include "device_tests_e2e.h"
 
 using namespace devtests;
@@ -21,8 +14,7 @@ bool once(const std::string &text, const std::string &part)
 std::vector<std::string> uim_requests(const SimHandset &sim)
 {
     std::vector<std::string> out;
-    for (const auto &line : sim.journal()) {
-        auto j = nlohmann::json::parse(line);
+    for (const auto &j : journal_of(sim, "tlvs")) {
         if (j["service"] != 11)
             continue;
         std::string s = hex_of(std::string(1, char(int(j["msg_id"])))) + ":";
@@ -33,12 +25,10 @@ std::vector<std::string> uim_requests(const SimHandset &sim)
     return out;
 }
 
-size_t count_prefix(const std::vector<std::string> &v, const std::string &prefix)
+size_t eid_requests(const SimHandset &sim)
 {
-    size_t n = 0;
-    for (const auto &s : v)
-        n += s.rfind(prefix, 0) == 0;
-    return n;
+    auto reqs = uim_requests(sim);
+    return std::count_if(reqs.begin(), reqs.end(), [](const std::string &s) { return s.rfind("65:", 0) == 0; });
 }
 
 void fault(const SimHandset &sim, const std::string &msg, const std::string &kind, int count = 1)
@@ -55,8 +45,7 @@ std::string esim(const SimHandset &sim, int opt, int debug_on)
 const std::string kEid = "89049032123451234512345678901235";
 const char kEidFile[] = "/nv/item_files/modem/uim/uimdrv/esim_eid";
 
-// What a card command prints from its parameter line on: the send line, the transport's lines, the results and the
-// answer block (the type and, when value >= 0, a 4-byte answer holding value; a reply of 20 bytes, else 16).
+// A card command's output from its parameter line: the answer block holds the type and, when value >= 0, value.
 std::string card_sent(const std::string &head, int type, int param_len, int value)
 {
     char block[80];
@@ -69,17 +58,15 @@ std::string card_sent(const std::string &head, int type, int param_len, int valu
            k_open + send_ok(value < 0 ? 16 : 20) + "result = 0, rsp.result = 0\n" + block;
 }
 
-// Wrong argument counts first: the note (whatever the flag), nothing sent; the dispatcher's error note follows the
-// flag, the help does not. Then commands in order, each row seeing what the rows before it did to the card slots,
-// and the vendor service gone: the send fails, its result is the error code.
+// Wrong counts (nothing sent; the dispatcher's error note follows the flag), then commands in order, each row seeing
+// what the rows before did to the slots; then a one-slot handset and the vendor service gone.
 TEST(UimCardCommands, CountsQueryGetSetTypeAndHotSwapInOrder)
 {
     SimHandset sim;
-    const std::string help5_head = help_text::k_banner + "5: cmn option cmd: \n";
     const struct {
         std::vector<std::string> args;
         int flag;
-        std::string head; // output up to the help banner
+        std::string head; // output before the help
     } counts[] = {
         {{"5", "2"}, 1,
          "pelmox_cmn_card_status_get\n\nnote: need 4 inputs, Pls refer to the following cmd:\n"
@@ -91,11 +78,8 @@ TEST(UimCardCommands, CountsQueryGetSetTypeAndHotSwapInOrder)
          "\nnote: Error happen! error_code(268431370)\n"},
         {{"5", "6", "1", "2"}, 0, "opt: 1\n\nnote: need 7 inputs, Pls refer to the following cmd:\n"},
     };
-    for (const auto &c : counts) {
-        std::string out = masked(sim.kvn(c.args, shell_flag(c.flag ? "1" : "0")));
-        EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), c.head) << c.args.size();
-        EXPECT_TRUE(contains(out, help5_head)) << out;
-    }
+    for (const auto &c : counts)
+        EXPECT_EQ(masked(sim.kvn(c.args, shell_flag(c.flag ? "1" : "0"))), c.head + for_group(5)) << c.args.size();
     EXPECT_TRUE(sim.journal().empty());
     const int none = -1; // an answer block without a value
     struct Row {
@@ -127,20 +111,18 @@ TEST(UimCardCommands, CountsQueryGetSetTypeAndHotSwapInOrder)
         EXPECT_EQ(masked(sim.kvn(row.args, shell_flag(row.flag ? "1" : "0"))),
                   card_sent(row.head, row.type, row.param_len, row.value))
             << row.args[1] << " " << row.args.back() << " flag " << row.flag;
-    // A one-slot handset: one slot by type, and slot 2 refused.
     load(sim, R"({"uim": {"slots": {"1": {}}}})");
     EXPECT_EQ(masked(sim.kvn({"5", "4"}, shell_flag("0"))), card_sent("param(cnt: 0):\n\n", 0x38, 0, 1));
-    std::string out = masked(sim.kvn({"5", "2", "1"}, shell_flag("0")));
-    EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)),
+    EXPECT_EQ(masked(sim.kvn({"5", "2", "1"}, shell_flag("0"))),
               "param(cnt: 1):\n 1\npelmox_cmn_cmd_send, t: 55, l: 4\n" + k_open + send_ok(16) +
                   "result = 0, rsp.result = 1\nrsp.result fail\n");
 
     ASSERT_EQ(sim.ctl({"service", "extend", "down"}).exit_code, 0);
-    out = masked(sim.kvn({"5", "4"}, shell_flag("0")));
-    EXPECT_TRUE(contains(out, "result = -2, rsp.result = 0\npelmox_extend_qmi_send_sync fail\n")) << out;
+    EXPECT_THAT(masked(sim.kvn({"5", "4"}, shell_flag("0"))),
+                HasSubstr("result = -2, rsp.result = 0\npelmox_extend_qmi_send_sync fail\n"));
 }
 
-TEST(UimEsim, EveryOptionWithTracesOff)
+TEST(UimEsim, EveryOptionTracesOffWireBytesAndRecovery)
 {
     SimHandset sim;
     struct Row {
@@ -161,9 +143,32 @@ TEST(UimEsim, EveryOptionWithTracesOff)
     };
     for (const auto &row : rows)
         EXPECT_EQ(esim(sim, row.opt, 0), row.out) << "option " << row.opt;
-    // Too few arguments: nothing printed, the dispatcher's note and help.
     std::string out = masked(sim.kvn({"5", "10", "1"}, shell_flag("0")));
-    EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), "");
+    EXPECT_EQ(out.substr(0, out.find(help_text::k_banner)), ""); // the dispatcher's note and help follow
+
+    // Power down/up for the physical card and for the eUICC, reset, status: the bytes sent.
+    sim.clear_journal();
+    for (int opt : {2, 1, 5, 4})
+        esim(sim, opt, 0);
+    EXPECT_EQ(uim_requests(sim),
+              (std::vector<std::string>{"30: 01=02", "31: 01=02 10=00 11=00", "30: 01=02", "31: 01=02 10=01 11=00",
+                                        "65: 01=02", "42: 01=02 10=10a0000005591010ffffffff8900000100 11=01",
+                                        "3b: 01=02 02=0d0080e2910007bf3404820205e000 10=01 11=01",
+                                        "3f: 01=02 11=01 13=00", "2f: 10=01"}));
+
+    // Three failed EID requests: the third releases the client, the fourth creates a new one and gets the EID.
+    fault(sim, "0x65", "truncate", 3);
+    out = esim(sim, 1, 1);
+    EXPECT_TRUE(once(out, "QMI error, try recovery")) << out;
+    size_t release = out.find("RIL[pelmox_uim_request_eid:N]: QMI error, try recovery\n"
+                              "RIL[uim_qmi_client_recovery:N]: uim_qmi_client_recovery qmi_client_release P\n"
+                              "RIL[uim_qmi_client_recovery:N]: function exit <-------------\n"
+                              "RIL[pelmox_uim_request_eid:N]: function exit <-------------\n");
+    ASSERT_NE(release, std::string::npos) << out;
+    EXPECT_LT(out.find("try get eid loop = 2"), release);
+    EXPECT_GT(out.find("try get eid loop = 3"), release);
+    EXPECT_THAT(out.substr(release), HasSubstr("pelmox_uim_request_eid try init_uim_qmi_client P\n"));
+    EXPECT_THAT(out, HasSubstr("eID=" + kEid + "\n"));
 }
 
 // Trace lines of fn; "{" and "}" stand for its entry and exit lines.
@@ -176,7 +181,7 @@ std::string ril(const std::string &fn, const std::vector<std::string> &lines)
     return t;
 }
 
-TEST(UimEsim, CardStatesAndResetWithTraces)
+TEST(UimEsim, CardStatesResetsAndChannelsAcrossRestarts)
 {
     SimHandset sim(R"({"uim": {"slots": {"1": {"card": "absent"},
         "2": {"selected": "euicc", "euicc": {"eid": ")" + kEid + R"(", "profiles": 0}}}}})");
@@ -201,51 +206,46 @@ TEST(UimEsim, CardStatesAndResetWithTraces)
     // A close the card rejects still returns 0, without its success line.
     fault(sim, "0x3f", "qmi-error=48");
     std::string out = esim(sim, 5, 1);
-    EXPECT_FALSE(contains(out, "pelmox_uim_close_channel successfully")) << out;
-    EXPECT_TRUE(contains(out, "pelmox_uim_close_channel res = 0\nvalue=SUCCEED\n")) << out;
-    // Options 0 and 6.
-    EXPECT_EQ(esim(sim, 0, 1), ril(test, {"invalid input skip"}) + "value=FAILED\n");
-    EXPECT_EQ(esim(sim, 6, 1), ril(test, {"invalid input skip"}) + "value=FAILED\n");
+    EXPECT_THAT(out, Not(HasSubstr("pelmox_uim_close_channel successfully")));
+    EXPECT_THAT(out, HasSubstr("pelmox_uim_close_channel res = 0\nvalue=SUCCEED\n"));
+    for (int opt : {0, 6})
+        EXPECT_EQ(esim(sim, opt, 1), ril(test, {"invalid input skip"}) + "value=FAILED\n") << opt;
+
+    // A modem restart (or the service going down) closes the channels failed resets left open: channel 1 is free.
+    load(sim, R"({"uim": {"slots": {"1": {}, "2": {"selected": "euicc", "euicc": {"eid": ")" + kEid + R"("}}}}})");
+    for (int channel = 1; channel <= 3; ++channel) {
+        fault(sim, "0x3b", "qmi-error=3");
+        out = esim(sim, 5, 1);
+        EXPECT_THAT(out, HasSubstr("channel_id = " + std::to_string(channel) + "\n"));
+        EXPECT_THAT(out, HasSubstr("pelmox_uim_send_apdu failed\n"));
+    }
+    // All three open: the card refuses a fourth.
+    out = esim(sim, 5, 1);
+    EXPECT_THAT(out, HasSubstr("pelmox_uim_open_channel failed\n"));
+    EXPECT_THAT(out, HasSubstr("pelmox_uim_open_channel res = -1, channel_id = 255\nvalue=FAILED\n"));
+
+    ASSERT_EQ(sim.ctl({"ssr", "300"}).exit_code, 0);
+    out = esim(sim, 5, 1);
+    EXPECT_THAT(out, HasSubstr("pelmox_uim_open_channel res = 0, channel_id = 1\n"));
+    EXPECT_THAT(out, HasSubstr("delete profile successfully.\n"));
+    EXPECT_THAT(out, HasSubstr("value=SUCCEED\n"));
+
+    fault(sim, "0x3b", "qmi-error=3");
+    EXPECT_EQ(esim(sim, 5, 0), "value=FAILED\n");
+    ASSERT_EQ(sim.ctl({"service", "uim", "down"}).exit_code, 0);
+    ASSERT_EQ(sim.ctl({"service", "uim", "up"}).exit_code, 0);
+    out = esim(sim, 5, 1);
+    EXPECT_THAT(out, HasSubstr("channel_id = 1\n"));
 }
 
-// Option 1 with an eUICC that answers on the fifth attempt: five polls, one check, one file write on a fresh
-// handset and none on the next run.
-TEST(UimEsim, EidOnFifthAttemptStoredOnce)
-{
-    SimHandset sim(R"({"uim": {"slots": {"1": {}, "2": {"euicc": {"eid": ")" + kEid +
-                   R"(", "eid_ready_after": 4}}}}})");
-    std::string out = esim(sim, 1, 1);
-    for (int i = 0; i < 5; ++i)
-        EXPECT_TRUE(contains(out, "try get eid loop = " + std::to_string(i) + "\n")) << i;
-    EXPECT_FALSE(contains(out, "try get eid loop = 5"));
-    EXPECT_TRUE(once(out, "check whether eid valid"));
-    EXPECT_TRUE(contains(out, "RIL[save_eid_to_efs:N]: efs read failed and try save it. error_code : -2\n\n"
-                              "RIL[pelmox_efs_write:N]: function entry"))
-        << out;
-    EXPECT_TRUE(contains(out, "save eid efs result = 0\n"
-                              "RIL[save_eid_to_efs:N]: save eid successfully, set IS_EID_SAVE TRUE\n\n"
-                              "eID=" +
-                              kEid + "\n"))
-        << out;
-    auto reqs = uim_requests(sim);
-    EXPECT_EQ(count_prefix(reqs, "65:"), 5u);
-    auto file = sim.ctl({"efs", "get", "1", kEidFile});
-    EXPECT_EQ(file.exit_code, 0);
-    EXPECT_EQ(file.out, std::string("\x89\x04\x90\x32\x12\x34\x51\x23\x45\x12\x34\x56\x78\x90\x12\x35", 16));
-
-    // Next run: the file reads back, nothing is written; traces off leave only the transport and result lines.
-    out = esim(sim, 1, 0);
-    EXPECT_EQ(out, k_open + send_ok(16) + send_ok(444) + "eID=" + kEid + "\n");
-}
-
-TEST(UimEsim, EidNeverReadyBadCheckAndOptionThreeAttempts)
+TEST(UimEsim, EidAttemptsCheckFileTimeoutAndCardStatus)
 {
     SimHandset sim(R"({"uim": {"slots": {"1": {}, "2": {"selected": "euicc",
         "euicc": {"eid": "89049032123451234512345678901234", "eid_ready_after": 2}}}}})");
     // Option 3: two attempts, both not ready; nothing stored.
     sim.clear_journal();
     EXPECT_EQ(esim(sim, 3, 0), "value=FAILED\n");
-    EXPECT_EQ(count_prefix(uim_requests(sim), "65:"), 2u);
+    EXPECT_EQ(eid_requests(sim), 2u);
     // The third request since power up is answered: remainder 0 fails the check.
     EXPECT_EQ(esim(sim, 3, 0), "eID=89049032123451234512345678901234\n");
     std::string out = esim(sim, 1, 0);
@@ -253,22 +253,37 @@ TEST(UimEsim, EidNeverReadyBadCheckAndOptionThreeAttempts)
               "value=FAILED - 89049032123451234512345678901234\n");
     EXPECT_NE(sim.ctl({"efs", "get", "1", kEidFile}).exit_code, 0);
 
-    // Never ready: 30 attempts, then the timeout.
-    std::string never = R"({"uim": {"slots": {"1": {}, "2": {"euicc": {"eid": ")" + kEid +
-                        R"(", "eid_ready_after": 1000}}}}})";
-    load(sim, never);
+    // An eUICC answering on the fifth attempt: five polls, one check, one file write, none on the next run.
+    load(sim, R"({"uim": {"slots": {"1": {}, "2": {"euicc": {"eid": ")" + kEid + R"(", "eid_ready_after": 4}}}}})");
     sim.clear_journal();
     out = esim(sim, 1, 1);
-    EXPECT_TRUE(contains(out, "try get eid loop = 29\n"));
-    EXPECT_TRUE(contains(out, "RIL[pelmox_cmn_esim_test:N]: get eid timeout\nvalue=FAILED\n")) << out;
-    EXPECT_EQ(count_prefix(uim_requests(sim), "65:"), 30u);
-}
+    for (int i = 0; i < 5; ++i)
+        EXPECT_THAT(out, HasSubstr("try get eid loop = " + std::to_string(i) + "\n")) << i;
+    EXPECT_THAT(out, Not(HasSubstr("try get eid loop = 5")));
+    EXPECT_TRUE(once(out, "check whether eid valid"));
+    EXPECT_THAT(out, HasSubstr("RIL[save_eid_to_efs:N]: efs read failed and try save it. error_code : -2\n\n"
+                               "RIL[pelmox_efs_write:N]: function entry"));
+    EXPECT_THAT(out, HasSubstr("save eid efs result = 0\n"
+                               "RIL[save_eid_to_efs:N]: save eid successfully, set IS_EID_SAVE TRUE\n\neID=" + kEid +
+                               "\n"));
+    EXPECT_EQ(eid_requests(sim), 5u);
+    EXPECT_EQ(sim.ctl({"efs", "get", "1", kEidFile}).out, std::string("\x89\x04\x90\x32\x12\x34\x51\x23\x45\x12\x34\x56\x78\x90\x12\x35", 16));
 
-// Card status: only TLV 0x13 counts; a refusal reads UNKNOWN, only a transport failure fails; a powered-down slot
-// reports an error.
-TEST(UimEsim, CardStatusSources)
-{
-    SimHandset sim(R"({"uim": {"slots": {"1": {"power": "down"}}, "extended_card_status": false}})");
+    // Next run: the file reads back, nothing is written; traces off leave only the transport and result lines.
+    out = esim(sim, 1, 0);
+    EXPECT_EQ(out, k_open + send_ok(16) + send_ok(444) + "eID=" + kEid + "\n");
+
+    // Never ready: 30 attempts, then the timeout.
+    load(sim, R"({"uim": {"slots": {"1": {}, "2": {"euicc": {"eid": ")" + kEid + R"(", "eid_ready_after": 1000}}}}})");
+    sim.clear_journal();
+    out = esim(sim, 1, 1);
+    EXPECT_THAT(out, HasSubstr("try get eid loop = 29\n"));
+    EXPECT_THAT(out, HasSubstr("RIL[pelmox_cmn_esim_test:N]: get eid timeout\nvalue=FAILED\n"));
+    EXPECT_EQ(eid_requests(sim), 30u);
+
+    // Card status: only TLV 0x13 counts; a refusal reads UNKNOWN, only a transport failure fails; a powered-down
+    // slot reports an error.
+    load(sim, R"({"uim": {"slots": {"1": {"power": "down"}}, "extended_card_status": false}})");
     EXPECT_EQ(esim(sim, 4, 0), "UNKNOWN,UNKNOWN\n");
     load(sim, R"({"uim": {"extended_card_status": true}})");
     EXPECT_EQ(esim(sim, 4, 0), "ERROR,UNKNOWN\n");
@@ -276,77 +291,6 @@ TEST(UimEsim, CardStatusSources)
     EXPECT_EQ(esim(sim, 4, 0), "UNKNOWN,UNKNOWN\n");
     fault(sim, "0x2f", "truncate");
     EXPECT_EQ(esim(sim, 4, 0), "value=FAILED\n");
-}
-
-// A modem restart between requests closes the channels a failed reset left open; the next run finds the service
-// back and channel 1 free again.
-TEST(UimEsim, RestartClosesChannelsAndTheNextRequestRecovers)
-{
-    SimHandset sim(R"({"uim": {"slots": {"1": {}, "2": {"selected": "euicc",
-        "euicc": {"eid": ")" + kEid + R"("}}}}})");
-    for (int channel = 1; channel <= 3; ++channel) {
-        fault(sim, "0x3b", "qmi-error=3");
-        std::string out = esim(sim, 5, 1);
-        EXPECT_TRUE(contains(out, "channel_id = " + std::to_string(channel) + "\n")) << out;
-        EXPECT_TRUE(contains(out, "pelmox_uim_send_apdu failed\n")) << out;
-    }
-    // All three open: the card refuses a fourth.
-    std::string out = esim(sim, 5, 1);
-    EXPECT_TRUE(contains(out, "pelmox_uim_open_channel failed\n")) << out;
-    EXPECT_TRUE(contains(out, "pelmox_uim_open_channel res = -1, channel_id = 255\nvalue=FAILED\n")) << out;
-
-    ASSERT_EQ(sim.ctl({"ssr", "300"}).exit_code, 0);
-    out = esim(sim, 5, 1);
-    EXPECT_TRUE(contains(out, "pelmox_uim_open_channel res = 0, channel_id = 1\n")) << out;
-    EXPECT_TRUE(contains(out, "delete profile successfully.\n")) << out;
-    EXPECT_TRUE(contains(out, "value=SUCCEED\n")) << out;
-
-    // `service uim down` does the same.
-    fault(sim, "0x3b", "qmi-error=3");
-    EXPECT_EQ(esim(sim, 5, 0), "value=FAILED\n");
-    ASSERT_EQ(sim.ctl({"service", "uim", "down"}).exit_code, 0);
-    ASSERT_EQ(sim.ctl({"service", "uim", "up"}).exit_code, 0);
-    out = esim(sim, 5, 1);
-    EXPECT_TRUE(contains(out, "channel_id = 1\n")) << out;
-}
-
-// Three failed EID requests: the third releases the client, the fourth creates a new one and gets the EID.
-TEST(UimEsim, ThreeFailedRequestsThenRecovery)
-{
-    SimHandset sim;
-    fault(sim, "0x65", "truncate", 3);
-    std::string out = esim(sim, 1, 1);
-    EXPECT_TRUE(once(out, "QMI error, try recovery")) << out;
-    size_t release = out.find("RIL[pelmox_uim_request_eid:N]: QMI error, try recovery\n"
-                              "RIL[uim_qmi_client_recovery:N]: uim_qmi_client_recovery qmi_client_release P\n"
-                              "RIL[uim_qmi_client_recovery:N]: function exit <-------------\n"
-                              "RIL[pelmox_uim_request_eid:N]: function exit <-------------\n");
-    ASSERT_NE(release, std::string::npos) << out;
-    EXPECT_LT(out.find("try get eid loop = 2"), release);
-    EXPECT_GT(out.find("try get eid loop = 3"), release);
-    EXPECT_TRUE(contains(out.substr(release), "pelmox_uim_request_eid try init_uim_qmi_client P\n"));
-    EXPECT_TRUE(contains(out, "eID=" + kEid + "\n"));
-}
-
-TEST(UimWire, PowerChannelApduAndCloseBytes)
-{
-    SimHandset sim;
-    sim.clear_journal();
-    esim(sim, 2, 0); // power down/up for the physical card
-    esim(sim, 1, 0); // and for the eUICC
-    esim(sim, 5, 0);
-    esim(sim, 4, 0);
-    EXPECT_EQ(uim_requests(sim), (std::vector<std::string>{
-        "30: 01=02",
-        "31: 01=02 10=00 11=00",
-        "30: 01=02",
-        "31: 01=02 10=01 11=00",
-        "65: 01=02",
-        "42: 01=02 10=10a0000005591010ffffffff8900000100 11=01",
-        "3b: 01=02 02=0d0080e2910007bf3404820205e000 10=01 11=01",
-        "3f: 01=02 11=01 13=00",
-        "2f: 10=01",
-                                  }));
 }
 
 } // namespace

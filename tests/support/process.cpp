@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -24,18 +23,13 @@ namespace {
 
 std::vector<std::string> build_env(const ProcessOptions &opt)
 {
-    std::map<std::string, std::string> env;
+    std::vector<std::string> out;
     for (char **e = environ; *e; ++e)
-        if (const char *eq = strchr(*e, '='))
-            env[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
+        if (const char *eq = strchr(*e, '='); eq && !opt.env.count(std::string(*e, static_cast<size_t>(eq - *e))))
+            out.push_back(*e);
     for (const auto &[k, v] : opt.env)
         if (v)
-            env[k] = *v;
-        else
-            env.erase(k);
-    std::vector<std::string> out;
-    for (const auto &[k, v] : env)
-        out.push_back(k + "=" + v);
+            out.push_back(k + "=" + *v);
     return out;
 }
 
@@ -106,9 +100,8 @@ TempDir::~TempDir()
 
 std::string mask_trace_lines(const std::string &text)
 {
-    static const std::regex ril(R"((RIL\[[^\]:]*:)\d+\])");
-    static const std::regex sub(R"((SUB\[[^\]]*\]\[[^\]:]*:)\d+\])");
-    return std::regex_replace(std::regex_replace(text, ril, "$1N]"), sub, "$1N]");
+    static const std::regex line(R"(((?:RIL|SUB\[[^\]]*\])\[[^\]:]*:)\d+\])");
+    return std::regex_replace(text, line, "$1N]");
 }
 
 std::string masked_out(const ProcessResult &r)

@@ -41,8 +41,7 @@ private:
 // Replaces the line number in "RIL[name:N]" and "SUB[...][file:N]" with "N": traces compare without pinning them.
 std::string mask_trace_lines(const std::string &text);
 
-// A kvn run's stdout, mask_trace_lines applied and the client handle of the transport's "handle = <n>,
-// client_handle" debug line shown as "H": both differ between builds and runs.
+// A kvn run's stdout with mask_trace_lines applied and the transport's client handle shown as "H".
 std::string masked_out(const ProcessResult &r);
 
 // Polls pred every 10 ms until it holds or the timeout passes; says whether it held.

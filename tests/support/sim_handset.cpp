@@ -67,8 +67,7 @@ bool SimHandset::stop()
     return r.exit_code == 0;
 }
 
-// The daemon's stdio goes to <state>/kvn-sim.log; a sanitizer report there
-// (from an asan/tsan build of kvn-sim) fails the test that ran it.
+// A sanitizer report in the daemon's <state>/kvn-sim.log fails the test that ran it.
 void SimHandset::check_daemon_log() const
 {
     std::stringstream log;

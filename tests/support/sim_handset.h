@@ -1,5 +1,4 @@
-// sim_handset.h - kvn-sim as a daemon on a fresh state directory and socket of its own (so tests run in parallel),
-// with helpers to run kvn and kvn-sim control commands against it.
+// sim_handset.h - kvn-sim as a daemon on a state directory and socket of its own, and kvn run against it.
 #pragma once
 
 #include <string>
@@ -10,15 +9,13 @@
 namespace kvn_test {
 
 std::string kvn_bin(); // the built kvn ($KVN_TEST_KVN_BIN overrides)
-// The words of $KVN_TEST_KVN_WRAPPER (say "/usr/bin/qemu-aarch64 -L /usr/aarch64-linux-gnu" for an arm64 kvn; the
-// first word is a path, not looked up in PATH), then kvn_bin().
+// The words of $KVN_TEST_KVN_WRAPPER (an emulator's path and options for an arm64 kvn), then kvn_bin().
 std::vector<std::string> kvn_command();
 std::string kvn_sim_bin(); // the built kvn-sim ($KVN_TEST_SIM_BIN overrides)
 
 class SimHandset {
 public:
-    // Starts `kvn-sim start` on <dir>/state and <dir>/sim.sock, with the scenario when not empty. Fails the current
-    // test (ADD_FAILURE) when it does not start.
+    // `kvn-sim start` on <dir>/state and <dir>/sim.sock with the scenario if any; the test fails if it does not start.
     explicit SimHandset(const std::string &scenario_json = "");
     ~SimHandset(); // kvn-sim stop; the directory is removed
     SimHandset(const SimHandset &) = delete;
@@ -29,8 +26,7 @@ public:
     std::string state_dir() const { return dir_.path() + "/state"; }
     const std::string &dir() const { return dir_.path(); }
 
-    // Runs kvn (arguments without the program name) against this handset. Print flags are pinned (shell 1, log 0)
-    // unless opt.env or this process's environment sets them. A non-zero exit (kvn always exits 0) fails the test.
+    // Runs kvn with args; print flags shell 1, log 0 unless set by opt.env or the environment. Exit != 0 fails.
     ProcessResult kvn(const std::vector<std::string> &args, ProcessOptions opt = {}) const;
     // Runs `kvn-sim <args...> --socket <socket>`.
     ProcessResult ctl(const std::vector<std::string> &args, ProcessOptions opt = {}) const;
