@@ -10,11 +10,11 @@
 // Linked statically (KVN_PREFAULT_AT_ENTRY), the program enters at
 // kvn_prefault_start, which does this before the C library's own start-up:
 // that start-up alone (CPU features, tunables, the string functions'
-// resolvers, spread over the whole code) touches a dozen windows. The
-// read-only segments are mapped, and the writable one for reading (pages the
-// start-up only reads take no fault; a write still takes its own). Linked
-// dynamically (sanitizer builds), a constructor that runs before any other
-// maps the read-only segments instead.
+// resolvers, spread over the whole code) touches a dozen windows. Only the
+// read-only segments are mapped: most pages of the writable one are written,
+// which faults again whatever was mapped before. Linked dynamically
+// (sanitizer builds), a constructor that runs before any other maps the
+// read-only segments instead.
 //
 // It also keeps malloc to one arena: the QMI client's reader thread would
 // otherwise map and fault in an arena of its own for the few blocks it uses.
@@ -82,13 +82,22 @@ extern "C" __attribute__((used, no_stack_protector, no_profile_instrument_functi
             bias = reinterpret_cast<uintptr_t>(eh) - ph[i].p_vaddr;
             break;
         }
+    // Adjacent segments (header, code, constants) go in one call.
+    uintptr_t from = 0, to = 0;
     for (int i = 0; i < eh->e_phnum; ++i) {
-        if (ph[i].p_type != PT_LOAD)
+        if (ph[i].p_type != PT_LOAD || (ph[i].p_flags & PF_W))
             continue;
         uintptr_t begin = (bias + ph[i].p_vaddr) & ~(page - 1);
         uintptr_t end = (bias + ph[i].p_vaddr + ph[i].p_memsz + page - 1) & ~(page - 1);
-        raw_madvise(begin, end - begin);
+        if (begin != to) {
+            if (to != from)
+                raw_madvise(from, to - from);
+            from = begin;
+        }
+        to = end;
     }
+    if (to != from)
+        raw_madvise(from, to - from);
 }
 
 // The entry point: keeps what the C library's _start reads from the kernel
