@@ -210,19 +210,23 @@ std::optional<uint64_t> ModemStore::efs_size(unsigned sub, const std::string &pa
 std::optional<Bytes> ModemStore::efs_read(unsigned sub, const std::string &path, uint64_t offset, size_t len,
                                           uint64_t *size) const
 {
-    std::string name;
-    auto d = efs_parent(sub, path, &name);
-    UniqueFd fd(d ? openat(d.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC) : -1);
-    struct stat st;
-    if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
-        return std::nullopt;
-    const auto file_size = static_cast<uint64_t>(st.st_size);
+    if (!last_read_.fd || last_read_.sub != sub || last_read_.path != path) {
+        last_read_.fd.reset();
+        std::string name;
+        auto d = efs_parent(sub, path, &name);
+        UniqueFd fd(d ? openat(d.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC) : -1);
+        struct stat st;
+        if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+            return std::nullopt;
+        last_read_ = {sub, path, std::move(fd), static_cast<uint64_t>(st.st_size)};
+    }
+    const uint64_t file_size = last_read_.size;
     if (size)
         *size = file_size;
     Bytes out(offset < file_size ? static_cast<size_t>(std::min<uint64_t>(len, file_size - offset)) : 0);
     size_t got = 0;
     while (got < out.size()) {
-        ssize_t n = pread(fd.get(), out.data() + got, out.size() - got, static_cast<off_t>(offset + got));
+        ssize_t n = pread(last_read_.fd.get(), out.data() + got, out.size() - got, static_cast<off_t>(offset + got));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
@@ -235,6 +239,7 @@ std::optional<Bytes> ModemStore::efs_read(unsigned sub, const std::string &path,
 
 bool ModemStore::efs_put(unsigned sub, const std::string &path, const Bytes &data, std::string *err)
 {
+    last_read_.fd.reset(); // whatever happens below, the next read opens the file again
     std::string why;
     if (sub >= kSubs || !efs_path_ok(path, &why) || data.size() > kMaxEfsFile) {
         if (err)
@@ -297,6 +302,7 @@ bool ModemStore::efs_can_put(unsigned sub, const std::string &path, std::string 
 
 bool ModemStore::efs_rm(unsigned sub, const std::string &path)
 {
+    last_read_.fd.reset();
     if (sub >= kSubs || !efs_path_ok(path))
         return false;
     auto [rel, name] = efs_split(sub, path);

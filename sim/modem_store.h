@@ -86,6 +86,16 @@ private:
     // whole when it holds kNvCacheMax items.
     static constexpr size_t kNvCacheMax = 4096;
     mutable std::map<std::pair<unsigned, uint16_t>, std::optional<Bytes>> nv_cache_;
+    // The EFS file last read, kept open with its size for the next chunk of
+    // the same read (a file moves in 424-byte chunks). Every EFS change goes
+    // through efs_put or efs_rm, which drop it.
+    struct OpenEfsFile {
+        unsigned sub = 0;
+        std::string path;
+        UniqueFd fd;
+        uint64_t size = 0;
+    };
+    mutable OpenEfsFile last_read_;
     FsyncQueue *later_ = nullptr;
 };
 

@@ -190,6 +190,7 @@ TEST_F(NvEfsTest, WritesWithAnFsyncQueueAreVisibleAtOnceAndReleaseTheirDescripto
             ASSERT_EQ(pattern(10, uint8_t(i)), h.store.nv_get(1, 550));
         }
         q.drain();
+        EXPECT_FALSE(h.store.efs_read(0, "/q/none", 0, 1)); // lets go of the file last read, kept open until now
         EXPECT_EQ(before, open_fds());
         for (int twice = 0; twice < 2; ++twice) // the NV directory stays open: listing it must start over
             EXPECT_EQ(std::vector<uint16_t>{550}, h.store.nv_list(1));
