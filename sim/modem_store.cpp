@@ -180,21 +180,32 @@ bool ModemStore::efs_path_ok(const std::string &path, std::string *why)
     return true;
 }
 
-std::pair<std::string, std::string> ModemStore::efs_split(unsigned sub, const std::string &path)
+namespace {
+
+// An EFS path's directory part (from the EFS root, "" for a file at the root)
+// and its file name; the path is one efs_path_ok() accepts.
+std::pair<std::string_view, std::string> split_efs_path(const std::string &path)
 {
     size_t end = path.find_last_not_of('/');
     size_t slash = path.rfind('/', end);
-    return {"efs/sub" + std::to_string(sub) + path.substr(0, slash), path.substr(slash + 1, end - slash)};
+    return {std::string_view(path).substr(0, slash), path.substr(slash + 1, end - slash)};
+}
+
+} // namespace
+
+std::pair<std::string, std::string> ModemStore::efs_split(unsigned sub, const std::string &path)
+{
+    auto [dir, name] = split_efs_path(path);
+    return {"efs/sub" + std::to_string(sub) + std::string(dir), name};
 }
 
 UniqueFd ModemStore::efs_parent(unsigned sub, const std::string &path, std::string *name) const
 {
     if (sub >= kSubs || !efs_path_ok(path))
         return UniqueFd();
-    size_t end = path.find_last_not_of('/');
-    size_t slash = path.rfind('/', end);
-    *name = path.substr(slash + 1, end - slash);
-    return open_dir_beneath(efs_fd_[sub].get(), std::string_view(path).substr(0, slash), false);
+    auto [dir, file] = split_efs_path(path);
+    *name = std::move(file);
+    return open_dir_beneath(efs_fd_[sub].get(), dir, false);
 }
 
 std::optional<uint64_t> ModemStore::efs_size(unsigned sub, const std::string &path) const

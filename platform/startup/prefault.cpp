@@ -3,9 +3,10 @@
 // A short-lived process pays for its code page by page: every first touch of
 // a 64 KiB window of the program's code is a page fault, and on the virtual
 // machines the lab runs on one fault costs about as much as thirty system
-// calls. This maps the program's segments in one madvise call each, so the
-// faults the run would take one at a time are not taken at all. Kernels
-// without MADV_POPULATE_READ (before 5.14) refuse it and nothing changes.
+// calls. This maps the program's read-only segments (code and constants) in
+// one madvise call, so the faults the run would take one at a time are not
+// taken at all. Kernels without MADV_POPULATE_READ (before 5.14) refuse it
+// and nothing changes.
 //
 // Linked statically (KVN_PREFAULT_AT_ENTRY), the program enters at
 // kvn_prefault_start, which does this before the C library's own start-up:
@@ -65,7 +66,8 @@ extern "C" const ElfW(Ehdr) __ehdr_start; // the program's ELF header, mapped wi
 // Runs on the process's first stack, before the C library is set up: no
 // library calls, no thread-local storage. `sp` is the initial stack pointer
 // (argc, argv, envp, then the auxiliary vector, which gives the page size).
-extern "C" __attribute__((used, no_stack_protector, no_profile_instrument_function)) void kvn_prefault_image(const uintptr_t *sp)
+extern "C" __attribute__((used, no_stack_protector, no_profile_instrument_function)) void
+kvn_prefault_image(const uintptr_t *sp)
 {
     const uintptr_t *p = sp + 1 + sp[0] + 1; // past argc and argv's terminator
     while (*p)
